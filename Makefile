@@ -1,0 +1,62 @@
+# Entry points for people and CI. Every target first makes sure the Debian packages are
+# there (scripts/install-deps does nothing when they are).
+PRESET ?= dev
+JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 60
+CMAKE ?= cmake
+CTEST ?= ctest
+SHELL := /bin/bash
+
+.PHONY: all deps build test sanitize fuzz-smoke bench format format-check clean
+
+all: build
+
+deps:
+	@./scripts/install-deps
+
+build: deps
+	$(CMAKE) --preset $(PRESET)
+	$(CMAKE) --build --preset $(PRESET) -j $(JOBS)
+
+test: build
+	$(CTEST) --preset $(PRESET) -j $(JOBS)
+
+sanitize:
+	$(MAKE) test PRESET=asan
+
+fuzz-smoke: deps
+	$(CMAKE) --preset fuzz
+	$(CMAKE) --build --preset fuzz -j $(JOBS)
+	@set -e; for f in build/fuzz/fuzz/fuzz_*; do \
+	    [ -x "$$f" ] || continue; \
+	    name=$$(basename $$f); \
+	    corpus=build/fuzz/corpus/$$name; mkdir -p $$corpus; \
+	    seeds=""; [ -d fuzz/corpus/$$name ] && seeds=fuzz/corpus/$$name; \
+	    echo "== $$name for $(FUZZ_SECONDS) s"; \
+	    QT_QPA_PLATFORM=offscreen $$f -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 \
+	        -print_final_stats=1 $$corpus $$seeds > build/fuzz/$$name.log 2>&1 \
+	        || { tail -n 60 build/fuzz/$$name.log; exit 1; }; \
+	    tail -n 12 build/fuzz/$$name.log; \
+	done
+
+bench: deps
+	$(CMAKE) --preset bench
+	$(CMAKE) --build --preset bench -j $(JOBS)
+	@mkdir -p build/bench
+	@set -e; for b in build/bench/bench/bench_*; do \
+	    [ -x "$$b" ] || continue; \
+	    name=$$(basename $$b); \
+	    echo "== $$name"; \
+	    QT_QPA_PLATFORM=offscreen $$b --benchmark_out=build/bench/$$name.json --benchmark_out_format=json; \
+	done
+
+FORMAT_FILES = $(shell git ls-files '*.cpp' '*.h')
+
+format: deps
+	clang-format -i $(FORMAT_FILES)
+
+format-check: deps
+	clang-format --dry-run --Werror $(FORMAT_FILES)
+
+clean:
+	rm -rf build

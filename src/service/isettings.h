@@ -1,0 +1,31 @@
+#pragma once
+
+#include <QString>
+#include <cstdint>
+
+namespace Velmora::Worksurface {
+
+// The worksurface configuration as the core reads it: surface type, console model (which
+// fixes the sections, the master and the serial devices), debug output and the firmware
+// image location.
+class ISettings
+{
+public:
+    virtual ~ISettings() = default;
+    virtual uint8_t type() const = 0;
+    virtual void setType(uint8_t type) = 0;
+    virtual uint8_t mode() const = 0;
+    virtual void setMode(uint8_t mode) = 0;
+    virtual bool debugEnabled() const = 0;
+    virtual void setDebugEnabled(bool enabled) = 0;
+    virtual uint8_t maxResendCount() const = 0;
+    virtual uint8_t sectionCount() const = 0;
+    virtual uint8_t stripCount() const = 0;
+    virtual uint8_t sideRotaryCount() const = 0;
+    virtual uint8_t masterStripCount() const = 0;
+    virtual uint8_t masterSectionIndex() const = 0;
+    virtual QString serialPortName(uint8_t section) const = 0;
+    virtual QString firmwarePath() const = 0;
+};
+
+}  // namespace Velmora::Worksurface

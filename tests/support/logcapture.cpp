@@ -1,0 +1,121 @@
+#include "support/logcapture.h"
+
+#include <QMutex>
+#include <QMutexLocker>
+#include <QStringList>
+#include <QtTest/QTest>
+
+namespace {
+
+LogCapture* g_current = nullptr;
+QMutex g_mutex;
+
+const char* levelName(QtMsgType type)
+{
+    switch (type) {
+        case QtDebugMsg:
+            return "debug";
+        case QtInfoMsg:
+            return "info";
+        case QtWarningMsg:
+            return "warning";
+        case QtCriticalMsg:
+            return "critical";
+        case QtFatalMsg:
+            return "fatal";
+    }
+    return "?";
+}
+
+}  // namespace
+
+LogCapture::LogCapture()
+{
+    QMutexLocker lock(&g_mutex);
+    m_outer = g_current;
+    g_current = this;
+    m_previous = qInstallMessageHandler(&LogCapture::handler);
+}
+
+LogCapture::~LogCapture()
+{
+    QMutexLocker lock(&g_mutex);
+    qInstallMessageHandler(m_previous);
+    g_current = m_outer;
+}
+
+void LogCapture::handler(QtMsgType type, const QMessageLogContext& context, const QString& msg)
+{
+    QtMessageHandler echoTo = nullptr;
+    {
+        QMutexLocker lock(&g_mutex);
+        if (!g_current) {
+            return;
+        }
+        g_current->m_lines.append(Line{type, msg});
+        if (g_current->m_echo) {
+            echoTo = g_current->m_previous;
+        }
+    }
+    if (echoTo) {
+        echoTo(type, context, msg);
+    }
+}
+
+QList<LogCapture::Line> LogCapture::lines() const
+{
+    QMutexLocker lock(&g_mutex);
+    return m_lines;
+}
+
+QStringList LogCapture::texts() const
+{
+    QStringList result;
+    for (const Line& line : lines()) {
+        result << line.text;
+    }
+    return result;
+}
+
+QStringList LogCapture::texts(QtMsgType level) const
+{
+    QStringList result;
+    for (const Line& line : lines()) {
+        if (line.level == level) {
+            result << line.text;
+        }
+    }
+    return result;
+}
+
+bool LogCapture::contains(QtMsgType level, const QString& text) const
+{
+    return count(level, text) > 0;
+}
+
+int LogCapture::count(QtMsgType level, const QString& text) const
+{
+    int n = 0;
+    for (const Line& line : lines()) {
+        if (line.level == level && line.text == text) {
+            ++n;
+        }
+    }
+    return n;
+}
+
+void LogCapture::clear()
+{
+    QMutexLocker lock(&g_mutex);
+    m_lines.clear();
+}
+
+void LogCapture::setEcho(bool echo)
+{
+    m_echo = echo;
+}
+
+char* toString(const LogCapture::Line& line)
+{
+    return QTest::toString(QStringLiteral("%1: %2").arg(levelName(line.level), line.text));
+}

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <QList>
+#include <QString>
+#include <QtGlobal>
+
+// Records every Qt log line (level and exact text) while it lives, instead of printing
+// it, so tests can compare whole lines. Nests: the previous handler comes back on
+// destruction.
+class LogCapture
+{
+public:
+    struct Line
+    {
+        QtMsgType level;
+        QString text;
+        bool operator==(const Line& other) const
+        {
+            return level == other.level && text == other.text;
+        }
+    };
+
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    QList<Line> lines() const;
+    QStringList texts() const;
+    // Lines of one level only, in order.
+    QStringList texts(QtMsgType level) const;
+    bool contains(QtMsgType level, const QString& text) const;
+    int count(QtMsgType level, const QString& text) const;
+    void clear();
+
+    // Also forward to the previous handler (for debugging a failing test).
+    void setEcho(bool echo);
+
+private:
+    static void handler(QtMsgType type, const QMessageLogContext& context, const QString& msg);
+    QtMessageHandler m_previous;
+    LogCapture* m_outer;
+    QList<Line> m_lines;
+    bool m_echo = false;
+};
+
+char* toString(const LogCapture::Line& line);
