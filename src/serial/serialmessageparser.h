@@ -19,13 +19,23 @@ public:
     void parse(const QByteArray& data);
     // Forgets pending bytes (the link was restarted).
     void clear();
-    // Bytes received but not yet consumed.
+    // Bytes received but not yet consumed. Inside messageReceived() this already excludes
+    // the frame being delivered and every byte before it.
     int pendingSize() const;
+    // A copy of the bytes received but not yet consumed.
+    QByteArray pending() const;
 
 protected:
     virtual void messageReceived(const SerialMessage& message) = 0;
     // At most once per parse() call, with every byte discarded in that call.
     virtual void badDataReceived(const QByteArray& data) = 0;
+
+private:
+    // Received bytes; the first m_consumed of them are already used up. Consumed bytes are
+    // cut off once per parse() call, never one at a time, so that resynchronising through
+    // a flood of noise stays linear in its size.
+    QByteArray m_pending;
+    int m_consumed = 0;
 };
 
 }  // namespace Velmora::Worksurface
