@@ -1,0 +1,469 @@
+#include "updater/sectionupdater.h"
+
+#include <utility>
+
+#include "service/isettings.h"
+#include "service/logger.h"
+#include "tasks/itaskpool.h"
+#include "updater/isectionupdaterlistener.h"
+#include "updater/startautoupdatetask.h"
+
+namespace Velmora::Worksurface {
+
+namespace {
+
+const QString kPrefix = QStringLiteral("WS UPDATER: ");
+
+uint8_t byteAt(const QByteArray& bytes, int index)
+{
+    return static_cast<uint8_t>(bytes.at(index));
+}
+
+void appendBigEndian32(QByteArray& bytes, uint32_t value)
+{
+    bytes.append(static_cast<char>((value >> 24) & 0xFF));
+    bytes.append(static_cast<char>((value >> 16) & 0xFF));
+    bytes.append(static_cast<char>((value >> 8) & 0xFF));
+    bytes.append(static_cast<char>(value & 0xFF));
+}
+
+// Clears a flag on every way out of a scope, so a throwing listener cannot leave the
+// updater believing it is still inside dataReceived.
+class FlagGuard
+{
+public:
+    explicit FlagGuard(bool& flag) : m_flag(flag) { m_flag = true; }
+    ~FlagGuard() { m_flag = false; }
+    FlagGuard(const FlagGuard&) = delete;
+    FlagGuard& operator=(const FlagGuard&) = delete;
+
+private:
+    bool& m_flag;
+};
+
+}  // namespace
+
+SectionUpdater::SectionUpdater(std::shared_ptr<ITaskPool> taskPool,
+                               std::shared_ptr<ISettings> settings, std::shared_ptr<Logger> logger)
+    : m_taskPool(std::move(taskPool)), m_settings(std::move(settings)), m_logger(std::move(logger))
+{}
+
+// The pending auto-update task goes with the updater; the pool only holds it weakly and
+// drops it without running it.
+SectionUpdater::~SectionUpdater() = default;
+
+bool SectionUpdater::isActive() const
+{
+    return m_state != Idle;
+}
+
+bool SectionUpdater::isUpdating() const
+{
+    return m_updating;
+}
+
+void SectionUpdater::start(ISectionUpdaterListener* listener)
+{
+    m_listener = listener;
+    m_buffer.clear();
+    ++m_bufferGeneration;
+    m_updating = false;
+    if (m_firmwareFile.isOpen()) {
+        m_firmwareFile.close();
+    }
+    sendAutoBaud();
+}
+
+void SectionUpdater::dataReceived(const QByteArray& data)
+{
+    m_buffer.append(data);
+    if (m_processing) {
+        // Entered again from a listener call: the loop below is still running and takes
+        // these bytes in their turn.
+        return;
+    }
+    FlagGuard processing(m_processing);
+
+    // The loop reads by position and removes what it consumed once at the end: noise is
+    // skipped byte by byte, and removing each byte from the front would make that quadratic.
+    uint64_t generation = m_bufferGeneration;
+    int pos = 0;
+    bool stop = false;
+    while (!stop && pos < m_buffer.size()) {
+        const uint8_t b = byteAt(m_buffer, pos);
+        switch (b) {
+            case 0x00:
+                // The bootloader pads with zeros; they carry nothing.
+                ++pos;
+                break;
+            case BootloaderCommand::CommandNak:
+                ++pos;
+                handleNak();
+                break;
+            case BootloaderCommand::NotBootLoader:
+                // The section runs its application: the exchange is over. Whatever came
+                // after the answer is left for the next call.
+                ++pos;
+                if (m_logger) {
+                    m_logger->info(kPrefix +
+                                   QStringLiteral("Received not in bootloader. Finished updating"));
+                }
+                setState(Idle);
+                stop = true;
+                break;
+            case BootloaderCommand::CommandAck:
+                ++pos;
+                handleAck();
+                break;
+            default: {
+                if (m_lastPacket.command == BootloaderCommand::AutoBaud) {
+                    // Until the bootloader has locked onto the baud rate it may echo noise.
+                    ++pos;
+                    break;
+                }
+                // A size byte: size, checksum, status and any further bytes, the size byte
+                // counting itself.
+                const int length = b - 1;
+                const int available = m_buffer.size() - pos - 1;
+                if (length > available) {
+                    // Incomplete: keep the size byte in front and wait for the rest.
+                    stop = true;
+                    break;
+                }
+                ++pos;
+                if (length < 2) {
+                    if (m_logger) {
+                        m_logger->warning(
+                            kPrefix + QStringLiteral("Invalid message lenght < 2. Skipping data."));
+                    }
+                    break;
+                }
+                const uint8_t checksum = byteAt(m_buffer, pos);
+                uint8_t sum = 0;
+                for (int i = 1; i < length; ++i) {
+                    sum = static_cast<uint8_t>(sum + byteAt(m_buffer, pos + i));
+                }
+                if (checksum != sum) {
+                    // Resynchronise on the byte after the size byte.
+                    if (m_logger) {
+                        m_logger->warning(kPrefix +
+                                          QStringLiteral("Invalid checksum skipping byte."));
+                    }
+                    break;
+                }
+                const uint8_t status = byteAt(m_buffer, pos + 1);
+                pos += length;
+                handleStatus(status);
+                break;
+            }
+        }
+        if (generation != m_bufferGeneration) {
+            // A listener call restarted the updater, which cleared the buffer: what is in it
+            // now is new and is read from its start.
+            generation = m_bufferGeneration;
+            pos = 0;
+        }
+    }
+
+    m_buffer.remove(0, pos);
+    if (m_buffer.size() > kMaxPendingBytes) {
+        m_buffer.remove(0, m_buffer.size() - kMaxPendingBytes);
+    }
+}
+
+void SectionUpdater::runAutoUpdate()
+{
+    if (m_logger) {
+        m_logger->debug(kPrefix + QStringLiteral("Run auto updater task after timeout."));
+    }
+    // Released here, but destroyed only on the way out: this runs inside the task's own run.
+    const std::shared_ptr<StartAutoUpdateTask> finished = std::move(m_autoUpdateTask);
+    sendAutoBaud();
+}
+
+void SectionUpdater::setState(int32_t state)
+{
+    if (state == m_state) {
+        return;
+    }
+    m_state = state;
+    if (m_listener) {
+        m_listener->updaterStateChanged();
+    }
+}
+
+// Every packet that expects an acknowledgement goes through here: it becomes the packet a
+// NAK resends and an ACK refers to. Without a listener there is no line to write to; the
+// packet is still recorded so that the exchange's bookkeeping stays the same.
+void SectionUpdater::sendPacket(BootloaderPacket packet)
+{
+    m_lastPacket = packet;
+    setState(Exchanging);
+    if (m_listener) {
+        m_listener->sendBootloaderPacket(packet);
+    }
+}
+
+// AutoBaud opens an exchange; with nobody to send it there is no exchange to open, so the
+// updater stays as it is (idle until start gives it a listener).
+void SectionUpdater::sendAutoBaud()
+{
+    if (!m_listener) {
+        return;
+    }
+    sendPacket(BootloaderPacket(BootloaderCommand::AutoBaud));
+}
+
+void SectionUpdater::notifyProgress(uint8_t percent)
+{
+    if (m_listener) {
+        m_listener->updateProgress(percent);
+    }
+}
+
+void SectionUpdater::notifyFailed(int reason)
+{
+    if (m_listener) {
+        m_listener->failed(reason);
+    }
+}
+
+void SectionUpdater::handleAck()
+{
+    m_resendCount = 0;
+    if (m_state != Exchanging) {
+        return;
+    }
+    const uint8_t command = m_lastPacket.command;
+    m_lastPacket = BootloaderPacket(BootloaderCommand::NoPacket);
+    switch (command) {
+        case BootloaderCommand::Ping:
+            if (m_logger) {
+                m_logger->debug(kPrefix + QStringLiteral("Ping acknowledged start firmware load."));
+            }
+            takeNextStep();
+            break;
+        case BootloaderCommand::GetStatus:
+            if (m_logger) {
+                m_logger->debug(
+                    kPrefix + QStringLiteral("Status message acknowledged. Waiting status reply."));
+            }
+            setState(WaitingForStatus);
+            break;
+        case BootloaderCommand::Reset:
+            if (m_logger) {
+                m_logger->debug(
+                    kPrefix +
+                    QStringLiteral("Reset acknowledged register task for sending AutoBaud."));
+            }
+            m_autoUpdateTask = std::make_shared<StartAutoUpdateTask>(this);
+            if (m_taskPool) {
+                m_taskPool->scheduleOnce(kAutoUpdateDelayMs, m_autoUpdateTask);
+            }
+            break;
+        case BootloaderCommand::AutoBaud:
+            if (m_logger) {
+                m_logger->info(kPrefix + QStringLiteral("Starting WS update"));
+            }
+            beginUpdate();
+            break;
+        default:
+            // Download and SendData; also an ACK with nothing pending, which asks for the
+            // status all the same.
+            if (m_logger) {
+                m_logger->debug(kPrefix +
+                                QStringLiteral("Message acknowledged requesting status."));
+            }
+            sendPacket(BootloaderPacket(BootloaderCommand::GetStatus));
+            break;
+    }
+}
+
+void SectionUpdater::handleNak()
+{
+    if (m_state != Exchanging) {
+        return;
+    }
+    const uint8_t maxResends = m_settings ? m_settings->maxResendCount() : 0;
+    if (m_resendCount < maxResends) {
+        if (m_logger) {
+            m_logger->info(kPrefix + QStringLiteral("TIVA requests resending of last message."));
+        }
+        ++m_resendCount;
+        sendPacket(m_lastPacket);
+        return;
+    }
+    setState(Failed);
+    if (m_logger) {
+        m_logger->critical(kPrefix +
+                           QStringLiteral("Update failed. Unable to send message after %1 retries")
+                               .arg(static_cast<unsigned>(m_resendCount)));
+    }
+    notifyFailed(ISectionUpdaterListener::ResendsExhausted);
+    finish();
+}
+
+void SectionUpdater::handleStatus(uint8_t status)
+{
+    // The acknowledgement of a status reply is an answer, not a packet of the exchange: it
+    // expects nothing back, so it neither becomes the last packet nor changes the state
+    // (the state decides below what the reply means).
+    if (m_listener) {
+        m_listener->sendBootloaderPacket(BootloaderPacket(BootloaderCommand::CommandAck));
+    }
+    const QString name = bootloaderCommandName(status);
+    if (m_logger) {
+        m_logger->debug(kPrefix + QStringLiteral("Received status message: %1.").arg(name));
+    }
+    if (m_state != WaitingForStatus) {
+        return;
+    }
+    if (status == BootloaderCommand::Success) {
+        takeNextStep();
+        return;
+    }
+    setState(Failed);
+    if (m_logger) {
+        m_logger->critical(kPrefix +
+                           QStringLiteral("Update aborted. Updater received error %1").arg(name));
+    }
+    notifyFailed(ISectionUpdaterListener::BootloaderErrorStatus);
+    finish();
+}
+
+void SectionUpdater::takeNextStep()
+{
+    if (!m_firmwareFile.isOpen()) {
+        loadFirmware();
+    } else if (!firmwareAtEnd()) {
+        sendNextBlock();
+    } else {
+        finish();
+    }
+}
+
+void SectionUpdater::beginUpdate()
+{
+    // An auto-update step that overtook a running update starts the image over.
+    if (m_firmwareFile.isOpen()) {
+        m_firmwareFile.close();
+    }
+    m_firmwareFile.setFileName(m_settings ? m_settings->firmwarePath() : QString());
+    if (m_firmwareFile.exists()) {
+        if (m_logger) {
+            m_logger->info(
+                kPrefix +
+                QStringLiteral("Updating WS code from file: %1").arg(m_firmwareFile.fileName()));
+        }
+        m_updating = true;
+        sendPacket(BootloaderPacket(BootloaderCommand::Ping));
+        return;
+    }
+    if (m_logger) {
+        m_logger->warning(
+            kPrefix +
+            QStringLiteral(
+                "Unable to update the worksurface from file: %1. The file does not exist.")
+                .arg(m_firmwareFile.fileName()));
+    }
+    setState(Failed);
+    notifyFailed(ISectionUpdaterListener::FirmwareFileError);
+    finish();
+}
+
+void SectionUpdater::loadFirmware()
+{
+    // Unbuffered, so that every block is read from the file as it is at that moment: a
+    // read-ahead buffer would keep sending bytes of a file that was cut short meanwhile.
+    if (!m_firmwareFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
+        setState(Failed);
+        if (m_logger) {
+            m_logger->critical(
+                kPrefix +
+                QStringLiteral("Update error. Unable to open the firmware file for reading"));
+        }
+        notifyFailed(ISectionUpdaterListener::FirmwareFileError);
+        finish();
+        return;
+    }
+    const qint64 size = m_firmwareFile.size();
+    if (m_logger) {
+        m_logger->debug(kPrefix +
+                        QStringLiteral("Start loading firmware file of %1 bytes.").arg(size));
+    }
+    // The bootloader erases and writes whole blocks; the last one is padded.
+    const qint64 blocks = (size + kBlockSize - 1) / kBlockSize;
+    const qint64 transferSize = blocks * kBlockSize;
+    QByteArray payload;
+    payload.reserve(8);
+    appendBigEndian32(payload, 0);
+    // The bootloader's field is 32 bits wide; no flash it serves comes near that.
+    appendBigEndian32(payload, static_cast<uint32_t>(transferSize));
+    sendPacket(BootloaderPacket(BootloaderCommand::Download, payload));
+    notifyProgress(0);
+}
+
+void SectionUpdater::finish()
+{
+    if (m_firmwareFile.isOpen()) {
+        m_firmwareFile.close();
+    }
+    m_updating = false;
+    if (m_logger) {
+        m_logger->debug(kPrefix +
+                        QStringLiteral("Finished updating. Reseting the microcontroller."));
+    }
+    sendPacket(BootloaderPacket(BootloaderCommand::Reset));
+}
+
+void SectionUpdater::sendNextBlock()
+{
+    char data[kBlockSize];
+    const qint64 read = m_firmwareFile.isOpen() ? m_firmwareFile.read(data, kBlockSize) : -1;
+    if (read < 0) {
+        // A file that cannot be read from is as good as one that is not open.
+        if (m_firmwareFile.isOpen()) {
+            m_firmwareFile.close();
+        }
+        setState(Failed);
+        if (m_logger) {
+            m_logger->critical(
+                kPrefix +
+                QStringLiteral("Update error. Unable to read from file. The file is not open."));
+        }
+        notifyFailed(ISectionUpdaterListener::FirmwareFileError);
+        finish();
+        return;
+    }
+    QByteArray block(data, static_cast<int>(read));
+    block.append(QByteArray(kBlockSize - static_cast<int>(read), static_cast<char>(0xFF)));
+    sendPacket(BootloaderPacket(BootloaderCommand::SendData, block));
+
+    if (firmwareAtEnd()) {
+        notifyProgress(100);
+        if (m_logger) {
+            m_logger->debug(kPrefix + QStringLiteral("Firmware file loaded."));
+        }
+        return;
+    }
+    const qint64 position = m_firmwareFile.pos();
+    const qint64 size = m_firmwareFile.size();
+    const auto percent = static_cast<uint8_t>(position * 100 / size);
+    notifyProgress(percent);
+    if (m_logger) {
+        m_logger->debug(kPrefix + QStringLiteral("Downloaded %1 of %2 bytes (%3%).")
+                                      .arg(position)
+                                      .arg(size)
+                                      .arg(static_cast<unsigned>(percent)));
+    }
+}
+
+// Also true when the read position has passed the size: a file cut short while it is being
+// sent ends the image there instead of sending padding for ever. It keeps the progress
+// division away from a zero size, too.
+bool SectionUpdater::firmwareAtEnd() const
+{
+    return m_firmwareFile.atEnd() || m_firmwareFile.pos() >= m_firmwareFile.size();
+}
+
+}  // namespace Velmora::Worksurface
