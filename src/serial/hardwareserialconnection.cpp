@@ -1,0 +1,179 @@
+#include "serial/hardwareserialconnection.h"
+
+#include <QDebug>
+#include <QMetaEnum>
+#include <QMutexLocker>
+
+#include "serial/iserialdatareceiver.h"
+
+namespace Velmora::Worksurface {
+
+namespace {
+
+// The enumerator's name, e.g. "DeviceNotFoundError", as it appears after "Error was:".
+const char* errorName(QSerialPort::SerialPortError error)
+{
+    const char* key = QMetaEnum::fromType<QSerialPort::SerialPortError>().valueToKey(error);
+    return key ? key : "";
+}
+
+}  // namespace
+
+// Log lines go straight to Qt's streams: the connection is built from a section index
+// and a port name only, without the surface's Logger. The section index is streamed as
+// a number (a uint8_t would print as a character); the port name is a QString and so is
+// quoted by the stream, e.g.
+//   WS section 1 serial port: "/dev/ttymxc1" ready and open.
+
+HardwareSerialConnection::HardwareSerialConnection(uint8_t sectionIndex, const QString& portName)
+    : m_sectionIndex(sectionIndex), m_portName(portName), m_port(std::make_unique<QSerialPort>())
+{
+    connect(m_port.get(), &QSerialPort::readyRead, this, &HardwareSerialConnection::readSerialData);
+    connect(m_port.get(), &QSerialPort::errorOccurred, this,
+            &HardwareSerialConnection::handleSerialPortError);
+}
+
+HardwareSerialConnection::~HardwareSerialConnection()
+{
+    // Closing the port on destruction must not call back into a half-destroyed object.
+    m_port->disconnect(this);
+}
+
+bool HardwareSerialConnection::isOpen() const
+{
+    return m_port->isOpen();
+}
+
+uint64_t HardwareSerialConnection::messageCount() const
+{
+    return m_messageCount;
+}
+
+void HardwareSerialConnection::setDataReceiver(ISerialDataReceiver* receiver)
+{
+    m_dataReceiver = receiver;
+}
+
+void HardwareSerialConnection::open()
+{
+    if (m_port->isOpen()) {
+        return;
+    }
+    m_port->setPortName(m_portName);
+    if (!m_port->open(QIODevice::ReadWrite)) {
+        qCritical() << "Unable to open WS section" << logIndex()
+                    << "serial port with name: " << m_portName;
+        qCritical() << "Error was:" << errorName(m_port->error());
+        return;
+    }
+    // The line settings are applied to the open device, in this order; the first that
+    // fails stops the rest.
+    const bool configured =
+        m_port->setBaudRate(QSerialPort::Baud115200, QSerialPort::AllDirections) &&
+        m_port->setDataBits(QSerialPort::Data8) && m_port->setParity(QSerialPort::NoParity) &&
+        m_port->setStopBits(QSerialPort::OneStop) &&
+        m_port->setFlowControl(QSerialPort::NoFlowControl);
+    if (!configured) {
+        const QSerialPort::SerialPortError error = m_port->error();
+        {
+            QMutexLocker lock(&m_mutex);
+            m_outputBuffer.clear();
+            if (m_port->isOpen()) {
+                m_port->close();
+            }
+        }
+        qCritical() << "Unable to set WS section" << logIndex()
+                    << "serial port properties for port: " << m_portName;
+        qCritical() << "Error was:" << errorName(error);
+        return;
+    }
+    m_outputBuffer.clear();
+    qDebug() << "WS section" << logIndex() << "serial port:" << m_portName << "ready and open.";
+}
+
+void HardwareSerialConnection::close()
+{
+    QMutexLocker lock(&m_mutex);
+    m_outputBuffer.clear();
+    if (m_port->isOpen()) {
+        m_port->close();
+    }
+}
+
+void HardwareSerialConnection::writeRaw(const BootloaderPacket& packet)
+{
+    QMutexLocker lock(&m_mutex);
+    writeLocked(encodeBootloaderPacket(packet));
+}
+
+void HardwareSerialConnection::sendMessage(const SerialMessage& message)
+{
+    QMutexLocker lock(&m_mutex);
+    m_outputBuffer.append(encode(message));
+    ++m_messageCount;
+}
+
+void HardwareSerialConnection::flush()
+{
+    QMutexLocker lock(&m_mutex);
+    writeLocked(m_outputBuffer);
+    // Whatever the write did, the buffer does not outlive the flush: nothing is resent.
+    m_outputBuffer.clear();
+}
+
+int HardwareSerialConnection::bufferedByteCount() const
+{
+    QMutexLocker lock(&m_mutex);
+    return m_outputBuffer.size();
+}
+
+void HardwareSerialConnection::writeLocked(const QByteArray& data)
+{
+    if (!m_port->isOpen() || data.isEmpty()) {
+        return;
+    }
+    // A short write is not retried: the section answers bad data with a serial error and
+    // the link recovers from that.
+    if (m_port->write(data) == -1) {
+        qCritical() << "Unable to write data to WS section" << logIndex();
+        qCritical() << "Error was:" << errorName(m_port->error());
+    }
+}
+
+void HardwareSerialConnection::readSerialData()
+{
+    if (!m_port->isOpen()) {
+        return;
+    }
+    const QByteArray data = m_port->readAll();
+    if (!data.isEmpty() && m_dataReceiver) {
+        m_dataReceiver->dataReceived(data);
+    }
+}
+
+void HardwareSerialConnection::handleSerialPortError(QSerialPort::SerialPortError error)
+{
+    switch (error) {
+        case QSerialPort::NoError:
+            break;
+        case QSerialPort::DeviceNotFoundError:
+            qDebug() << "Unable to open connection to WS section" << logIndex()
+                     << " Connection name:" << m_portName << "The device was not found.";
+            break;
+        case QSerialPort::WriteError:
+            qDebug() << "Error while writing data to the serial port" << m_portName;
+            break;
+        case QSerialPort::ReadError:
+            qDebug() << "Error while reading data from the serial port" << m_portName;
+            break;
+        case QSerialPort::TimeoutError:
+            qDebug() << "Timeout error in serial port" << m_portName;
+            break;
+        default:
+            qDebug() << "Serial port error in WS section" << logIndex()
+                     << "Error core:" << static_cast<int>(error);
+            break;
+    }
+}
+
+}  // namespace Velmora::Worksurface

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <QByteArray>
+#include <QMutex>
+#include <QObject>
+#include <QSerialPort>
+#include <QString>
+#include <cstdint>
+#include <memory>
+
+#include "serial/iserialconnection.h"
+
+namespace Velmora::Worksurface {
+
+class ISerialDataReceiver;
+
+// The byte pipe to one hardware section: its microcontroller's serial line (on the
+// console "/dev/ttymxc0" to "/dev/ttymxc2"), 115200 baud, 8N1, no flow control.
+//
+// Messages are encoded into an output buffer and written in one go on flush(), so a
+// supervision pass's burst of messages becomes one write. Failures only become log
+// lines: a lost or silent port is noticed by the section connection's time-outs, which
+// restart the link by close() and open().
+class HardwareSerialConnection : public QObject, public ISerialConnection
+{
+    Q_OBJECT
+public:
+    // The section index is only used in log lines. The port is created now; its name is
+    // set when the link is opened.
+    HardwareSerialConnection(uint8_t sectionIndex, const QString& portName);
+    ~HardwareSerialConnection() override;
+
+    bool isOpen() const override;
+    uint64_t messageCount() const override;
+    void setDataReceiver(ISerialDataReceiver* receiver) override;
+    void open() override;
+    void close() override;
+    void writeRaw(const BootloaderPacket& packet) override;
+    void sendMessage(const SerialMessage& message) override;
+    void flush() override;
+
+    // Bytes waiting in the output buffer for the next flush (diagnostics).
+    int bufferedByteCount() const;
+
+public slots:
+    // On the port's readyRead: hands every available byte to the data receiver.
+    void readSerialData();
+    // Logs the port's errors; recovery is the section connection's job.
+    void handleSerialPortError(QSerialPort::SerialPortError error);
+
+private:
+    // Writes data to the port; the caller holds m_mutex.
+    void writeLocked(const QByteArray& data);
+    int logIndex() const { return m_sectionIndex; }
+
+    uint8_t m_sectionIndex;
+    QString m_portName;
+    std::unique_ptr<QSerialPort> m_port;
+    ISerialDataReceiver* m_dataReceiver = nullptr;
+    QByteArray m_outputBuffer;
+    mutable QMutex m_mutex;
+    uint64_t m_messageCount = 0;
+};
+
+}  // namespace Velmora::Worksurface

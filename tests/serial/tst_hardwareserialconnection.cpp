@@ -1,0 +1,523 @@
+// HardwareSerialConnection against a real tty: the plugin's end opens the slave of a pty
+// whose master is played by PtySectionSimulator, exactly as it opens "/dev/ttymxcN".
+//
+// The log lines are Qt stream lines: items separated by one space, the section index as a
+// number, the port name quoted. With the section index 2 and the port "/dev/pts/7":
+//   debug    WS section 2 serial port: "/dev/pts/7" ready and open.
+//   debug    Unable to open connection to WS section 2  Connection name: "/dev/x" The device
+//            was not found.                       (two spaces: the text's own and the stream's)
+//   critical Unable to open WS section 2 serial port with name:  "/dev/x"
+//   critical Error was: DeviceNotFoundError
+//   debug    Error while reading data from the serial port "/dev/pts/7"
+//   debug    Serial port error in WS section 2 Error core: 8
+
+#include <QMetaEnum>
+#include <QSignalSpy>
+#include <QtTest/QtTest>
+#include <memory>
+
+#include "serial/hardwareserialconnection.h"
+#include "serial/iserialdatareceiver.h"
+#include "serial/serialmessage.h"
+#include "support/logcapture.h"
+#include "support/ptysectionsimulator.h"
+#include "updater/bootloaderpacket.h"
+
+using namespace Velmora::Worksurface;
+
+namespace {
+
+constexpr int Timeout = 5000;
+constexpr uint8_t Section = 2;
+
+// Stands where the section connection receives the bytes: records each delivery.
+class Receiver : public ISerialDataReceiver
+{
+public:
+    void dataReceived(const QByteArray& data) override { chunks.append(data); }
+    QByteArray bytes() const
+    {
+        QByteArray all;
+        for (const QByteArray& chunk : chunks) {
+            all += chunk;
+        }
+        return all;
+    }
+    QList<QByteArray> chunks;
+};
+
+QString quoted(const QString& text)
+{
+    return QLatin1Char('"') + text + QLatin1Char('"');
+}
+
+QString readyLine(const QString& port)
+{
+    return QStringLiteral("WS section 2 serial port: %1 ready and open.").arg(quoted(port));
+}
+
+}  // namespace
+
+class TestHardwareSerialConnection : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void openLogsReadyAndOpenLine();
+    void openSetsLineTo115200EightNoneOneWithoutFlowControl();
+    void openOnOpenPortChangesNothing();
+    void openOfMissingDeviceLogsNotFoundThenTwoCriticalLines();
+    void openFailureLeavesConnectionClosedAndItCanOpenLater();
+    void closeOnClosedPortLogsNothing();
+    void closeThenOpenAgainWorks();
+
+    void flushWithEmptyBufferWritesNothing();
+    void flushOnClosedPortDiscardsBufferedBytes();
+    void closeDiscardsBufferedBytes();
+    void sendMessageBuffersUntilFlush();
+    void sendMessageAndFlushWritesExactBytes();
+    void flushWritesBurstOfMessagesAsOneWrite();
+    void messageCountCountsMessagesNotBytesAcrossCloseAndOpen();
+
+    void writeRawWritesPacketAtOnceOutsideBuffer();
+    void writeRawWritesAutoBaudAsTwoBytes();
+    void writeRawOnClosedPortWritesNothing();
+
+    void receivedBytesReachDataReceiver();
+    void receivedBytesWithoutReceiverAreDropped();
+    void bytesSplitAtAnyPointArriveInOrder_data();
+    void bytesSplitAtAnyPointArriveInOrder();
+
+    void hangUpOfSectionReportsReadErrorsUntilClosed();
+
+    void errorTableLogLines_data();
+    void errorTableLogLines();
+
+private:
+    std::unique_ptr<PtySectionSimulator> m_sim;
+    std::unique_ptr<HardwareSerialConnection> m_connection;
+    Receiver m_receiver;
+};
+
+void TestHardwareSerialConnection::init()
+{
+    m_sim = std::make_unique<PtySectionSimulator>();
+    QVERIFY2(m_sim->isOpen(), qPrintable(m_sim->errorString()));
+    m_sim->setAnswersPings(false);
+    m_sim->setAnswersAutoBaudInApplication(false);
+    m_connection = std::make_unique<HardwareSerialConnection>(Section, m_sim->slavePath());
+    m_receiver = Receiver();
+    m_connection->setDataReceiver(&m_receiver);
+}
+
+void TestHardwareSerialConnection::cleanup()
+{
+    m_connection.reset();
+    m_sim.reset();
+}
+
+void TestHardwareSerialConnection::openLogsReadyAndOpenLine()
+{
+    LogCapture log;
+    QVERIFY(!m_connection->isOpen());
+    m_connection->open();
+    QVERIFY(m_connection->isOpen());
+    QCOMPARE(log.lines(), (QList<LogCapture::Line>{
+                              {QtDebugMsg, readyLine(m_sim->slavePath())},
+                          }));
+}
+
+void TestHardwareSerialConnection::openSetsLineTo115200EightNoneOneWithoutFlowControl()
+{
+    // A Linux pty always keeps 8 data bits and no parity; the baud rate, the stop bits
+    // and the flow control show what the connection set.
+    const PtySectionSimulator::LineSettings before = m_sim->lineSettings();
+    QCOMPARE(before.inputBaud, 9600);
+    QCOMPARE(before.stopBits, 2);
+    QCOMPARE(before.hardwareFlowControl, true);
+
+    m_connection->open();
+    QVERIFY(m_connection->isOpen());
+    const PtySectionSimulator::LineSettings line = m_sim->lineSettings();
+    QCOMPARE(line.inputBaud, 115200);
+    QCOMPARE(line.outputBaud, 115200);
+    QCOMPARE(line.dataBits, 8);
+    QCOMPARE(line.parity, false);
+    QCOMPARE(line.stopBits, 1);
+    QCOMPARE(line.hardwareFlowControl, false);
+    QCOMPARE(line.softwareFlowControl, false);
+    QCOMPARE(line.raw, true);
+}
+
+void TestHardwareSerialConnection::openOnOpenPortChangesNothing()
+{
+    m_connection->open();
+    QVERIFY(m_connection->isOpen());
+    m_connection->sendMessage(SerialMessage(7, 4, {0x01, 0x2C}));
+
+    LogCapture log;
+    m_connection->open();
+    QVERIFY(m_connection->isOpen());
+    QVERIFY(log.lines().isEmpty());
+    // The buffer was not cleared by the second open, as a successful open would.
+    QCOMPARE(m_connection->bufferedByteCount(), 6);
+    m_connection->flush();
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes(), QByteArray::fromHex("050704012c3d"), Timeout);
+}
+
+void TestHardwareSerialConnection::openOfMissingDeviceLogsNotFoundThenTwoCriticalLines()
+{
+    const QString missing = QStringLiteral("/dev/tarvix-no-such-section");
+    HardwareSerialConnection connection(1, missing);
+    LogCapture log;
+    connection.open();
+    QVERIFY(!connection.isOpen());
+    // The port reports the error while it opens, so the handler's line comes first.
+    QCOMPARE(
+        log.lines(),
+        (QList<LogCapture::Line>{
+            {QtDebugMsg, QStringLiteral("Unable to open connection to WS section 1  "
+                                        "Connection name: %1 The device was not found.")
+                             .arg(quoted(missing))},
+            {QtCriticalMsg, QStringLiteral("Unable to open WS section 1 serial port with name:  %1")
+                                .arg(quoted(missing))},
+            {QtCriticalMsg, QStringLiteral("Error was: DeviceNotFoundError")},
+        }));
+}
+
+void TestHardwareSerialConnection::openFailureLeavesConnectionClosedAndItCanOpenLater()
+{
+    // A second connection on a port that is in use cannot open it.
+    m_connection->open();
+    QVERIFY(m_connection->isOpen());
+    HardwareSerialConnection second(3, m_sim->slavePath());
+    {
+        LogCapture log;
+        second.open();
+        QVERIFY(!second.isOpen());
+        const QStringList critical = log.texts(QtCriticalMsg);
+        QCOMPARE(critical.size(), 2);
+        QCOMPARE(critical.at(0),
+                 QStringLiteral("Unable to open WS section 3 serial port with name:  %1")
+                     .arg(quoted(m_sim->slavePath())));
+        QVERIFY2(critical.at(1).startsWith(QStringLiteral("Error was: ")),
+                 qPrintable(critical.at(1)));
+    }
+    m_connection->close();
+    LogCapture log;
+    second.open();
+    QVERIFY(second.isOpen());
+    QCOMPARE(log.texts(), QStringList{QStringLiteral("WS section 3 serial port: %1 ready and open.")
+                                          .arg(quoted(m_sim->slavePath()))});
+}
+
+void TestHardwareSerialConnection::closeOnClosedPortLogsNothing()
+{
+    LogCapture log;
+    m_connection->close();
+    QVERIFY(!m_connection->isOpen());
+    m_connection->open();
+    m_connection->close();
+    m_connection->close();
+    QVERIFY(!m_connection->isOpen());
+    QCOMPARE(log.texts(), QStringList{readyLine(m_sim->slavePath())});
+}
+
+void TestHardwareSerialConnection::closeThenOpenAgainWorks()
+{
+    m_connection->open();
+    m_connection->close();
+    LogCapture log;
+    m_connection->open();
+    QVERIFY(m_connection->isOpen());
+    QCOMPARE(log.texts(), QStringList{readyLine(m_sim->slavePath())});
+    m_sim->sendRaw(QByteArray::fromHex("03000003"));
+    QTRY_COMPARE_WITH_TIMEOUT(m_receiver.bytes(), QByteArray::fromHex("03000003"), Timeout);
+}
+
+void TestHardwareSerialConnection::flushWithEmptyBufferWritesNothing()
+{
+    m_connection->open();
+    LogCapture log;
+    m_connection->flush();
+    m_connection->flush();
+    QVERIFY(log.lines().isEmpty());
+    // What arrives next is exactly the next frame: the empty flushes wrote nothing.
+    m_connection->sendMessage(SerialMessage(0, 0));
+    m_connection->flush();
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes(), QByteArray::fromHex("03000003"), Timeout);
+    QVERIFY(log.lines().isEmpty());
+}
+
+void TestHardwareSerialConnection::flushOnClosedPortDiscardsBufferedBytes()
+{
+    LogCapture log;
+    m_connection->sendMessage(SerialMessage(7, 4, {0x01, 0x2C}));
+    QCOMPARE(m_connection->bufferedByteCount(), 6);
+    m_connection->flush();
+    QCOMPARE(m_connection->bufferedByteCount(), 0);
+    QVERIFY(log.lines().isEmpty());
+
+    m_connection->open();
+    m_connection->sendMessage(SerialMessage(0, 0));
+    m_connection->flush();
+    // The discarded frame never arrives: the first bytes on the line are the new frame.
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes(), QByteArray::fromHex("03000003"), Timeout);
+}
+
+void TestHardwareSerialConnection::closeDiscardsBufferedBytes()
+{
+    m_connection->open();
+    m_connection->sendMessage(SerialMessage(7, 4, {0x01, 0x2C}));
+    m_connection->close();
+    QCOMPARE(m_connection->bufferedByteCount(), 0);
+}
+
+void TestHardwareSerialConnection::sendMessageBuffersUntilFlush()
+{
+    m_connection->open();
+    m_connection->sendMessage(SerialMessage(7, 4, {0x01, 0x2C}));
+    QCOMPARE(m_connection->bufferedByteCount(), 6);
+    // Writes reach the line in order: a marker written now arrives alone if the message
+    // is still held back.
+    m_connection->writeRaw(BootloaderPacket(BootloaderCommand::CommandAck));
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes(), QByteArray::fromHex("cc"), Timeout);
+    m_connection->flush();
+    QCOMPARE(m_connection->bufferedByteCount(), 0);
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes(), QByteArray::fromHex("cc050704012c3d"),
+                              Timeout);
+}
+
+void TestHardwareSerialConnection::sendMessageAndFlushWritesExactBytes()
+{
+    m_connection->open();
+    LogCapture log;
+    m_connection->sendMessage(SerialMessage(7, 4, {0x01, 0x2C}));
+    m_connection->flush();
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes(), QByteArray::fromHex("050704012c3d"), Timeout);
+    QCOMPARE(m_sim->receivedMessages().size(), 1);
+    QCOMPARE(m_sim->receivedMessages().at(0), SerialMessage(7, 4, {0x01, 0x2C}));
+    QVERIFY(m_sim->badBytes().isEmpty());
+    QVERIFY(log.lines().isEmpty());
+}
+
+void TestHardwareSerialConnection::flushWritesBurstOfMessagesAsOneWrite()
+{
+    m_connection->open();
+    QSignalSpy chunks(m_sim.get(), &PtySectionSimulator::bytesReceived);
+    m_connection->sendMessage(SerialMessage(7, 4, {0x01, 0x2C}));
+    m_connection->sendMessage(SerialMessage(0, 0));
+    m_connection->sendMessage(SerialMessage(6, 0, {0x80}));
+    m_connection->flush();
+    const QByteArray expected = QByteArray::fromHex(
+        "050704012c3d"
+        "03000003"
+        "04060080"
+        "8a");
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes(), expected, Timeout);
+    QCOMPARE(chunks.count(), 1);
+    QCOMPARE(m_sim->receivedMessages().size(), 3);
+}
+
+void TestHardwareSerialConnection::messageCountCountsMessagesNotBytesAcrossCloseAndOpen()
+{
+    QCOMPARE(m_connection->messageCount(), uint64_t(0));
+    m_connection->sendMessage(SerialMessage(7, 4, {0x01, 0x2C}));  // 6 bytes, closed
+    QCOMPARE(m_connection->messageCount(), uint64_t(1));
+    m_connection->open();
+    m_connection->sendMessage(SerialMessage(12, 3, {1, 2, 3, 0}));  // 8 bytes
+    m_connection->sendMessage(SerialMessage::makeZeroFill());       // 1,024 bytes
+    QCOMPARE(m_connection->messageCount(), uint64_t(3));
+    m_connection->flush();
+    m_connection->close();
+    QCOMPARE(m_connection->messageCount(), uint64_t(3));
+    m_connection->open();
+    m_connection->sendMessage(SerialMessage(0, 0));
+    QCOMPARE(m_connection->messageCount(), uint64_t(4));
+    // writeRaw is not a message.
+    m_connection->writeRaw(BootloaderPacket(BootloaderCommand::Ping));
+    QCOMPARE(m_connection->messageCount(), uint64_t(4));
+}
+
+void TestHardwareSerialConnection::writeRawWritesPacketAtOnceOutsideBuffer()
+{
+    m_connection->open();
+    m_connection->sendMessage(SerialMessage(7, 4, {0x01, 0x2C}));
+    m_connection->writeRaw(BootloaderPacket(BootloaderCommand::Ping));
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes(), QByteArray::fromHex("032020"), Timeout);
+    // The buffered message stays for the next flush.
+    QCOMPARE(m_connection->bufferedByteCount(), 6);
+    m_connection->flush();
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes(), QByteArray::fromHex("032020050704012c3d"),
+                              Timeout);
+}
+
+void TestHardwareSerialConnection::writeRawWritesAutoBaudAsTwoBytes()
+{
+    m_connection->open();
+    m_connection->writeRaw(BootloaderPacket(BootloaderCommand::AutoBaud));
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes(), QByteArray::fromHex("5555"), Timeout);
+    m_connection->writeRaw(BootloaderPacket(BootloaderCommand::CommandAck));
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes(), QByteArray::fromHex("5555cc"), Timeout);
+}
+
+void TestHardwareSerialConnection::writeRawOnClosedPortWritesNothing()
+{
+    LogCapture log;
+    m_connection->writeRaw(BootloaderPacket(BootloaderCommand::Ping));
+    QVERIFY(log.lines().isEmpty());
+    m_connection->open();
+    m_connection->writeRaw(BootloaderPacket(BootloaderCommand::Reset));
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes(), QByteArray::fromHex("032525"), Timeout);
+}
+
+void TestHardwareSerialConnection::receivedBytesReachDataReceiver()
+{
+    m_connection->open();
+    m_sim->sendVersionReport();
+    QTRY_COMPARE_WITH_TIMEOUT(m_receiver.bytes(), QByteArray::fromHex("0600000a22285a"), Timeout);
+}
+
+void TestHardwareSerialConnection::receivedBytesWithoutReceiverAreDropped()
+{
+    m_connection->setDataReceiver(nullptr);
+    m_connection->open();
+    m_sim->sendRaw(QByteArray::fromHex("03000003"));
+    QVERIFY(m_sim->waitUntilPeerHasRead(Timeout));
+    m_connection->setDataReceiver(&m_receiver);
+    m_sim->sendRaw(QByteArray::fromHex("03030006"));
+    QTRY_COMPARE_WITH_TIMEOUT(m_receiver.bytes(), QByteArray::fromHex("03030006"), Timeout);
+    QCOMPARE(m_receiver.chunks.size(), 1);
+}
+
+void TestHardwareSerialConnection::bytesSplitAtAnyPointArriveInOrder_data()
+{
+    QTest::addColumn<QList<int>>("sizes");
+    // A fader move, a version report and a button press: 6 + 7 + 5 bytes.
+    QTest::newRow("whole") << QList<int>{};
+    for (int cut = 1; cut < 18; ++cut) {
+        QTest::newRow(qPrintable(QStringLiteral("cut at %1").arg(cut))) << QList<int>{cut};
+    }
+    QList<int> bytes;
+    for (int i = 0; i < 18; ++i) {
+        bytes << 1;
+    }
+    QTest::newRow("byte by byte") << bytes;
+    QTest::newRow("1 5 2 9 1") << QList<int>{1, 5, 2, 9, 1};
+}
+
+void TestHardwareSerialConnection::bytesSplitAtAnyPointArriveInOrder()
+{
+    QFETCH(QList<int>, sizes);
+    const QByteArray stream =
+        PtySectionSimulator::encodeFrame(7, 4, QByteArray::fromHex("012c")) +
+        PtySectionSimulator::encodeFrame(0, 0, QByteArray::fromHex("0a2228")) +
+        PtySectionSimulator::encodeFrame(20, 21, QByteArray::fromHex("01"));
+    QCOMPARE(stream.size(), 18);
+    m_connection->open();
+    QVERIFY(m_sim->sendRawSplit(stream, sizes, Timeout));
+    QTRY_COMPARE_WITH_TIMEOUT(m_receiver.bytes(), stream, Timeout);
+    // The port reads on this thread and the simulator waited for each piece to be taken,
+    // so every piece arrived in a delivery of its own.
+    QList<QByteArray> expectedChunks;
+    int offset = 0;
+    for (int size : sizes) {
+        expectedChunks.append(stream.mid(offset, size));
+        offset += size;
+    }
+    if (offset < stream.size()) {
+        expectedChunks.append(stream.mid(offset));
+    }
+    QCOMPARE(m_receiver.chunks, expectedChunks);
+}
+
+void TestHardwareSerialConnection::hangUpOfSectionReportsReadErrorsUntilClosed()
+{
+    m_connection->open();
+    m_sim->sendRaw(QByteArray::fromHex("03000003"));
+    QTRY_COMPARE_WITH_TIMEOUT(m_receiver.bytes(), QByteArray::fromHex("03000003"), Timeout);
+
+    LogCapture log;
+    m_sim->hangUp();
+    // The slave of a closed pty reads as end of file. The port reports that as a read
+    // error, and again on every pass of the event loop, as long as the port stays open:
+    // the handler only logs, the section connection's restart (close, open) ends it.
+    QTRY_VERIFY_WITH_TIMEOUT(!log.lines().isEmpty(), Timeout);
+    m_connection->close();
+    QVERIFY(!m_connection->isOpen());
+    const QList<LogCapture::Line> lines = log.lines();
+    const LogCapture::Line readError{
+        QtDebugMsg, QStringLiteral("Error while reading data from the serial port %1")
+                        .arg(quoted(m_sim->slavePath()))};
+    for (const LogCapture::Line& line : lines) {
+        QCOMPARE(line, readError);
+    }
+    QVERIFY(m_receiver.bytes() == QByteArray::fromHex("03000003"));
+
+    // Closed, the port is quiet: let the event loop run over the dead descriptor's time.
+    QTest::qWait(50);
+    QCOMPARE(log.lines().size(), lines.size());
+}
+
+void TestHardwareSerialConnection::errorTableLogLines_data()
+{
+    QTest::addColumn<int>("error");
+    QTest::addColumn<QStringList>("lines");
+    const QString port = QStringLiteral("\"/dev/ttymxc2\"");
+    auto other = [](QSerialPort::SerialPortError error) {
+        return QStringList{
+            QStringLiteral("Serial port error in WS section 2 Error core: %1").arg(int(error))};
+    };
+    const QMetaEnum errors = QMetaEnum::fromType<QSerialPort::SerialPortError>();
+    for (int i = 0; i < errors.keyCount(); ++i) {
+        const auto error = static_cast<QSerialPort::SerialPortError>(errors.value(i));
+        QStringList lines;
+        switch (error) {
+            case QSerialPort::NoError:
+                break;
+            case QSerialPort::DeviceNotFoundError:
+                lines << QStringLiteral(
+                             "Unable to open connection to WS section 2  Connection name: %1 The "
+                             "device was not found.")
+                             .arg(port);
+                break;
+            case QSerialPort::WriteError:
+                lines << QStringLiteral("Error while writing data to the serial port %1").arg(port);
+                break;
+            case QSerialPort::ReadError:
+                lines
+                    << QStringLiteral("Error while reading data from the serial port %1").arg(port);
+                break;
+            case QSerialPort::TimeoutError:
+                lines << QStringLiteral("Timeout error in serial port %1").arg(port);
+                break;
+            default:
+                lines = other(error);
+                break;
+        }
+        QTest::newRow(errors.key(i)) << int(error) << lines;
+    }
+    // Spelled out, so that a change in the enumeration cannot hide one.
+    QTest::newRow("PermissionError is 2") << 2 << other(QSerialPort::PermissionError);
+    QTest::newRow("ResourceError is 9") << 9 << other(QSerialPort::ResourceError);
+    QTest::newRow("UnknownError is 11") << 11 << other(QSerialPort::UnknownError);
+}
+
+void TestHardwareSerialConnection::errorTableLogLines()
+{
+    QFETCH(int, error);
+    QFETCH(QStringList, lines);
+    HardwareSerialConnection connection(Section, QStringLiteral("/dev/ttymxc2"));
+    LogCapture log;
+    connection.handleSerialPortError(static_cast<QSerialPort::SerialPortError>(error));
+    QCOMPARE(log.texts(), lines);
+    for (const LogCapture::Line& line : log.lines()) {
+        QCOMPARE(line.level, QtDebugMsg);
+    }
+}
+
+QTEST_GUILESS_MAIN(TestHardwareSerialConnection)
+#include "tst_hardwareserialconnection.moc"
