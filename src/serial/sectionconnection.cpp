@@ -1,0 +1,308 @@
+#include "serial/sectionconnection.h"
+
+#include <QString>
+#include <utility>
+
+#include "serial/isectionstatelistener.h"
+#include "serial/iserialconnection.h"
+#include "serial/iserialmessagehandler.h"
+#include "serial/iserialmessagequeue.h"
+#include "service/logger.h"
+#include "tasks/itaskpool.h"
+#include "tasks/monotonicclock.h"
+#include "updater/isectionupdater.h"
+
+namespace Velmora::Worksurface {
+
+namespace {
+
+constexpr int64_t kNsPerMs = 1000000;
+
+QString number(uint8_t value)
+{
+    return QString::number(static_cast<unsigned>(value));
+}
+
+}  // namespace
+
+SectionConnection::SectionConnection(uint8_t sectionIndex,
+                                     std::shared_ptr<ISerialMessageHandler> rootHandler,
+                                     std::shared_ptr<ISerialMessageQueue> queue,
+                                     std::shared_ptr<ISerialConnection> connection,
+                                     std::shared_ptr<ITaskPool> taskPool,
+                                     std::unique_ptr<ISectionUpdater> updater,
+                                     std::shared_ptr<Logger> logger)
+    : m_sectionIndex(sectionIndex),
+      m_rootHandler(std::move(rootHandler)),
+      m_queue(std::move(queue)),
+      m_connection(std::move(connection)),
+      m_updater(std::move(updater)),
+      m_logger(std::move(logger)),
+      m_taskPool(std::move(taskPool))
+{}
+
+SectionConnection::~SectionConnection() = default;
+
+uint8_t SectionConnection::sectionIndex() const
+{
+    return m_sectionIndex;
+}
+
+uint8_t SectionConnection::state() const
+{
+    return m_state.load();
+}
+
+int64_t SectionConnection::msSince(int64_t nowNs, int64_t thenNs)
+{
+    // Truncated towards zero; "then" may lie in the future while the grace period runs.
+    return (nowNs - thenNs) / kNsPerMs;
+}
+
+void SectionConnection::setState(uint8_t state)
+{
+    if (state == m_state.load()) {
+        return;
+    }
+    if (state == Connected) {
+        // A section that has just come up (or back) gets a grace period: the silence checks
+        // count from 10 s from now, so a section busy starting up is not declared dead.
+        m_lastReceiveNs = MonotonicClock::nowNs() + kGracePeriodMs * kNsPerMs;
+    }
+    m_state.store(state);
+    if (m_stateListener) {
+        m_stateListener->sectionStateChanged(m_sectionIndex, state);
+    }
+}
+
+void SectionConnection::sendDirect(const SerialMessage& message)
+{
+    m_connection->sendMessage(message);
+    m_connection->flush();
+}
+
+void SectionConnection::open()
+{
+    // Throws std::bad_weak_ptr before anything changes when this object is not held by a
+    // shared_ptr: the pool could never reach it.
+    const std::shared_ptr<ITask> self = shared_from_this();
+
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_connection->isOpen()) {
+        return;
+    }
+    // Half a frame from before a restart must not be glued to the first bytes after it.
+    clear();
+    m_connection->open();
+    setState(Connecting);
+    // The updater probes the section's bootloader first; its answer (or the section's
+    // first message) moves the link out of Connecting.
+    m_updater->start(this);
+    // The handle is deliberately not kept: the task lives as long as this object.
+    m_taskPool->schedulePeriodic(kTaskIntervalMs, self);
+}
+
+void SectionConnection::close()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_connection->isOpen()) {
+        m_connection->close();
+    }
+    setState(Closed);
+}
+
+void SectionConnection::startCalibration()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_state.load() != Connected) {
+        return;
+    }
+    setState(Calibrating);
+    // Straight to the line: the queue is not drained while calibrating.
+    sendDirect(SerialMessage(MessageType::Calibration, 0));
+}
+
+void SectionConnection::stopCalibration()
+{
+    // The section reports the end of calibration itself; nothing to send. Taking the lock
+    // only waits for a pass or a state change in progress to finish.
+    std::lock_guard<std::mutex> lock(m_mutex);
+}
+
+void SectionConnection::enqueueMessage(const SerialMessage& message)
+{
+    m_queue->enqueue(message);
+}
+
+void SectionConnection::setStateListener(ISectionStateListener* listener)
+{
+    m_stateListener = listener;
+}
+
+void SectionConnection::dataReceived(const QByteArray& data)
+{
+    // Any bytes at all, even garbage, show that the section is alive.
+    m_lastReceiveNs = MonotonicClock::nowNs();
+    if (m_updater->isActive()) {
+        m_updater->dataReceived(data);
+        return;
+    }
+    parse(data);
+}
+
+void SectionConnection::messageReceived(const SerialMessage& message)
+{
+    if (m_rootHandler->handleMessage(message)) {
+        // A component understood the section: the link is up, whatever it was doing (this
+        // also ends calibration, an update or a serial error from the link's point of view).
+        setState(Connected);
+        return;
+    }
+    handleLinkMessage(message);
+}
+
+void SectionConnection::handleLinkMessage(const SerialMessage& message)
+{
+    const QString section = number(m_sectionIndex);
+    switch (message.type) {
+        case MessageType::SerialError:
+            m_logger->critical(
+                QStringLiteral("Received serial error from the section %1.").arg(section));
+            // The section's receiver is out of step: flush it with a run of zero bytes, then
+            // give it a second before traffic resumes.
+            sendDirect(SerialMessage::makeZeroFill());
+            setState(SerialError);
+            m_errorRetryNs = MonotonicClock::nowNs() + kSerialErrorRetryMs * kNsPerMs;
+            m_rootHandler->setLinkReady(false);
+            return;
+        case MessageType::Calibration:
+            m_logger->info(QStringLiteral("Calibration of section %1 done.").arg(section));
+            setState(Connected);
+            m_rootHandler->setLinkReady(true);
+            return;
+        case MessageType::Bootloader:
+            m_logger->critical(QStringLiteral("Received bootloader from the section %1 but the "
+                                              "section is not in bootloader mode.")
+                                   .arg(section));
+            // Also reported as unhandled below: the section should not be sending this.
+            break;
+        case MessageType::Echo:
+            m_logger->info(QStringLiteral("Echo from section %1").arg(section));
+            // Also reported as unhandled below: nothing consumes echoes.
+            break;
+        default:
+            break;
+    }
+    m_logger->critical(QStringLiteral("Unable to handle unkown message from section %1. Device "
+                                      "id: %2 message type: %3")
+                           .arg(section, number(message.deviceId), number(message.type)));
+}
+
+void SectionConnection::badDataReceived(const QByteArray& data)
+{
+    if (data.size() > kBadDataReportThreshold) {
+        // Tell the section that its bytes arrive mangled.
+        sendDirect(SerialMessage(MessageType::SerialError, 0));
+    }
+    m_logger->warning(QStringLiteral("Section %1 received bad data: '%2'")
+                          .arg(number(m_sectionIndex), QString::fromLatin1(data.toHex())));
+}
+
+void SectionConnection::run()
+{
+    const int64_t now = MonotonicClock::nowNs();
+
+    // Keep-alive: only once the section has answered (or while we wait for it to answer
+    // again); a section still starting up or in its bootloader is left alone.
+    const uint8_t current = m_state.load();
+    if (msSince(now, m_lastPingNs) > kPingIntervalMs &&
+        (current == Connected || current == NoResponse)) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        sendDirect(SerialMessage(MessageType::Ping, 0));
+        m_lastPingNs = now;
+    }
+
+    if (m_state.load() == SerialError) {
+        if (m_errorRetryNs < now) {
+            setState(Connected);
+        }
+        return;
+    }
+
+    if (m_state.load() == Connected) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (msSince(now, m_lastReceiveNs) > kNoResponseMs) {
+                m_logger->warning(QStringLiteral("Section %1 has not received response in "
+                                                 "timely manner. Setting state to NoResponse.")
+                                      .arg(number(m_sectionIndex)));
+                setState(NoResponse);
+                return;
+            }
+            // A bounded burst per pass keeps one busy section from hogging the model thread;
+            // whatever is left goes out on the next pass.
+            for (int i = 0; i < kMaxMessagesPerPass; ++i) {
+                if (m_queue->hasNoDueMessage()) {
+                    break;
+                }
+                const SerialMessage message = m_queue->takeNextMessage();
+                if (message.isValid()) {
+                    m_connection->sendMessage(message);
+                }
+            }
+            m_connection->flush();
+        }
+        if (m_stateListener) {
+            m_stateListener->sentMessageCount(m_connection->messageCount());
+        }
+        return;
+    }
+
+    if (m_state.load() == NoResponse && msSince(now, m_lastReceiveNs) > kRestartMs) {
+        m_logger->warning(QStringLiteral("Section %1 has not received response in long time. "
+                                         "Restart the connection...")
+                              .arg(number(m_sectionIndex)));
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_connection->isOpen()) {
+                m_connection->close();
+            }
+            setState(Closed);
+        }
+        // Outside the lock: open() takes it itself.
+        open();
+    }
+}
+
+void SectionConnection::updaterStateChanged()
+{
+    if (m_updater->isUpdating()) {
+        setState(Updating);
+    } else if (m_updater->isActive()) {
+        setState(Connecting);
+    } else {
+        // The section is not (or no longer) in its bootloader: it runs its application.
+        setState(Connected);
+    }
+}
+
+void SectionConnection::updateProgress(uint8_t percent)
+{
+    if (m_stateListener) {
+        m_stateListener->sectionUpdateProgress(m_sectionIndex, percent);
+    }
+}
+
+void SectionConnection::sendBootloaderPacket(const BootloaderPacket& packet)
+{
+    m_connection->writeRaw(packet);
+}
+
+void SectionConnection::failed(int reason)
+{
+    // The updater has already reset the section and logged why; the link recovers through
+    // the usual state machine.
+    Q_UNUSED(reason);
+}
+
+}  // namespace Velmora::Worksurface

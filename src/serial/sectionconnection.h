@@ -1,0 +1,132 @@
+#pragma once
+
+#include <QByteArray>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "serial/isectionconnection.h"
+#include "serial/iserialdatareceiver.h"
+#include "serial/serialmessageparser.h"
+#include "tasks/itask.h"
+#include "updater/isectionupdaterlistener.h"
+
+namespace Velmora::Worksurface {
+
+class ISectionStateListener;
+class ISectionUpdater;
+class ISerialConnection;
+class ISerialMessageHandler;
+class ISerialMessageQueue;
+class ITaskPool;
+class Logger;
+
+// Supervises one section's serial link and dispatches what the section sends.
+//
+// Received bytes are parsed here and each frame is offered to the section's root handler
+// (its components); the few messages no component takes concern the link itself (serial
+// error, calibration done, bootloader report, echo). A 50 ms task on the task pool pings
+// the section every 2 s, drains the outgoing queue while the section answers, and walks
+// the link's state machine: a section silent for 10 s (counted from 10 s after it came up)
+// is marked NoResponse, one silent for 20 s is restarted. While a firmware update runs,
+// received bytes go to the updater instead of the parser.
+//
+// Always held by a shared_ptr: open() hands the task pool a weak reference to this object.
+//
+// Locking: open(), close(), startCalibration() and the task's ping, drain, state change and
+// restart take one non-recursive mutex. The state listener is called with that mutex held
+// from those operations, so a listener must not call back into open(), close(),
+// startCalibration() or stopCalibration() of the same connection from sectionStateChanged
+// (it would deadlock); the surface only records the state and passes it on. Message
+// dispatch, updater callbacks and bad-data handling run without the mutex, so bytes that
+// a connection delivers synchronously from inside a flush (the in-process software link)
+// are safe, and the updater may call back from inside open().
+class SectionConnection : public SerialMessageParser,
+                          public ISectionConnection,
+                          public ISerialDataReceiver,
+                          public ISectionUpdaterListener,
+                          public ITask,
+                          public std::enable_shared_from_this<SectionConnection>
+{
+public:
+    // Link time-outs and paces, in milliseconds.
+    static constexpr int64_t kTaskIntervalMs = 50;
+    static constexpr int64_t kPingIntervalMs = 2000;
+    static constexpr int64_t kGracePeriodMs = 10000;
+    static constexpr int64_t kNoResponseMs = 10000;
+    static constexpr int64_t kRestartMs = 20000;
+    static constexpr int64_t kSerialErrorRetryMs = 1000;
+    static constexpr int kMaxMessagesPerPass = 20;
+    // More discarded bytes than this in one chunk make us tell the section about it.
+    static constexpr int kBadDataReportThreshold = 10;
+
+    SectionConnection(uint8_t sectionIndex, std::shared_ptr<ISerialMessageHandler> rootHandler,
+                      std::shared_ptr<ISerialMessageQueue> queue,
+                      std::shared_ptr<ISerialConnection> connection,
+                      std::shared_ptr<ITaskPool> taskPool, std::unique_ptr<ISectionUpdater> updater,
+                      std::shared_ptr<Logger> logger);
+    ~SectionConnection() override;
+
+    SectionConnection(const SectionConnection&) = delete;
+    SectionConnection& operator=(const SectionConnection&) = delete;
+
+    // ISectionConnection
+    uint8_t sectionIndex() const override;
+    uint8_t state() const override;
+    // Opens the line, starts the updater's start-up exchange and schedules a further 50 ms
+    // supervision task. Nothing happens when the line is already open. The task's handle is
+    // not kept: each open that gets this far adds one more task for this object, which
+    // lives as long as the object does (so a connection restarted n times runs n + 1
+    // supervision passes per tick).
+    void open() override;
+    void close() override;
+    // Only from Connected: enters Calibrating and tells the section to calibrate at once,
+    // bypassing the queue.
+    void startCalibration() override;
+    // The section ends calibration by itself; this only synchronises with the link.
+    void stopCalibration() override;
+    void enqueueMessage(const SerialMessage& message) override;
+    void setStateListener(ISectionStateListener* listener) override;
+
+    // ISerialDataReceiver
+    void dataReceived(const QByteArray& data) override;
+
+    // ISectionUpdaterListener
+    void updaterStateChanged() override;
+    void updateProgress(uint8_t percent) override;
+    void sendBootloaderPacket(const BootloaderPacket& packet) override;
+    void failed(int reason) override;
+
+    // ITask: one supervision pass.
+    void run() override;
+
+protected:
+    // SerialMessageParser
+    void messageReceived(const SerialMessage& message) override;
+    void badDataReceived(const QByteArray& data) override;
+
+private:
+    void setState(uint8_t state);
+    void handleLinkMessage(const SerialMessage& message);
+    void sendDirect(const SerialMessage& message);
+    static int64_t msSince(int64_t nowNs, int64_t thenNs);
+
+    const uint8_t m_sectionIndex;
+    std::mutex m_mutex;
+    const std::shared_ptr<ISerialMessageHandler> m_rootHandler;
+    const std::shared_ptr<ISerialMessageQueue> m_queue;
+    const std::shared_ptr<ISerialConnection> m_connection;
+    const std::unique_ptr<ISectionUpdater> m_updater;
+    const std::shared_ptr<Logger> m_logger;
+    const std::shared_ptr<ITaskPool> m_taskPool;
+    int64_t m_errorRetryNs = 0;
+    ISectionStateListener* m_stateListener = nullptr;
+    // Read from any thread (the section information shown in QML); written on the model
+    // thread.
+    std::atomic<uint8_t> m_state{Closed};
+    int64_t m_lastPingNs = 0;
+    int64_t m_lastReceiveNs = 0;
+};
+
+}  // namespace Velmora::Worksurface
