@@ -1,0 +1,99 @@
+#include "surface/button.h"
+
+#include <utility>
+
+#include "surface/buttonhandle.h"
+
+namespace Velmora::Worksurface {
+
+Button::Button(uint8_t deviceId, uint8_t sectionIndex, ButtonType type)
+    : m_deviceId(deviceId), m_sectionIndex(sectionIndex), m_type(type)
+{}
+
+Button::~Button()
+{
+    // A binding may still hold the handle for a moment; it must not reach a dead button.
+    if (m_handle) {
+        m_handle->m_button = nullptr;
+    }
+}
+
+bool Button::handleMessage(const SerialMessage& message)
+{
+    if (message.type != MessageType::ButtonState || message.deviceId != m_deviceId) {
+        return false;
+    }
+    const bool wasPressed = m_pressed.load();
+    const bool pressed = message.boolAt(0, wasPressed);
+    if (pressed == wasPressed) {
+        return true;
+    }
+    m_pressed.store(pressed);
+    if (const std::shared_ptr<ButtonHandle> handle = currentHandle()) {
+        if (pressed) {
+            emit handle->buttonPressed();
+        } else {
+            emit handle->buttonReleased();
+        }
+    }
+    return true;
+}
+
+void Button::setLinkReady(bool /*ready*/) {}
+
+uint8_t Button::deviceId() const
+{
+    return m_deviceId;
+}
+
+uint8_t Button::sectionIndex() const
+{
+    return m_sectionIndex;
+}
+
+ButtonType Button::buttonType() const
+{
+    return m_type;
+}
+
+std::shared_ptr<ButtonHandle> Button::getHandle()
+{
+    std::shared_ptr<ButtonHandle> previous;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        previous = std::move(m_handle);
+    }
+    if (previous) {
+        previous->detach();
+        previous.reset();
+    }
+    // Handles live on the user-interface side; deleteLater lets a handle that is still in
+    // the middle of delivering a signal finish before it goes.
+    std::shared_ptr<ButtonHandle> handle(new ButtonHandle(this),
+                                         [](ButtonHandle* h) { h->deleteLater(); });
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_handle = handle;
+    return handle;
+}
+
+void Button::releaseHandle(ButtonHandle* handle)
+{
+    std::shared_ptr<ButtonHandle> released;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_handle.get() == handle) {
+        released = std::move(m_handle);
+    }
+}
+
+bool Button::pressed() const
+{
+    return m_pressed.load();
+}
+
+std::shared_ptr<ButtonHandle> Button::currentHandle() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_handle;
+}
+
+}  // namespace Velmora::Worksurface

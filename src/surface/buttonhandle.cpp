@@ -1,0 +1,31 @@
+#include "surface/buttonhandle.h"
+
+#include <utility>
+
+#include "surface/ibutton.h"
+
+ButtonHandle::ButtonHandle(Velmora::Worksurface::IButton* button, QObject* parent)
+    : QObject(parent), m_button(button)
+{}
+
+ButtonHandle::~ButtonHandle() = default;
+
+Velmora::Worksurface::IButton* ButtonHandle::button() const
+{
+    return m_button;
+}
+
+bool ButtonHandle::standsFor(uint8_t sectionIndex, uint8_t deviceId) const
+{
+    return m_button != nullptr && m_button->sectionIndex() == sectionIndex &&
+           m_button->deviceId() == deviceId;
+}
+
+void ButtonHandle::detach()
+{
+    // Cleared before the release so that a second detach reached from inside the release
+    // cannot release twice.
+    if (auto* button = std::exchange(m_button, nullptr)) {
+        button->releaseHandle(this);
+    }
+}

@@ -1,0 +1,203 @@
+#include "surface/led.h"
+
+#include <utility>
+
+#include "surface/ledhandle.h"
+
+namespace Velmora::Worksurface {
+
+Led::Led(uint8_t deviceId, uint8_t sectionIndex, LedType type,
+         std::shared_ptr<ISerialMessageSender> sender, std::shared_ptr<ITaskPool> taskPool)
+    : m_deviceId(deviceId),
+      m_sectionIndex(sectionIndex),
+      m_type(type),
+      m_sender(std::move(sender)),
+      m_taskPool(std::move(taskPool))
+{}
+
+Led::~Led()
+{
+    // A binding may still hold the handle for a moment; it must not reach a dead LED.
+    if (m_handle) {
+        m_handle->m_led = nullptr;
+    }
+}
+
+bool Led::handleMessage(const SerialMessage& /*message*/)
+{
+    return false;
+}
+
+void Led::setLinkReady(bool ready)
+{
+    if (!ready) {
+        setOn(m_on.load());
+    }
+}
+
+uint8_t Led::deviceId() const
+{
+    return m_deviceId;
+}
+
+uint8_t Led::sectionIndex() const
+{
+    return m_sectionIndex;
+}
+
+LedType Led::ledType() const
+{
+    return m_type;
+}
+
+void Led::setOn(uint8_t on)
+{
+    m_on.store(on);
+    m_sender->sendLed(m_deviceId, on != 0 ? m_brightness.load() : 0, 0, 0);
+    if (on == 0) {
+        return;
+    }
+    std::unique_lock<std::mutex> lock(m_mutex);
+    // A flash that is already running keeps its rhythm; one that had stopped because the
+    // LED was switched off starts again.
+    if (m_flashEnabled && m_flashTask.expired()) {
+        rescheduleFlash(lock);
+    }
+}
+
+void Led::setBrightness(uint8_t brightness)
+{
+    if (m_brightness.load() == brightness) {
+        return;
+    }
+    m_brightness.store(brightness);
+    const uint8_t on = m_on.load();
+    if (on != 0) {
+        setOn(on);
+    }
+}
+
+bool Led::flashEnabled() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_flashEnabled;
+}
+
+void Led::setFlashEnabled(bool enabled)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_flashEnabled == enabled) {
+        return;
+    }
+    m_flashEnabled = enabled;
+    rescheduleFlash(lock);
+}
+
+int64_t Led::flashInterval() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_flashInterval;
+}
+
+void Led::setFlashInterval(int64_t intervalMs)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_flashInterval == intervalMs) {
+        return;
+    }
+    m_flashInterval = intervalMs;
+    rescheduleFlash(lock);
+}
+
+std::shared_ptr<LedHandle> Led::getHandle()
+{
+    std::shared_ptr<LedHandle> previous;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        previous = std::move(m_handle);
+    }
+    if (previous) {
+        previous->detach();
+        previous.reset();
+    }
+    std::shared_ptr<LedHandle> handle(new LedHandle(this), [](LedHandle* h) { h->deleteLater(); });
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_handle = handle;
+    return handle;
+}
+
+void Led::releaseHandle(LedHandle* handle)
+{
+    std::shared_ptr<LedHandle> released;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_handle.get() == handle) {
+            released = std::move(m_handle);
+        }
+    }
+    // Nobody shows anything on this LED any more. A running flash stops at its next step,
+    // which finds the LED off.
+    m_on.store(0);
+    m_sender->sendLed(m_deviceId, 0, 0, kFlashDelayMs);
+}
+
+void Led::run()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_flashEnabled && m_flashInterval >= 1 && m_on.load() != 0) {
+        const bool wasLit = m_flashPhase;
+        m_flashPhase = !wasLit;
+        m_sender->sendLed(m_deviceId, wasLit ? 0 : m_brightness.load(), 0, kFlashDelayMs);
+        return;
+    }
+    cancelFlashTask();
+    m_flashPhase = false;
+}
+
+uint8_t Led::on() const
+{
+    return m_on.load();
+}
+
+uint8_t Led::brightness() const
+{
+    return m_brightness.load();
+}
+
+bool Led::flashPhase() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_flashPhase;
+}
+
+void Led::cancelFlashTask()
+{
+    if (const std::shared_ptr<ITaskHandle> task = m_flashTask.lock()) {
+        task->cancel();
+    }
+    // Forgotten at once rather than when the pool drops the cancelled record, so that
+    // switching the LED on again restarts its flashing without waiting for that.
+    m_flashTask.reset();
+}
+
+void Led::rescheduleFlash(std::unique_lock<std::mutex>& lock)
+{
+    cancelFlashTask();
+    const uint64_t generation = ++m_flashGeneration;
+    if (!m_flashEnabled || m_flashInterval <= 0 || m_on.load() == 0) {
+        return;
+    }
+    const auto halfIntervalMs = static_cast<uint64_t>(m_flashInterval / 2);
+    const std::shared_ptr<ITask> self = shared_from_this();
+    lock.unlock();
+    std::shared_ptr<ITaskHandle> task = m_taskPool->schedulePeriodic(halfIntervalMs, self);
+    lock.lock();
+    if (generation == m_flashGeneration) {
+        m_flashTask = task;
+    } else if (task) {
+        // Overtaken by a later change while the mutex was free: that one decides.
+        task->cancel();
+    }
+}
+
+}  // namespace Velmora::Worksurface

@@ -1,0 +1,101 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+
+#include "serial/iserialmessagesender.h"
+#include "surface/iled.h"
+#include "tasks/itask.h"
+#include "tasks/itaskhandle.h"
+#include "tasks/itaskpool.h"
+
+namespace Velmora::Worksurface {
+
+// One LED in a button of a section: switched on and off, dimmed, and flashed. Levels go
+// out as message type 11 (level, 0). Flashing is a periodic task on the surface's task pool
+// at half the flash interval, each run toggling the LED; the toggles go out with a 100 ms
+// queue delay, so a steady request (set on, set brightness) made in between, sent without
+// delay, replaces a pending toggle instead of being overtaken by it.
+//
+// Must be owned by a std::shared_ptr (make it with std::make_shared): it hands itself to
+// the task pool, which holds it weakly, when flashing starts.
+//
+// Threads: handle calls come from the user-interface thread, flash steps from the model
+// thread while the task pool holds its own lock. The flash fields are guarded by a
+// non-recursive mutex; the pool is never called with that mutex held (the pool's lock is
+// taken before ours while a step runs, so taking them the other way round could deadlock).
+// On and brightness are written without the mutex.
+class Led : public ILed, public ITask, public std::enable_shared_from_this<Led>
+{
+public:
+    Led(uint8_t deviceId, uint8_t sectionIndex, LedType type,
+        std::shared_ptr<ISerialMessageSender> sender, std::shared_ptr<ITaskPool> taskPool);
+    ~Led() override;
+
+    Led(const Led&) = delete;
+    Led& operator=(const Led&) = delete;
+
+    // An LED takes no message.
+    bool handleMessage(const SerialMessage& message) override;
+    // After the link was lost (false) the LED sends its level again, and restarts its
+    // flashing if that had stopped; true sends nothing.
+    void setLinkReady(bool ready) override;
+
+    uint8_t deviceId() const override;
+    uint8_t sectionIndex() const override;
+    LedType ledType() const override;
+    // Stores the state and sends it at once (the brightness when nonzero, else 0); if the
+    // LED is lit with flashing enabled and no flash task runs, starts one.
+    void setOn(uint8_t on) override;
+    // Stores a new brightness and, if the LED is on, sends it at once.
+    void setBrightness(uint8_t brightness) override;
+    bool flashEnabled() const override;
+    void setFlashEnabled(bool enabled) override;
+    int64_t flashInterval() const override;
+    void setFlashInterval(int64_t intervalMs) override;
+    // Detaches the handle given out before, if any, and gives out a new one.
+    std::shared_ptr<LedHandle> getHandle() override;
+    // Drops the handle if it is the current one; in every case the LED is switched off
+    // (level 0 after 100 ms).
+    void releaseHandle(LedHandle* handle) override;
+
+    // The flash step.
+    void run() override;
+
+    uint8_t on() const;
+    uint8_t brightness() const;
+    // Whether the LED is in the lit half of its flash cycle.
+    bool flashPhase() const;
+
+private:
+    static constexpr int64_t kFlashDelayMs = 100;
+
+    // Cancels the running flash task and, if the LED should flash, schedules a new one.
+    // Called with the mutex held through `lock`; returns with it held, but releases it
+    // while it asks the task pool.
+    void rescheduleFlash(std::unique_lock<std::mutex>& lock);
+    void cancelFlashTask();
+
+    const uint8_t m_deviceId;
+    const uint8_t m_sectionIndex;
+    const LedType m_type;
+    const std::shared_ptr<ISerialMessageSender> m_sender;
+    const std::shared_ptr<ITaskPool> m_taskPool;
+
+    std::atomic<uint8_t> m_on{0};
+    std::atomic<uint8_t> m_brightness{255};
+
+    mutable std::mutex m_mutex;
+    std::shared_ptr<LedHandle> m_handle;
+    int64_t m_flashInterval = 0;
+    bool m_flashEnabled = false;
+    bool m_flashPhase = false;
+    std::weak_ptr<ITaskHandle> m_flashTask;
+    // Counts reschedules, so that a schedule that was overtaken by a later one while the
+    // mutex was released is recognised and cancelled.
+    uint64_t m_flashGeneration = 0;
+};
+
+}  // namespace Velmora::Worksurface

@@ -1,0 +1,110 @@
+#include "surface/rgbled.h"
+
+#include <utility>
+
+#include "surface/rgbledhandle.h"
+
+namespace Velmora::Worksurface {
+
+namespace {
+
+constexpr int64_t kReleaseDelayMs = 100;
+
+}  // namespace
+
+RgbLed::RgbLed(uint8_t deviceId, uint8_t sectionIndex, RgbLedType type,
+               std::shared_ptr<ISerialMessageSender> sender)
+    : m_deviceId(deviceId), m_sectionIndex(sectionIndex), m_type(type), m_sender(std::move(sender))
+{}
+
+RgbLed::~RgbLed()
+{
+    // A binding may still hold the handle for a moment; it must not reach a dead LED.
+    if (m_handle) {
+        m_handle->m_rgbLed = nullptr;
+    }
+}
+
+bool RgbLed::handleMessage(const SerialMessage& /*message*/)
+{
+    return false;
+}
+
+void RgbLed::setLinkReady(bool ready)
+{
+    if (!ready) {
+        sendColor(color(), 0);
+    }
+}
+
+uint8_t RgbLed::deviceId() const
+{
+    return m_deviceId;
+}
+
+uint8_t RgbLed::sectionIndex() const
+{
+    return m_sectionIndex;
+}
+
+RgbLedType RgbLed::rgbLedType() const
+{
+    return m_type;
+}
+
+void RgbLed::setColor(const QColor& color)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_color == color) {
+            return;
+        }
+        m_color = color;
+    }
+    sendColor(color, 0);
+}
+
+std::shared_ptr<RgbLedHandle> RgbLed::getHandle()
+{
+    std::shared_ptr<RgbLedHandle> previous;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        previous = std::move(m_handle);
+    }
+    if (previous) {
+        previous->detach();
+        previous.reset();
+    }
+    std::shared_ptr<RgbLedHandle> handle(new RgbLedHandle(this),
+                                         [](RgbLedHandle* h) { h->deleteLater(); });
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_handle = handle;
+    return handle;
+}
+
+void RgbLed::releaseHandle(RgbLedHandle* handle)
+{
+    const QColor black(Qt::black);
+    std::shared_ptr<RgbLedHandle> released;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_handle.get() == handle) {
+            released = std::move(m_handle);
+        }
+        m_color = black;
+    }
+    sendColor(black, kReleaseDelayMs);
+}
+
+QColor RgbLed::color() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_color;
+}
+
+void RgbLed::sendColor(const QColor& color, int64_t delayMs)
+{
+    m_sender->sendColor(m_deviceId, color.rgb() & 0xFFFFFFu, 0, delayMs);
+}
+
+}  // namespace Velmora::Worksurface

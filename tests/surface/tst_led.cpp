@@ -1,0 +1,739 @@
+#include <QPointer>
+#include <QtTest/QtTest>
+#include <atomic>
+#include <memory>
+#include <thread>
+
+#include "serial/serialmessagequeue.h"
+#include "support/manualclock.h"
+#include "support/queuedrain.h"
+#include "support/recordingsender.h"
+#include "surface/deviceidtable.h"
+#include "surface/led.h"
+#include "surface/ledhandle.h"
+#include "tasks/taskpool.h"
+
+using Velmora::Worksurface::DeviceIdTable;
+using Velmora::Worksurface::Led;
+using Velmora::Worksurface::LedType;
+using Velmora::Worksurface::SerialMessage;
+using Velmora::Worksurface::SerialMessageQueue;
+using Velmora::Worksurface::TaskPool;
+
+namespace {
+
+constexpr qint64 kMs = 1000000;
+constexpr qint64 kStart = 1000 * kMs;
+constexpr uint8_t kLedType = 11;
+// The next-snapshot switch's LED in the master section.
+constexpr uint8_t kDevice = 23;
+constexpr uint8_t kSection = 1;
+
+QString ledMessage(const char* payloadHex, qint64 atNs)
+{
+    return expectedMessage(kLedType, kDevice, payloadHex, atNs);
+}
+
+// One LED on the section's real queue and the surface's real task pool, under a manual
+// clock; the pool is ticked by hand at chosen instants.
+struct QueueRig
+{
+    ManualClock clock{kStart};
+    std::shared_ptr<SerialMessageQueue> queue = std::make_shared<SerialMessageQueue>();
+    std::shared_ptr<TaskPool> pool = std::make_shared<TaskPool>();
+    std::shared_ptr<Led> led =
+        std::make_shared<Led>(kDevice, kSection, LedType::NextSnapsthotButton, queue, pool);
+
+    void tickAt(qint64 ns)
+    {
+        clock.setNs(ns);
+        pool->runPendingTasks();
+    }
+    QStringList drainUntil(qint64 ns) { return describe(drainReleased(*queue, clock, ns)); }
+};
+
+// The same with a sender that records every call, for counting sends.
+struct RecordingRig
+{
+    ManualClock clock{kStart};
+    std::shared_ptr<RecordingSender> sender = std::make_shared<RecordingSender>();
+    std::shared_ptr<TaskPool> pool = std::make_shared<TaskPool>();
+    std::shared_ptr<Led> led =
+        std::make_shared<Led>(kDevice, kSection, LedType::NextSnapsthotButton, sender, pool);
+
+    void tickAt(qint64 ns)
+    {
+        clock.setNs(ns);
+        pool->runPendingTasks();
+    }
+    QStringList take() { return describe(sender->take()); }
+};
+
+// Starts a lit LED flashing at 500 ms at kStart and runs it to its first lit step (at
+// kStart + 250 ms + 1 ns) and its first dark step (at kStart + 500 ms + 2 ns).
+void flashTwoSteps(QueueRig& rig)
+{
+    rig.led->setOn(1);
+    rig.led->setFlashEnabled(true);
+    rig.led->setFlashInterval(500);
+    rig.drainUntil(kStart);
+    rig.tickAt(kStart + 250 * kMs + 1);
+    rig.drainUntil(kStart + 350 * kMs + 1);
+    rig.tickAt(kStart + 500 * kMs + 2);
+    rig.drainUntil(kStart + 600 * kMs + 2);
+}
+
+}  // namespace
+
+class TestLed : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    // Identity
+    void reportsItsIdentity();
+    void masterSoloButtonHasNoDevice_data();
+    void masterSoloButtonHasNoDevice();
+    void takesNoMessage();
+
+    // Level
+    void setOnSendsTheBrightnessAtOnce();
+    void setOnZeroSendsZero();
+    void setOnSendsEvenWhenTheStateIsUnchanged();
+    void changingTheBrightnessOfAnLedThatIsOffSendsNothing();
+    void changingTheBrightnessOfALitLedSendsItAtOnce();
+    void anEqualBrightnessSendsNothing();
+
+    // Flashing
+    void flashWithInterval500TogglesEvery250msBetweenBrightnessAndZero();
+    void settingTheIntervalToZeroStopsTheTogglingAndLeavesThePhaseUnlit();
+    void changingTheIntervalWhileLitCancelsAtOnceAndKeepsThePhase();
+    void switchingOffStopsTheFlashAtItsNextStepAndLeavesThePhaseUnlit();
+    void switchingOnAgainRestartsAStoppedFlash();
+    void switchingOnWhileFlashingKeepsTheRhythm();
+    void flashNeedsEnabledPositiveIntervalAndOn_data();
+    void flashNeedsEnabledPositiveIntervalAndOn();
+    void stepIntervalIsHalfTheFlashIntervalRoundedDown_data();
+    void stepIntervalIsHalfTheFlashIntervalRoundedDown();
+    void changingTheIntervalRestartsTheStepTimer();
+    void disablingTheFlashStopsItAtOnceWithoutAMessage();
+    void equalFlashSettingsDoNotReschedule();
+    void flashStepUsesTheCurrentBrightness();
+
+    // Resend after a link loss
+    void resendStateZeroSendsTheStoredLevelAtOnce_data();
+    void resendStateZeroSendsTheStoredLevelAtOnce();
+    void resendStateOtherThanZeroSendsNothing();
+
+    // Handles
+    void handleMethodsReachTheLed();
+    void releasingTheHandleSwitchesTheLedOffAfter100ms();
+    void releasingTheHandleStopsTheFlashAtItsNextStep();
+    void secondHandleDetachesTheFirstAndSwitchesOff();
+    void releasingAStaleHandleKeepsTheCurrentOne();
+    void detachedHandleDoesNothing();
+    void handleStandsForItsSectionAndDevice();
+    void handleIsDeletedLaterWhenItsLastOwnerGoes();
+    void destroyingTheLedCutsItsHandleOffAndDropsItsTask();
+
+    // Threads
+    void handleCallsFromAnotherThreadWhileStepsRunDoNotDeadlock();
+};
+
+void TestLed::reportsItsIdentity()
+{
+    RecordingRig rig;
+    QCOMPARE(rig.led->deviceId(), kDevice);
+    QCOMPARE(rig.led->sectionIndex(), kSection);
+    QCOMPARE(rig.led->ledType(), LedType::NextSnapsthotButton);
+    QCOMPARE(rig.led->on(), uint8_t(0));
+    QCOMPARE(rig.led->brightness(), uint8_t(255));
+    QCOMPARE(rig.led->flashEnabled(), false);
+    QCOMPARE(rig.led->flashInterval(), int64_t(0));
+    QCOMPARE(rig.led->flashPhase(), false);
+}
+
+void TestLed::masterSoloButtonHasNoDevice_data()
+{
+    QTest::addColumn<int>("index");
+    QTest::newRow("0") << 0;
+    QTest::newRow("1") << 1;
+    QTest::newRow("9") << 9;
+    QTest::newRow("255") << 255;
+}
+
+void TestLed::masterSoloButtonHasNoDevice()
+{
+    QFETCH(int, index);
+    // The console has no master solo switch, so the factory makes no LED for it.
+    QCOMPARE(DeviceIdTable::led(LedType::MasterSoloButton, static_cast<uint8_t>(index)),
+             DeviceIdTable::NoDevice);
+    QCOMPARE(DeviceIdTable::led(static_cast<int32_t>(LedType::MasterSoloButton), index),
+             DeviceIdTable::NoDevice);
+}
+
+void TestLed::takesNoMessage()
+{
+    RecordingRig rig;
+    QVERIFY(!rig.led->handleMessage(SerialMessage(11, kDevice, {1, 0})));
+    QVERIFY(!rig.led->handleMessage(SerialMessage(20, kDevice, {1})));
+    QVERIFY(!rig.led->handleMessage(SerialMessage(0, 0, {0, 1, 2})));
+    QCOMPARE(rig.sender->count(), std::size_t(0));
+}
+
+void TestLed::setOnSendsTheBrightnessAtOnce()
+{
+    QueueRig rig;
+    rig.led->setOn(1);
+    QCOMPARE(rig.led->on(), uint8_t(1));
+    QCOMPARE(rig.drainUntil(kStart + 500 * kMs), QStringList{ledMessage("ff00", kStart)});
+}
+
+void TestLed::setOnZeroSendsZero()
+{
+    QueueRig rig;
+    rig.led->setOn(7);
+    rig.drainUntil(kStart);
+    rig.clock.advanceMs(3);
+    rig.led->setOn(0);
+    QCOMPARE(rig.drainUntil(kStart + 500 * kMs), QStringList{ledMessage("0000", kStart + 3 * kMs)});
+}
+
+void TestLed::setOnSendsEvenWhenTheStateIsUnchanged()
+{
+    RecordingRig rig;
+    rig.led->setOn(1);
+    rig.led->setOn(1);
+    rig.led->setOn(0);
+    rig.led->setOn(0);
+    QCOMPARE(rig.take(), QStringList({ledMessage("ff00", kStart), ledMessage("ff00", kStart),
+                                      ledMessage("0000", kStart), ledMessage("0000", kStart)}));
+}
+
+void TestLed::changingTheBrightnessOfAnLedThatIsOffSendsNothing()
+{
+    RecordingRig rig;
+    rig.led->setBrightness(100);
+    QCOMPARE(rig.sender->count(), std::size_t(0));
+    QCOMPARE(rig.led->brightness(), uint8_t(100));
+    // The stored brightness is what the next switch-on sends.
+    rig.led->setOn(1);
+    QCOMPARE(rig.take(), QStringList{ledMessage("6400", kStart)});
+}
+
+void TestLed::changingTheBrightnessOfALitLedSendsItAtOnce()
+{
+    QueueRig rig;
+    rig.led->setOn(1);
+    rig.drainUntil(kStart);
+    rig.clock.advanceMs(10);
+    rig.led->setBrightness(0x50);
+    QCOMPARE(rig.drainUntil(kStart + 500 * kMs),
+             QStringList{ledMessage("5000", kStart + 10 * kMs)});
+}
+
+void TestLed::anEqualBrightnessSendsNothing()
+{
+    RecordingRig rig;
+    rig.led->setOn(1);
+    rig.sender->clear();
+    rig.led->setBrightness(255);
+    QCOMPARE(rig.sender->count(), std::size_t(0));
+    rig.led->setBrightness(10);
+    rig.led->setBrightness(10);
+    QCOMPARE(rig.take(), QStringList{ledMessage("0a00", kStart)});
+}
+
+void TestLed::flashWithInterval500TogglesEvery250msBetweenBrightnessAndZero()
+{
+    QueueRig rig;
+    rig.led->setBrightness(0xc8);
+    rig.led->setOn(1);
+    rig.led->setFlashEnabled(true);
+    rig.led->setFlashInterval(500);
+    QCOMPARE(rig.drainUntil(kStart), QStringList{ledMessage("c800", kStart)});
+    QCOMPARE(rig.pool->taskCount(), std::size_t(1));
+
+    // Exactly one half interval after scheduling is not yet due.
+    rig.tickAt(kStart + 250 * kMs);
+    QCOMPARE(rig.drainUntil(kStart + 250 * kMs), QStringList());
+
+    // Each step goes out 100 ms after it ran; the next one comes 250 ms after the end of the
+    // previous run (here the clock stands still during a run).
+    qint64 step = kStart + 250 * kMs + 1;
+    const char* expected[] = {"c800", "0000", "c800", "0000", "c800"};
+    for (const char* level : expected) {
+        rig.tickAt(step - 1);
+        QCOMPARE(rig.drainUntil(step - 1), QStringList());
+        rig.tickAt(step);
+        QCOMPARE(rig.led->flashPhase(), QByteArray(level) != "0000");
+        QCOMPARE(rig.drainUntil(step + 100 * kMs),
+                 QStringList{ledMessage(level, step + 100 * kMs)});
+        step += 250 * kMs + 1;
+    }
+}
+
+void TestLed::settingTheIntervalToZeroStopsTheTogglingAndLeavesThePhaseUnlit()
+{
+    QueueRig rig;
+    flashTwoSteps(rig);
+    QCOMPARE(rig.led->flashPhase(), false);
+
+    rig.clock.setNs(kStart + 700 * kMs);
+    rig.led->setFlashInterval(0);
+    QCOMPARE(rig.led->flashInterval(), int64_t(0));
+    // The step that was due at 750 ms + 3 ns, and every one after it, does not come.
+    for (qint64 t = kStart + 750 * kMs; t <= kStart + 2000 * kMs; t += 5 * kMs) {
+        rig.tickAt(t + 3);
+    }
+    QCOMPARE(rig.drainUntil(kStart + 2500 * kMs), QStringList());
+    QCOMPARE(rig.led->flashPhase(), false);
+    QCOMPARE(rig.pool->taskCount(), std::size_t(0));
+
+    // Flashing again starts from the unlit phase: the first step lights the LED.
+    rig.led->setFlashInterval(500);
+    const qint64 first = kStart + 2750 * kMs + 1;
+    rig.tickAt(first);
+    QCOMPARE(rig.drainUntil(first + 100 * kMs), QStringList{ledMessage("ff00", first + 100 * kMs)});
+}
+
+void TestLed::changingTheIntervalWhileLitCancelsAtOnceAndKeepsThePhase()
+{
+    QueueRig rig;
+    rig.led->setOn(1);
+    rig.led->setFlashEnabled(true);
+    rig.led->setFlashInterval(500);
+    rig.drainUntil(kStart);
+    rig.tickAt(kStart + 250 * kMs + 1);
+    rig.drainUntil(kStart + 350 * kMs + 1);
+    QCOMPARE(rig.led->flashPhase(), true);
+
+    // The flash task is cancelled at once, so no step runs to clear the phase: it stays lit,
+    // and so does the LED.
+    rig.led->setFlashInterval(0);
+    rig.tickAt(kStart + 500 * kMs + 2);
+    QCOMPARE(rig.drainUntil(kStart + 1000 * kMs), QStringList());
+    QCOMPARE(rig.led->flashPhase(), true);
+
+    // Flashing again therefore begins with a dark step.
+    rig.led->setFlashInterval(500);
+    const qint64 first = kStart + 1250 * kMs + 1;
+    rig.tickAt(first);
+    QCOMPARE(rig.drainUntil(first + 100 * kMs), QStringList{ledMessage("0000", first + 100 * kMs)});
+}
+
+void TestLed::switchingOffStopsTheFlashAtItsNextStepAndLeavesThePhaseUnlit()
+{
+    QueueRig rig;
+    rig.led->setOn(1);
+    rig.led->setFlashEnabled(true);
+    rig.led->setFlashInterval(500);
+    rig.drainUntil(kStart);
+    rig.tickAt(kStart + 250 * kMs + 1);
+    rig.drainUntil(kStart + 350 * kMs + 1);
+    QCOMPARE(rig.led->flashPhase(), true);
+
+    rig.clock.setNs(kStart + 400 * kMs);
+    rig.led->setOn(0);
+    QCOMPARE(rig.drainUntil(kStart + 400 * kMs),
+             QStringList{ledMessage("0000", kStart + 400 * kMs)});
+    QCOMPARE(rig.pool->taskCount(), std::size_t(1));
+
+    // The next step finds the LED off: it sends nothing, cancels its own task and clears
+    // the phase. The pool drops the cancelled record when it next comes due.
+    rig.tickAt(kStart + 500 * kMs + 2);
+    QCOMPARE(rig.led->flashPhase(), false);
+    QCOMPARE(rig.drainUntil(kStart + 700 * kMs), QStringList());
+    QCOMPARE(rig.pool->taskCount(), std::size_t(1));
+    rig.tickAt(kStart + 750 * kMs + 3);
+    QCOMPARE(rig.pool->taskCount(), std::size_t(0));
+    QCOMPARE(rig.drainUntil(kStart + 1500 * kMs), QStringList());
+}
+
+void TestLed::switchingOnAgainRestartsAStoppedFlash()
+{
+    QueueRig rig;
+    flashTwoSteps(rig);
+    rig.clock.setNs(kStart + 700 * kMs);
+    rig.led->setOn(0);
+    rig.tickAt(kStart + 750 * kMs + 3);  // stops the flash, its record not yet dropped
+    QCOMPARE(rig.pool->taskCount(), std::size_t(1));
+    rig.drainUntil(kStart + 800 * kMs);
+
+    // Switched on again before the pool has dropped the stopped task's record: a new flash
+    // starts from now, from the unlit phase.
+    rig.led->setOn(1);
+    QCOMPARE(rig.pool->taskCount(), std::size_t(2));
+    QCOMPARE(rig.drainUntil(kStart + 800 * kMs),
+             QStringList{ledMessage("ff00", kStart + 800 * kMs)});
+    const qint64 first = kStart + 1050 * kMs + 1;
+    rig.tickAt(first - 1);
+    rig.tickAt(first);
+    QCOMPARE(rig.drainUntil(first + 100 * kMs), QStringList{ledMessage("ff00", first + 100 * kMs)});
+    const qint64 second = first + 250 * kMs + 1;
+    rig.tickAt(second);
+    QCOMPARE(rig.drainUntil(second + 100 * kMs),
+             QStringList{ledMessage("0000", second + 100 * kMs)});
+}
+
+void TestLed::switchingOnWhileFlashingKeepsTheRhythm()
+{
+    QueueRig rig;
+    rig.led->setOn(1);
+    rig.led->setFlashEnabled(true);
+    rig.led->setFlashInterval(500);
+    rig.drainUntil(kStart);
+
+    rig.clock.setNs(kStart + 100 * kMs);
+    rig.led->setOn(2);
+    QCOMPARE(rig.pool->taskCount(), std::size_t(1));
+    QCOMPARE(rig.drainUntil(kStart + 100 * kMs),
+             QStringList{ledMessage("ff00", kStart + 100 * kMs)});
+    // Still due 250 ms after the flash was scheduled, not after the switch-on.
+    rig.tickAt(kStart + 250 * kMs + 1);
+    QCOMPARE(rig.drainUntil(kStart + 350 * kMs + 1),
+             QStringList{ledMessage("ff00", kStart + 350 * kMs + 1)});
+}
+
+void TestLed::flashNeedsEnabledPositiveIntervalAndOn_data()
+{
+    QTest::addColumn<bool>("enabled");
+    QTest::addColumn<qint64>("interval");
+    QTest::addColumn<int>("on");
+    QTest::addColumn<bool>("flashes");
+    QTest::newRow("enabled, 500, on") << true << qint64(500) << 1 << true;
+    QTest::newRow("enabled, 1, on") << true << qint64(1) << 1 << true;
+    QTest::newRow("disabled") << false << qint64(500) << 1 << false;
+    QTest::newRow("interval 0") << true << qint64(0) << 1 << false;
+    QTest::newRow("negative interval") << true << qint64(-500) << 1 << false;
+    QTest::newRow("off") << true << qint64(500) << 0 << false;
+}
+
+void TestLed::flashNeedsEnabledPositiveIntervalAndOn()
+{
+    QFETCH(bool, enabled);
+    QFETCH(qint64, interval);
+    QFETCH(int, on);
+    QFETCH(bool, flashes);
+
+    RecordingRig rig;
+    rig.led->setOn(static_cast<uint8_t>(on));
+    rig.led->setFlashInterval(interval);
+    rig.led->setFlashEnabled(enabled);
+    rig.sender->clear();
+    QCOMPARE(rig.pool->taskCount(), std::size_t(flashes ? 1 : 0));
+    rig.tickAt(kStart + 1000 * kMs);
+    QCOMPARE(rig.sender->count(), std::size_t(flashes ? 1 : 0));
+}
+
+void TestLed::stepIntervalIsHalfTheFlashIntervalRoundedDown_data()
+{
+    QTest::addColumn<qint64>("interval");
+    QTest::addColumn<qint64>("stepMs");
+    QTest::newRow("500") << qint64(500) << qint64(250);
+    QTest::newRow("501") << qint64(501) << qint64(250);
+    QTest::newRow("3") << qint64(3) << qint64(1);
+    QTest::newRow("1") << qint64(1) << qint64(0);
+}
+
+void TestLed::stepIntervalIsHalfTheFlashIntervalRoundedDown()
+{
+    QFETCH(qint64, interval);
+    QFETCH(qint64, stepMs);
+    RecordingRig rig;
+    rig.led->setOn(1);
+    rig.led->setFlashEnabled(true);
+    rig.led->setFlashInterval(interval);
+    rig.sender->clear();
+
+    rig.tickAt(kStart + stepMs * kMs);
+    QCOMPARE(rig.sender->count(), std::size_t(0));
+    rig.tickAt(kStart + stepMs * kMs + 1);
+    QCOMPARE(rig.take(), QStringList{ledMessage("ff00", kStart + stepMs * kMs + 1 + 100 * kMs)});
+}
+
+void TestLed::changingTheIntervalRestartsTheStepTimer()
+{
+    RecordingRig rig;
+    rig.led->setOn(1);
+    rig.led->setFlashEnabled(true);
+    rig.led->setFlashInterval(500);
+    rig.clock.setNs(kStart + 200 * kMs);
+    rig.led->setFlashInterval(1000);
+    rig.sender->clear();
+    QCOMPARE(rig.pool->taskCount(), std::size_t(2));  // the old one cancelled, not yet dropped
+
+    rig.tickAt(kStart + 700 * kMs);
+    QCOMPARE(rig.sender->count(), std::size_t(0));
+    rig.tickAt(kStart + 700 * kMs + 1);
+    QCOMPARE(rig.take(), QStringList{ledMessage("ff00", kStart + 800 * kMs + 1)});
+    QCOMPARE(rig.pool->taskCount(), std::size_t(1));
+}
+
+void TestLed::disablingTheFlashStopsItAtOnceWithoutAMessage()
+{
+    RecordingRig rig;
+    rig.led->setOn(1);
+    rig.led->setFlashEnabled(true);
+    rig.led->setFlashInterval(500);
+    rig.tickAt(kStart + 250 * kMs + 1);
+    rig.sender->clear();
+
+    rig.led->setFlashEnabled(false);
+    QCOMPARE(rig.led->flashEnabled(), false);
+    QCOMPARE(rig.sender->count(), std::size_t(0));
+    for (qint64 t = kStart + 255 * kMs; t < kStart + 3000 * kMs; t += 5 * kMs) {
+        rig.tickAt(t);
+    }
+    QCOMPARE(rig.sender->count(), std::size_t(0));
+    QCOMPARE(rig.pool->taskCount(), std::size_t(0));
+}
+
+void TestLed::equalFlashSettingsDoNotReschedule()
+{
+    RecordingRig rig;
+    rig.led->setOn(1);
+    rig.led->setFlashEnabled(true);
+    rig.led->setFlashInterval(500);
+    rig.clock.setNs(kStart + 200 * kMs);
+    rig.led->setFlashInterval(500);
+    rig.led->setFlashEnabled(true);
+    QCOMPARE(rig.pool->taskCount(), std::size_t(1));
+    rig.sender->clear();
+    // Still on the first schedule's rhythm.
+    rig.tickAt(kStart + 250 * kMs + 1);
+    QCOMPARE(rig.sender->count(), std::size_t(1));
+}
+
+void TestLed::flashStepUsesTheCurrentBrightness()
+{
+    RecordingRig rig;
+    rig.led->setOn(1);
+    rig.led->setFlashEnabled(true);
+    rig.led->setFlashInterval(500);
+    rig.clock.setNs(kStart + 100 * kMs);
+    rig.led->setBrightness(0x40);
+    rig.sender->clear();
+    rig.tickAt(kStart + 250 * kMs + 1);
+    QCOMPARE(rig.take(), QStringList{ledMessage("4000", kStart + 350 * kMs + 1)});
+}
+
+void TestLed::resendStateZeroSendsTheStoredLevelAtOnce_data()
+{
+    QTest::addColumn<int>("on");
+    QTest::addColumn<QByteArray>("payload");
+    QTest::newRow("lit") << 1 << QByteArray("7700");
+    QTest::newRow("dark") << 0 << QByteArray("0000");
+}
+
+void TestLed::resendStateZeroSendsTheStoredLevelAtOnce()
+{
+    QFETCH(int, on);
+    QFETCH(QByteArray, payload);
+    QueueRig rig;
+    rig.led->setBrightness(0x77);
+    rig.led->setOn(static_cast<uint8_t>(on));
+    rig.drainUntil(kStart + 50 * kMs);
+
+    rig.led->setLinkReady(false);
+    QCOMPARE(rig.drainUntil(kStart + 500 * kMs),
+             QStringList{ledMessage(payload.constData(), kStart + 50 * kMs)});
+}
+
+void TestLed::resendStateOtherThanZeroSendsNothing()
+{
+    RecordingRig rig;
+    rig.led->setOn(1);
+    rig.sender->clear();
+    rig.led->setLinkReady(true);
+    QCOMPARE(rig.sender->count(), std::size_t(0));
+}
+
+void TestLed::handleMethodsReachTheLed()
+{
+    RecordingRig rig;
+    const std::shared_ptr<LedHandle> handle = rig.led->getHandle();
+    QVERIFY(handle);
+    QCOMPARE(handle->led(), rig.led.get());
+    handle->setBrightness(0x30);
+    handle->setOn(1);
+    handle->setFlashEnabled(true);
+    handle->setFlashInterval(800);
+    QCOMPARE(rig.led->brightness(), uint8_t(0x30));
+    QCOMPARE(rig.led->on(), uint8_t(1));
+    QCOMPARE(rig.led->flashEnabled(), true);
+    QCOMPARE(rig.led->flashInterval(), int64_t(800));
+    QCOMPARE(rig.take(), QStringList{ledMessage("3000", kStart)});
+    QCOMPARE(rig.pool->taskCount(), std::size_t(1));
+}
+
+void TestLed::releasingTheHandleSwitchesTheLedOffAfter100ms()
+{
+    QueueRig rig;
+    const std::shared_ptr<LedHandle> handle = rig.led->getHandle();
+    handle->setOn(1);
+    rig.drainUntil(kStart + 20 * kMs);
+
+    handle->detach();
+    QCOMPARE(handle->led(), nullptr);
+    QCOMPARE(rig.led->on(), uint8_t(0));
+    QCOMPARE(rig.drainUntil(kStart + 500 * kMs),
+             QStringList{ledMessage("0000", kStart + 120 * kMs)});
+}
+
+void TestLed::releasingTheHandleStopsTheFlashAtItsNextStep()
+{
+    QueueRig rig;
+    const std::shared_ptr<LedHandle> handle = rig.led->getHandle();
+    handle->setOn(1);
+    handle->setFlashEnabled(true);
+    handle->setFlashInterval(500);
+    rig.tickAt(kStart + 250 * kMs + 1);
+    rig.drainUntil(kStart + 400 * kMs);
+
+    handle->detach();
+    QCOMPARE(rig.drainUntil(kStart + 500 * kMs),
+             QStringList{ledMessage("0000", kStart + 500 * kMs)});
+    rig.tickAt(kStart + 500 * kMs + 2);
+    QCOMPARE(rig.led->flashPhase(), false);
+    QCOMPARE(rig.drainUntil(kStart + 2000 * kMs), QStringList());
+}
+
+void TestLed::secondHandleDetachesTheFirstAndSwitchesOff()
+{
+    RecordingRig rig;
+    const std::shared_ptr<LedHandle> first = rig.led->getHandle();
+    first->setOn(1);
+    rig.sender->clear();
+
+    const std::shared_ptr<LedHandle> second = rig.led->getHandle();
+    QVERIFY(second);
+    QVERIFY(second != first);
+    QCOMPARE(first->led(), nullptr);
+    QCOMPARE(second->led(), rig.led.get());
+    QCOMPARE(rig.take(), QStringList{ledMessage("0000", kStart + 100 * kMs)});
+
+    first->setOn(1);
+    QCOMPARE(rig.sender->count(), std::size_t(0));
+    second->setOn(1);
+    QCOMPARE(rig.take(), QStringList{ledMessage("ff00", kStart)});
+}
+
+void TestLed::releasingAStaleHandleKeepsTheCurrentOne()
+{
+    RecordingRig rig;
+    const std::shared_ptr<LedHandle> first = rig.led->getHandle();
+    LedHandle* const stale = first.get();
+    const std::shared_ptr<LedHandle> second = rig.led->getHandle();
+    rig.sender->clear();
+
+    // A release naming a handle that is no longer current still switches the LED off, but
+    // the current handle keeps working.
+    rig.led->releaseHandle(stale);
+    QCOMPARE(rig.take(), QStringList{ledMessage("0000", kStart + 100 * kMs)});
+    QCOMPARE(second->led(), rig.led.get());
+    const std::shared_ptr<LedHandle> third = rig.led->getHandle();
+    QCOMPARE(second->led(), nullptr);
+    QVERIFY(third);
+}
+
+void TestLed::detachedHandleDoesNothing()
+{
+    RecordingRig rig;
+    const std::shared_ptr<LedHandle> handle = rig.led->getHandle();
+    handle->detach();
+    rig.sender->clear();
+
+    handle->setOn(1);
+    handle->setBrightness(3);
+    handle->setFlashEnabled(true);
+    handle->setFlashInterval(400);
+    handle->detach();
+    QCOMPARE(rig.sender->count(), std::size_t(0));
+    QCOMPARE(rig.led->on(), uint8_t(0));
+    QCOMPARE(rig.led->brightness(), uint8_t(255));
+    QCOMPARE(rig.led->flashEnabled(), false);
+    QCOMPARE(rig.led->flashInterval(), int64_t(0));
+    QVERIFY(!handle->standsFor(kSection, kDevice));
+}
+
+void TestLed::handleStandsForItsSectionAndDevice()
+{
+    RecordingRig rig;
+    const std::shared_ptr<LedHandle> handle = rig.led->getHandle();
+    QVERIFY(handle->standsFor(kSection, kDevice));
+    QVERIFY(!handle->standsFor(0, kDevice));
+    QVERIFY(!handle->standsFor(kSection, 22));
+}
+
+void TestLed::handleIsDeletedLaterWhenItsLastOwnerGoes()
+{
+    RecordingRig rig;
+    std::shared_ptr<LedHandle> handle = rig.led->getHandle();
+    QPointer<LedHandle> watch(handle.get());
+    handle.reset();
+    // The LED still owns it.
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QVERIFY(watch);
+
+    rig.led->getHandle();  // detaches and drops the first one
+    QVERIFY(watch);        // not deleted on the spot...
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QVERIFY(!watch);  // ...but by the event loop
+}
+
+void TestLed::destroyingTheLedCutsItsHandleOffAndDropsItsTask()
+{
+    RecordingRig rig;
+    const std::shared_ptr<LedHandle> handle = rig.led->getHandle();
+    handle->setOn(1);
+    handle->setFlashEnabled(true);
+    handle->setFlashInterval(500);
+    rig.sender->clear();
+
+    rig.led.reset();
+    QCOMPARE(handle->led(), nullptr);
+    handle->setOn(1);
+    handle->detach();
+    rig.tickAt(kStart + 250 * kMs + 1);
+    QCOMPARE(rig.sender->count(), std::size_t(0));
+    QCOMPARE(rig.pool->taskCount(), std::size_t(0));
+}
+
+void TestLed::handleCallsFromAnotherThreadWhileStepsRunDoNotDeadlock()
+{
+    RecordingRig rig;
+    const std::shared_ptr<LedHandle> handle = rig.led->getHandle();
+    handle->setOn(1);
+    handle->setFlashEnabled(true);
+    handle->setFlashInterval(2);
+
+    std::atomic<bool> done{false};
+    std::thread user([&]() {
+        for (int i = 0; i < 3000; ++i) {
+            handle->setFlashInterval(2 + (i % 3));
+            handle->setFlashEnabled(i % 5 != 0);
+            handle->setOn(static_cast<uint8_t>(i % 4));
+            handle->setBrightness(static_cast<uint8_t>(i));
+        }
+        done = true;
+    });
+    qint64 t = kStart;
+    while (!done.load()) {
+        t += 1 * kMs + 1;
+        rig.tickAt(t);
+    }
+    user.join();
+    // Whatever interleaving happened, at most one flash task is left live: the last
+    // decision wins. (Cancelled records may linger until they come due.)
+    for (int i = 0; i < 10; ++i) {
+        t += 5 * kMs;
+        rig.tickAt(t);
+    }
+    const bool flashing =
+        rig.led->flashEnabled() && rig.led->flashInterval() > 0 && rig.led->on() != 0;
+    QCOMPARE(rig.pool->taskCount(), std::size_t(flashing ? 1 : 0));
+}
+
+QTEST_GUILESS_MAIN(TestLed)
+#include "tst_led.moc"
