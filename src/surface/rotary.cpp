@@ -1,0 +1,300 @@
+#include "surface/rotary.h"
+
+#include <QDebug>
+#include <utility>
+
+#include "surface/iglobalrotarybindingtarget.h"
+#include "surface/rotaryhandle.h"
+
+namespace Velmora::Worksurface {
+
+namespace {
+
+uint32_t rgbOf(const QColor& color)
+{
+    return color.rgb() & 0xFFFFFFu;
+}
+
+// Black is what the light shows when it is off, whatever the alpha or the colour model.
+bool isBlack(const QColor& color)
+{
+    return rgbOf(color) == 0;
+}
+
+}  // namespace
+
+Rotary::Rotary(uint8_t rotaryDeviceId, uint8_t lightDeviceId, uint8_t buttonDeviceId,
+               uint8_t sectionIndex, RotaryType type, std::shared_ptr<ISerialMessageSender> sender,
+               std::shared_ptr<ITaskPool> taskPool)
+    : m_rotaryDeviceId(rotaryDeviceId),
+      m_lightDeviceId(lightDeviceId),
+      m_buttonDeviceId(buttonDeviceId),
+      m_sectionIndex(sectionIndex),
+      m_type(type),
+      m_sender(std::move(sender)),
+      m_taskPool(std::move(taskPool))
+{}
+
+Rotary::~Rotary()
+{
+    // A binding may still hold the handle for a moment; it must not reach a dead rotary.
+    if (m_handle) {
+        m_handle->m_rotary = nullptr;
+    }
+}
+
+bool Rotary::handleMessage(const SerialMessage& message)
+{
+    // Device ids are per message type: a button message whose id happens to be this
+    // rotary's id is another switch's, so only the types of the rotary itself are taken
+    // on the rotary id.
+    if (message.deviceId == m_rotaryDeviceId) {
+        if (message.type == MessageType::RotaryStep) {
+            if (const std::shared_ptr<RotaryHandle> handle = currentHandle()) {
+                emit handle->rotaryRotated(static_cast<qint8>(message.byteAt(0, 0)));
+            }
+            return true;
+        }
+        if (message.type == MessageType::RotaryTouch) {
+            m_touched.store(message.boolAt(0, m_touched.load()));
+            if (const std::shared_ptr<RotaryHandle> handle = currentHandle()) {
+                emit handle->rotaryTouched();
+            }
+            return true;
+        }
+        return false;
+    }
+    if (message.deviceId == m_buttonDeviceId && message.type == MessageType::ButtonState) {
+        m_pressed.store(message.boolAt(0, m_pressed.load()));
+        if (const std::shared_ptr<RotaryHandle> handle = currentHandle()) {
+            emit handle->rotaryPressed();
+        }
+        return true;
+    }
+    return false;
+}
+
+void Rotary::setLinkReady(bool ready)
+{
+    if (ready) {
+        return;
+    }
+    // Only a flashing light gets its colour back here; a steady one is deliberately left
+    // as the section shows it.
+    QColor color;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_flashInterval <= 0) {
+            return;
+        }
+        color = m_color;
+    }
+    sendColor(color, 0);
+}
+
+uint8_t Rotary::rotaryDeviceId() const
+{
+    return m_rotaryDeviceId;
+}
+
+uint8_t Rotary::sectionIndex() const
+{
+    return m_sectionIndex;
+}
+
+RotaryType Rotary::rotaryType() const
+{
+    return m_type;
+}
+
+bool Rotary::touched() const
+{
+    return m_touched.load();
+}
+
+bool Rotary::pressed() const
+{
+    return m_pressed.load();
+}
+
+QColor Rotary::color() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_color;
+}
+
+void Rotary::setColor(const QColor& color)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_color = color;
+    }
+    sendColor(color, 0);
+}
+
+bool Rotary::flashEnabled() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_flashEnabled;
+}
+
+void Rotary::setFlashEnabled(bool enabled)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_flashEnabled == enabled) {
+        return;
+    }
+    m_flashEnabled = enabled;
+    rescheduleFlash(lock);
+}
+
+int64_t Rotary::flashInterval() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_flashInterval;
+}
+
+void Rotary::setFlashInterval(int64_t intervalMs)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_flashInterval == intervalMs) {
+        return;
+    }
+    m_flashInterval = intervalMs;
+    rescheduleFlash(lock);
+}
+
+std::shared_ptr<RotaryHandle> Rotary::getHandle()
+{
+    std::shared_ptr<RotaryHandle> previous;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        previous = std::move(m_handle);
+    }
+    if (previous) {
+        // No longer the current handle, so its release does not wake the global target.
+        previous->detach();
+        previous.reset();
+    }
+    std::shared_ptr<RotaryHandle> handle(new RotaryHandle(this),
+                                         [](RotaryHandle* h) { h->deleteLater(); });
+    std::lock_guard<std::mutex> lock(m_mutex);
+    // The running flash task, if any, finds these cleared at its next step and stops.
+    m_flashInterval = 0;
+    m_flashEnabled = false;
+    m_handle = handle;
+    return handle;
+}
+
+void Rotary::releaseHandle(RotaryHandle* handle)
+{
+    const QColor black(Qt::black);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_color = black;
+    }
+    sendColor(black, kReleaseDelayMs);
+
+    std::shared_ptr<RotaryHandle> released;
+    IGlobalRotaryBindingTarget* target = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_handle.get() != handle) {
+            return;
+        }
+        released = std::move(m_handle);
+        target = m_globalTarget;
+    }
+    // Outside the lock: the target binds at once, which asks this rotary for a new handle.
+    if (target != nullptr) {
+        target->bind();
+    }
+}
+
+int Rotary::setGlobalTarget(IGlobalRotaryBindingTarget* target)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_globalTarget != nullptr && target != nullptr && target != m_globalTarget) {
+        lock.unlock();
+        qWarning() << "Rotary global target can be bound only into one binding at the time. "
+                      "Rotary id:"
+                   << static_cast<int>(m_rotaryDeviceId);
+        return Refused;
+    }
+    m_globalTarget = target;
+    return m_handle ? StoredBound : StoredUnbound;
+}
+
+void Rotary::run()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_flashEnabled && m_flashInterval >= 1) {
+        // A black light has nothing to flash; its phase waits for a colour.
+        if (!isBlack(m_color)) {
+            sendColor(m_flashPhase ? m_color : QColor(Qt::black), 0);
+            m_flashPhase = !m_flashPhase;
+        }
+        return;
+    }
+    cancelFlashTask();
+    m_flashPhase = false;
+}
+
+uint8_t Rotary::lightDeviceId() const
+{
+    return m_lightDeviceId;
+}
+
+uint8_t Rotary::buttonDeviceId() const
+{
+    return m_buttonDeviceId;
+}
+
+bool Rotary::flashPhase() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_flashPhase;
+}
+
+void Rotary::cancelFlashTask()
+{
+    if (const std::shared_ptr<ITaskHandle> task = m_flashTask.lock()) {
+        task->cancel();
+    }
+    m_flashTask.reset();
+}
+
+void Rotary::rescheduleFlash(std::unique_lock<std::mutex>& lock)
+{
+    cancelFlashTask();
+    const uint64_t generation = ++m_flashGeneration;
+    if (!m_flashEnabled || m_flashInterval < 1) {
+        // Not flashing: whatever the last step left on the light, show the colour steadily.
+        sendColor(m_color, 0);
+        return;
+    }
+    const auto halfIntervalMs = static_cast<uint64_t>(m_flashInterval / 2);
+    const std::shared_ptr<ITask> self = shared_from_this();
+    lock.unlock();
+    std::shared_ptr<ITaskHandle> task = m_taskPool->schedulePeriodic(halfIntervalMs, self);
+    lock.lock();
+    if (generation == m_flashGeneration) {
+        m_flashTask = task;
+    } else if (task) {
+        // Overtaken by a later change while the mutex was free: that one decides.
+        task->cancel();
+    }
+}
+
+void Rotary::sendColor(const QColor& color, int64_t delayMs)
+{
+    m_sender->sendColor(m_lightDeviceId, rgbOf(color), 0, delayMs);
+}
+
+std::shared_ptr<RotaryHandle> Rotary::currentHandle() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_handle;
+}
+
+}  // namespace Velmora::Worksurface
