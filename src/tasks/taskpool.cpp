@@ -1,0 +1,168 @@
+#include "tasks/taskpool.h"
+
+#include <limits>
+#include <utility>
+
+#include "tasks/monotonicclock.h"
+
+namespace Velmora::Worksurface {
+
+namespace {
+
+constexpr int64_t kNsPerMs = 1000000;
+
+// Intervals arrive as unsigned milliseconds; the record keeps signed ones. Anything beyond
+// the signed range is as good as "never" for a console that runs for days, not centuries.
+int64_t toStoredInterval(uint64_t intervalMs)
+{
+    constexpr uint64_t maxMs = static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
+    return static_cast<int64_t>(intervalMs > maxMs ? maxMs : intervalMs);
+}
+
+}  // namespace
+
+TaskPool::TaskData::TaskData(uint64_t id, int64_t intervalMs, int64_t lastRunNs,
+                             std::weak_ptr<ITask> task, bool singleShot)
+    : m_id(id),
+      m_intervalMs(intervalMs),
+      m_lastRunNs(lastRunNs),
+      m_task(std::move(task)),
+      m_singleShot(singleShot)
+{}
+
+uint64_t TaskPool::TaskData::id() const
+{
+    return m_id;
+}
+
+bool TaskPool::TaskData::cancel()
+{
+    return m_cancelled.exchange(true);
+}
+
+bool TaskPool::TaskData::isDue(int64_t nowNs) const
+{
+    // An interval too long to express in nanoseconds can never elapse; saturating here keeps
+    // the multiplication from overflowing.
+    constexpr int64_t maxMs = std::numeric_limits<int64_t>::max() / kNsPerMs;
+    if (m_intervalMs > maxMs) {
+        return false;
+    }
+    // Due only once strictly more than the interval has passed: a 100 ms task scheduled at
+    // 0 is not run by a tick at exactly 100 ms but by the first tick after it.
+    return nowNs - m_lastRunNs > m_intervalMs * kNsPerMs;
+}
+
+TaskPool::TaskPool(QObject* parent) : QObject(parent)
+{
+    connect(&m_timer, &QTimer::timeout, this, &TaskPool::runPendingTasks);
+}
+
+// Dropping the records releases only the pool's share of them: tasks were never owned here,
+// and nothing is run on the way out.
+TaskPool::~TaskPool() = default;
+
+void TaskPool::scheduleOnce(uint64_t intervalMs, const std::shared_ptr<ITask>& task)
+{
+    addTask(intervalMs, task, true);
+}
+
+std::shared_ptr<ITaskHandle> TaskPool::schedulePeriodic(uint64_t intervalMs,
+                                                        const std::shared_ptr<ITask>& task)
+{
+    return addTask(intervalMs, task, false);
+}
+
+std::shared_ptr<TaskPool::TaskData> TaskPool::addTask(uint64_t intervalMs,
+                                                      const std::shared_ptr<ITask>& task,
+                                                      bool singleShot)
+{
+    std::lock_guard<Mutex> lock(m_mutex);
+    const uint64_t id = m_nextId++;
+    auto record = std::make_shared<TaskData>(id, toStoredInterval(intervalMs),
+                                             MonotonicClock::nowNs(), task, singleShot);
+    // Appending may reallocate the list while a tick is walking it (a task scheduling from
+    // inside its run): the walk goes by index and never keeps a reference across a run.
+    m_tasks.push_back(record);
+    return record;
+}
+
+void TaskPool::start()
+{
+    m_running = true;
+    if (!m_timer.isActive()) {
+        m_timer.start(kTickMs);
+    }
+}
+
+void TaskPool::stop()
+{
+    m_running = false;
+    m_timer.stop();
+}
+
+bool TaskPool::isRunning() const
+{
+    return m_running;
+}
+
+bool TaskPool::isTimerActive() const
+{
+    return m_timer.isActive();
+}
+
+int TaskPool::timerIntervalMs() const
+{
+    return m_timer.interval();
+}
+
+std::size_t TaskPool::taskCount() const
+{
+    std::lock_guard<Mutex> lock(m_mutex);
+    return m_tasks.size();
+}
+
+void TaskPool::runPendingTasks()
+{
+    if (m_timer.isActive()) {
+        m_timer.stop();
+    }
+    const int64_t now = MonotonicClock::nowNs();
+
+    std::unique_lock<Mutex> lock(m_mutex);
+    // By index, and re-reading the size each time: a task may append a record while it runs
+    // (the link restart schedules its new supervision task from within its own pass), which
+    // can reallocate the list. The new record's last run is its scheduling time, not before
+    // `now`, so it is never due in the walk that created it.
+    for (std::size_t i = 0; i < m_tasks.size();) {
+        // A copy, not a reference: the record must outlive a run that reallocates the list.
+        const std::shared_ptr<TaskData> record = m_tasks[i];
+        if (!record->isDue(now)) {
+            ++i;
+            continue;
+        }
+        // Holding the task for the length of its run keeps it alive even when the run
+        // releases its owner's last reference (a section connection dropping itself, or one
+        // task releasing another's owner).
+        const std::shared_ptr<ITask> task = record->m_task.lock();
+        if (!task || record->m_cancelled.load()) {
+            m_tasks.erase(m_tasks.begin() + static_cast<std::ptrdiff_t>(i));
+            continue;
+        }
+        task->run();
+        record->m_lastRunNs = MonotonicClock::nowNs();
+        if (record->m_singleShot) {
+            // Not erased yet: it is dropped when it next comes due, one interval from now.
+            record->m_cancelled.store(true);
+        }
+        ++i;
+    }
+    m_timer.start(kTickMs);
+    lock.unlock();
+
+    if (m_running && !m_timer.isActive()) {
+        m_timer.start(kTickMs);
+    }
+}
+
+}  // namespace Velmora::Worksurface

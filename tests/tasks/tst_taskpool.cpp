@@ -1,0 +1,762 @@
+#include <QtTest/QtTest>
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "support/manualclock.h"
+#include "tasks/taskpool.h"
+
+using Velmora::Worksurface::ITask;
+using Velmora::Worksurface::ITaskHandle;
+using Velmora::Worksurface::TaskPool;
+
+namespace {
+
+constexpr qint64 kMs = 1000000;
+
+// Counts its runs and optionally does something inside the run, the way a section
+// connection or a fader step does its work from the pool.
+class RecordingTask : public ITask
+{
+public:
+    explicit RecordingTask(std::function<void()> body = {}) : m_body(std::move(body)) {}
+
+    void run() override
+    {
+        ++runs;
+        if (m_body) {
+            m_body();
+        }
+    }
+
+    int runs = 0;
+
+private:
+    std::function<void()> m_body;
+};
+
+// A task that notes its destruction in a flag the test owns, so a test can tell whether the
+// pool kept it alive.
+class LifetimeTask : public ITask
+{
+public:
+    LifetimeTask(bool* destroyed, std::function<void(LifetimeTask*)> body)
+        : m_destroyed(destroyed), m_body(std::move(body))
+    {}
+    ~LifetimeTask() override { *m_destroyed = true; }
+
+    void run() override
+    {
+        ++runs;
+        m_body(this);
+        // Touches the object after the body: had the body freed it, this would be a
+        // use-after-free that the sanitizer build reports.
+        ++finishedRuns;
+    }
+
+    int runs = 0;
+    int finishedRuns = 0;
+
+private:
+    bool* m_destroyed;
+    std::function<void(LifetimeTask*)> m_body;
+};
+
+}  // namespace
+
+class TestTaskPool : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    // Scheduling
+    void taskWithIntervalZeroRunsOnNextTick_data();
+    void taskWithIntervalZeroRunsOnNextTick();
+    void taskIsNotDueAtTheInstantItIsScheduled();
+    void taskWithInterval100IsNotRunAtExactly100msButAtTheFirstTickAfter();
+    void taskWithInterval100IsDueOneNanosecondAfter100ms();
+    void handleIdsAreConsecutiveInSchedulingOrderAcrossBothOperations();
+    void idsStartAtZeroForEachPool();
+    void poolHoldsTasksOnlyWeakly();
+    void dueTasksRunInSchedulingOrder();
+    void intervalTooLongForNanosecondsIsNeverDue_data();
+    void intervalTooLongForNanosecondsIsNeverDue();
+
+    // Single shot
+    void singleShotTaskRunsExactlyOnce();
+    void singleShotRecordStaysOneMoreIntervalThenIsErased();
+
+    // Repeating
+    void repeatingTaskRunsOncePerElapsedInterval();
+    void repeatingTaskNextRunIsMeasuredFromTheEndOfItsRun();
+    void repeatingTaskWhoseOwnerIsDestroyedIsRemovedAtNextDueTimeWithoutCall();
+
+    // Cancelling
+    void cancelReturnsFalseTheFirstTimeAndTrueAfterwards();
+    void cancelledTaskIsNeverRunAgain();
+    void taskCancelledBeforeItsFirstRunIsNeverRun();
+    void recordAfterAnErasedOneIsStillRunInTheSameTick();
+
+    // Work done from inside a run
+    void taskScheduledFromInsideARunIsNotRunInTheSameWalk();
+    void manyTasksScheduledFromInsideARunKeepTheWalkValid();
+    void taskCancellingItsOwnHandleInsideItsRunIsNotRunAgain();
+    void taskCancelledByAnEarlierTaskInTheSameTickIsNotRun();
+    void taskWhoseOwnerIsReleasedInsideAnotherTasksRunIsDroppedWithoutCall();
+    void taskReleasingItsOwnLastOwnerInsideItsRunFinishesTheRun();
+
+    // Timer and lifecycle
+    void schedulingDoesNotStartTheTimer();
+    void startArmsTheTimerWithFiveMilliseconds();
+    void startLeavesAnActiveTimerAlone();
+    void stopClearsRunningAndDisarmsTheTimer();
+    void tickRearmsTheTimerWithFiveMilliseconds_data();
+    void tickRearmsTheTimerWithFiveMilliseconds();
+    void stopKeepsRecordsAndStartResumesWithOldLastRunTimes();
+    void destroyingThePoolReleasesRecordsWithoutRunningThem();
+
+    // Threads
+    void schedulingFromSeveralThreadsGivesEveryTaskItsOwnConsecutiveId();
+};
+
+void TestTaskPool::taskWithIntervalZeroRunsOnNextTick_data()
+{
+    QTest::addColumn<bool>("singleShot");
+    QTest::newRow("once") << true;
+    QTest::newRow("periodic") << false;
+}
+
+void TestTaskPool::taskWithIntervalZeroRunsOnNextTick()
+{
+    QFETCH(bool, singleShot);
+    ManualClock clock(1000 * kMs);
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    std::shared_ptr<ITaskHandle> handle;
+    if (singleShot) {
+        pool.scheduleOnce(0, task);
+    } else {
+        handle = pool.schedulePeriodic(0, task);
+    }
+
+    clock.advanceMs(TaskPool::kTickMs);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 1);
+}
+
+void TestTaskPool::taskIsNotDueAtTheInstantItIsScheduled()
+{
+    ManualClock clock(1000 * kMs);
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(0, task);
+
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 0);
+
+    clock.advanceNs(1);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 1);
+}
+
+void TestTaskPool::taskWithInterval100IsNotRunAtExactly100msButAtTheFirstTickAfter()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(100, task);
+
+    // Ticks every 5 ms up to and including 100 ms.
+    for (int t = TaskPool::kTickMs; t <= 100; t += TaskPool::kTickMs) {
+        clock.setNs(t * kMs);
+        pool.runPendingTasks();
+        QCOMPARE(task->runs, 0);
+    }
+    clock.setNs(105 * kMs);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 1);
+}
+
+void TestTaskPool::taskWithInterval100IsDueOneNanosecondAfter100ms()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(100, task);
+
+    clock.setNs(100 * kMs - 1);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 0);
+    clock.setNs(100 * kMs);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 0);
+    clock.setNs(100 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 1);
+}
+
+void TestTaskPool::handleIdsAreConsecutiveInSchedulingOrderAcrossBothOperations()
+{
+    ManualClock clock;
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+
+    auto first = pool.schedulePeriodic(50, task);
+    pool.scheduleOnce(50, task);
+    auto third = pool.schedulePeriodic(50, task);
+    pool.scheduleOnce(50, task);
+    pool.scheduleOnce(50, task);
+    auto sixth = pool.schedulePeriodic(50, task);
+    auto seventh = pool.schedulePeriodic(50, task);
+
+    QCOMPARE(first->id(), uint64_t(0));
+    QCOMPARE(third->id(), uint64_t(2));
+    QCOMPARE(sixth->id(), uint64_t(5));
+    QCOMPARE(seventh->id(), uint64_t(6));
+    QCOMPARE(pool.taskCount(), std::size_t(7));
+}
+
+void TestTaskPool::idsStartAtZeroForEachPool()
+{
+    ManualClock clock;
+    auto task = std::make_shared<RecordingTask>();
+    TaskPool firstPool;
+    firstPool.schedulePeriodic(10, task);
+    firstPool.schedulePeriodic(10, task);
+
+    TaskPool secondPool;
+    QCOMPARE(secondPool.schedulePeriodic(10, task)->id(), uint64_t(0));
+}
+
+void TestTaskPool::poolHoldsTasksOnlyWeakly()
+{
+    ManualClock clock;
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(10, task);
+    pool.scheduleOnce(10, task);
+
+    QCOMPARE(task.use_count(), 1L);
+    // The record is shared between the pool and the caller.
+    QCOMPARE(handle.use_count(), 2L);
+}
+
+void TestTaskPool::dueTasksRunInSchedulingOrder()
+{
+    ManualClock clock;
+    TaskPool pool;
+    QStringList order;
+    auto a = std::make_shared<RecordingTask>([&] { order << "a"; });
+    auto b = std::make_shared<RecordingTask>([&] { order << "b"; });
+    auto c = std::make_shared<RecordingTask>([&] { order << "c"; });
+    auto ha = pool.schedulePeriodic(30, a);
+    pool.scheduleOnce(20, b);
+    auto hc = pool.schedulePeriodic(10, c);
+
+    clock.advanceMs(31);
+    pool.runPendingTasks();
+    QCOMPARE(order, QStringList({"a", "b", "c"}));
+}
+
+void TestTaskPool::intervalTooLongForNanosecondsIsNeverDue_data()
+{
+    QTest::addColumn<quint64>("intervalMs");
+    QTest::newRow("just past the nanosecond range")
+        << quint64(std::numeric_limits<int64_t>::max() / kMs + 1);
+    QTest::newRow("past the signed range") << quint64(std::numeric_limits<int64_t>::max()) + 1;
+    QTest::newRow("largest") << std::numeric_limits<quint64>::max();
+}
+
+void TestTaskPool::intervalTooLongForNanosecondsIsNeverDue()
+{
+    QFETCH(quint64, intervalMs);
+    ManualClock clock(0);
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(intervalMs, task);
+    pool.scheduleOnce(intervalMs, task);
+
+    clock.setNs(std::numeric_limits<int64_t>::max() / 2);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 0);
+    QCOMPARE(pool.taskCount(), std::size_t(2));
+}
+
+void TestTaskPool::singleShotTaskRunsExactlyOnce()
+{
+    ManualClock clock;
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    pool.scheduleOnce(10, task);
+
+    for (int i = 0; i < 200; ++i) {
+        clock.advanceMs(TaskPool::kTickMs);
+        pool.runPendingTasks();
+    }
+    QCOMPARE(task->runs, 1);
+    QCOMPARE(pool.taskCount(), std::size_t(0));
+}
+
+void TestTaskPool::singleShotRecordStaysOneMoreIntervalThenIsErased()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    pool.scheduleOnce(100, task);
+
+    clock.setNs(100 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 1);
+    QCOMPARE(pool.taskCount(), std::size_t(1));
+
+    // Its last run is the end of that run; the record is dropped when it is next due.
+    clock.setNs(200 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(pool.taskCount(), std::size_t(1));
+    clock.setNs(200 * kMs + 2);
+    pool.runPendingTasks();
+    QCOMPARE(pool.taskCount(), std::size_t(0));
+    QCOMPARE(task->runs, 1);
+}
+
+void TestTaskPool::repeatingTaskRunsOncePerElapsedInterval()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(50, task);
+
+    // Ticks every 5 ms for one second: runs at 55, 110, 165, ... (strictly more than
+    // 50 ms after the previous run, on the 5 ms grid).
+    for (int t = TaskPool::kTickMs; t <= 1000; t += TaskPool::kTickMs) {
+        clock.setNs(t * kMs);
+        pool.runPendingTasks();
+    }
+    QCOMPARE(task->runs, 18);
+}
+
+void TestTaskPool::repeatingTaskNextRunIsMeasuredFromTheEndOfItsRun()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    // A run that takes 30 ms.
+    auto task = std::make_shared<RecordingTask>([&] { clock.advanceMs(30); });
+    auto handle = pool.schedulePeriodic(50, task);
+
+    clock.setNs(50 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 1);
+    QCOMPARE(clock.nowNs(), 80 * kMs + 1);
+
+    // 50 ms after the start of the run is not enough, nor is exactly 50 ms after its end.
+    clock.setNs(130 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 1);
+    clock.setNs(130 * kMs + 2);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 2);
+}
+
+void TestTaskPool::repeatingTaskWhoseOwnerIsDestroyedIsRemovedAtNextDueTimeWithoutCall()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto calls = std::make_shared<int>(0);
+    auto task = std::make_shared<RecordingTask>([calls] { ++*calls; });
+    auto handle = pool.schedulePeriodic(50, task);
+
+    clock.setNs(50 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(*calls, 1);
+
+    task.reset();
+    // Not yet due: the record waits for its due time.
+    clock.setNs(100 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(pool.taskCount(), std::size_t(1));
+
+    clock.setNs(100 * kMs + 2);
+    pool.runPendingTasks();
+    QCOMPARE(pool.taskCount(), std::size_t(0));
+    QCOMPARE(*calls, 1);
+    // The caller's handle outlives the record in the pool.
+    QCOMPARE(handle.use_count(), 1L);
+    QCOMPARE(handle->id(), uint64_t(0));
+}
+
+void TestTaskPool::cancelReturnsFalseTheFirstTimeAndTrueAfterwards()
+{
+    ManualClock clock;
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(10, task);
+
+    QCOMPARE(handle->cancel(), false);
+    QCOMPARE(handle->cancel(), true);
+    QCOMPARE(handle->cancel(), true);
+}
+
+void TestTaskPool::cancelledTaskIsNeverRunAgain()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(10, task);
+
+    clock.setNs(10 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 1);
+
+    QCOMPARE(handle->cancel(), false);
+    for (int i = 0; i < 100; ++i) {
+        clock.advanceMs(TaskPool::kTickMs);
+        pool.runPendingTasks();
+    }
+    QCOMPARE(task->runs, 1);
+    QCOMPARE(pool.taskCount(), std::size_t(0));
+}
+
+void TestTaskPool::recordAfterAnErasedOneIsStillRunInTheSameTick()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto cancelled = std::make_shared<RecordingTask>();
+    auto gone = std::make_shared<RecordingTask>();
+    auto next = std::make_shared<RecordingTask>();
+    auto cancelledHandle = pool.schedulePeriodic(10, cancelled);
+    auto goneHandle = pool.schedulePeriodic(10, gone);
+    auto nextHandle = pool.schedulePeriodic(10, next);
+    cancelledHandle->cancel();
+    gone.reset();
+
+    clock.setNs(10 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(next->runs, 1);
+    QCOMPARE(cancelled->runs, 0);
+    QCOMPARE(pool.taskCount(), std::size_t(1));
+}
+
+void TestTaskPool::taskCancelledBeforeItsFirstRunIsNeverRun()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(10, task);
+    handle->cancel();
+
+    // The record stays until it comes due, then goes without a call.
+    clock.setNs(10 * kMs);
+    pool.runPendingTasks();
+    QCOMPARE(pool.taskCount(), std::size_t(1));
+    clock.setNs(10 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(pool.taskCount(), std::size_t(0));
+    QCOMPARE(task->runs, 0);
+}
+
+void TestTaskPool::taskScheduledFromInsideARunIsNotRunInTheSameWalk()
+{
+    // The link restart reopens the port and schedules its new supervision task from within
+    // the pass that found the link dead.
+    ManualClock clock(0);
+    TaskPool pool;
+    auto inner = std::make_shared<RecordingTask>();
+    std::shared_ptr<ITaskHandle> innerHandle;
+    auto outer = std::make_shared<RecordingTask>([&] {
+        if (!innerHandle) {
+            innerHandle = pool.schedulePeriodic(0, inner);
+        }
+    });
+    auto outerHandle = pool.schedulePeriodic(0, outer);
+
+    clock.advanceMs(TaskPool::kTickMs);
+    pool.runPendingTasks();
+    QCOMPARE(outer->runs, 1);
+    QVERIFY(innerHandle);
+    QCOMPARE(innerHandle->id(), uint64_t(1));
+    QCOMPARE(pool.taskCount(), std::size_t(2));
+    QCOMPARE(inner->runs, 0);
+
+    clock.advanceMs(TaskPool::kTickMs);
+    pool.runPendingTasks();
+    QCOMPARE(outer->runs, 2);
+    QCOMPARE(inner->runs, 1);
+}
+
+void TestTaskPool::manyTasksScheduledFromInsideARunKeepTheWalkValid()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto inner = std::make_shared<RecordingTask>();
+    std::vector<std::shared_ptr<ITaskHandle>> innerHandles;
+    // Enough appends to make the record list grow its storage several times over while the
+    // walk is inside this run.
+    auto outer = std::make_shared<RecordingTask>([&] {
+        for (int i = 0; i < 200; ++i) {
+            innerHandles.push_back(pool.schedulePeriodic(0, inner));
+            pool.scheduleOnce(0, inner);
+        }
+    });
+    auto first = std::make_shared<RecordingTask>();
+    auto last = std::make_shared<RecordingTask>();
+    auto firstHandle = pool.schedulePeriodic(0, first);
+    pool.scheduleOnce(0, outer);
+    auto lastHandle = pool.schedulePeriodic(0, last);
+
+    clock.advanceMs(TaskPool::kTickMs);
+    pool.runPendingTasks();
+    QCOMPARE(first->runs, 1);
+    QCOMPARE(outer->runs, 1);
+    QCOMPARE(last->runs, 1);
+    QCOMPARE(inner->runs, 0);
+    QCOMPARE(pool.taskCount(), std::size_t(403));
+    QCOMPARE(innerHandles.back()->id(), uint64_t(401));
+
+    clock.advanceMs(TaskPool::kTickMs);
+    pool.runPendingTasks();
+    QCOMPARE(inner->runs, 400);
+    QCOMPARE(outer->runs, 1);
+}
+
+void TestTaskPool::taskCancellingItsOwnHandleInsideItsRunIsNotRunAgain()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    std::shared_ptr<ITaskHandle> handle;
+    bool cancelResult = true;
+    auto task = std::make_shared<RecordingTask>([&] { cancelResult = handle->cancel(); });
+    handle = pool.schedulePeriodic(10, task);
+
+    clock.setNs(10 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 1);
+    QCOMPARE(cancelResult, false);
+    QCOMPARE(pool.taskCount(), std::size_t(1));
+
+    clock.setNs(20 * kMs + 2);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 1);
+    QCOMPARE(pool.taskCount(), std::size_t(0));
+}
+
+void TestTaskPool::taskCancelledByAnEarlierTaskInTheSameTickIsNotRun()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    std::shared_ptr<ITaskHandle> laterHandle;
+    auto earlier = std::make_shared<RecordingTask>([&] { laterHandle->cancel(); });
+    auto later = std::make_shared<RecordingTask>();
+    auto earlierHandle = pool.schedulePeriodic(10, earlier);
+    laterHandle = pool.schedulePeriodic(10, later);
+
+    clock.setNs(10 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(earlier->runs, 1);
+    QCOMPARE(later->runs, 0);
+    QCOMPARE(pool.taskCount(), std::size_t(1));
+}
+
+void TestTaskPool::taskWhoseOwnerIsReleasedInsideAnotherTasksRunIsDroppedWithoutCall()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto laterCalls = std::make_shared<int>(0);
+    auto later = std::make_shared<RecordingTask>([laterCalls] { ++*laterCalls; });
+    auto earlier = std::make_shared<RecordingTask>([&] { later.reset(); });
+    auto earlierHandle = pool.schedulePeriodic(10, earlier);
+    auto laterHandle = pool.schedulePeriodic(10, later);
+
+    clock.setNs(10 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(earlier->runs, 1);
+    QCOMPARE(*laterCalls, 0);
+    QCOMPARE(pool.taskCount(), std::size_t(1));
+    QCOMPARE(laterHandle.use_count(), 1L);
+}
+
+void TestTaskPool::taskReleasingItsOwnLastOwnerInsideItsRunFinishesTheRun()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    bool destroyed = false;
+    bool destroyedDuringRun = true;
+    std::shared_ptr<LifetimeTask> owner;
+    owner = std::make_shared<LifetimeTask>(&destroyed, [&](LifetimeTask*) {
+        owner.reset();
+        destroyedDuringRun = destroyed;
+    });
+    std::weak_ptr<LifetimeTask> watch = owner;
+    auto handle = pool.schedulePeriodic(10, owner);
+
+    clock.setNs(10 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(destroyedDuringRun, false);
+    // The pool let go of it as soon as the run returned.
+    QCOMPARE(destroyed, true);
+    QVERIFY(watch.expired());
+
+    clock.setNs(20 * kMs + 2);
+    pool.runPendingTasks();
+    QCOMPARE(pool.taskCount(), std::size_t(0));
+}
+
+void TestTaskPool::schedulingDoesNotStartTheTimer()
+{
+    ManualClock clock;
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    pool.scheduleOnce(0, task);
+    auto handle = pool.schedulePeriodic(0, task);
+
+    QCOMPARE(pool.isTimerActive(), false);
+    QCOMPARE(pool.isRunning(), false);
+}
+
+void TestTaskPool::startArmsTheTimerWithFiveMilliseconds()
+{
+    TaskPool pool;
+    pool.start();
+    QCOMPARE(pool.isRunning(), true);
+    QCOMPARE(pool.isTimerActive(), true);
+    QCOMPARE(pool.timerIntervalMs(), 5);
+}
+
+void TestTaskPool::startLeavesAnActiveTimerAlone()
+{
+    TaskPool pool;
+    pool.start();
+    pool.start();
+    QCOMPARE(pool.isTimerActive(), true);
+    QCOMPARE(pool.timerIntervalMs(), 5);
+}
+
+void TestTaskPool::stopClearsRunningAndDisarmsTheTimer()
+{
+    TaskPool pool;
+    pool.start();
+    pool.stop();
+    QCOMPARE(pool.isRunning(), false);
+    QCOMPARE(pool.isTimerActive(), false);
+}
+
+void TestTaskPool::tickRearmsTheTimerWithFiveMilliseconds_data()
+{
+    QTest::addColumn<bool>("startFirst");
+    QTest::addColumn<bool>("stopFirst");
+    QTest::addColumn<bool>("running");
+    QTest::newRow("running") << true << false << true;
+    QTest::newRow("never started") << false << false << false;
+    // A tick that comes after stop() still re-arms the timer; only the next stop()
+    // disarms it again.
+    QTest::newRow("stopped") << true << true << false;
+}
+
+void TestTaskPool::tickRearmsTheTimerWithFiveMilliseconds()
+{
+    QFETCH(bool, startFirst);
+    QFETCH(bool, stopFirst);
+    QFETCH(bool, running);
+    ManualClock clock;
+    TaskPool pool;
+    if (startFirst) {
+        pool.start();
+    }
+    if (stopFirst) {
+        pool.stop();
+    }
+
+    pool.runPendingTasks();
+    QCOMPARE(pool.isRunning(), running);
+    QCOMPARE(pool.isTimerActive(), true);
+    QCOMPARE(pool.timerIntervalMs(), 5);
+}
+
+void TestTaskPool::stopKeepsRecordsAndStartResumesWithOldLastRunTimes()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto periodic = std::make_shared<RecordingTask>();
+    auto once = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(100, periodic);
+    pool.scheduleOnce(100, once);
+    pool.start();
+    pool.stop();
+    QCOMPARE(pool.taskCount(), std::size_t(2));
+
+    // Had start() reset the last-run times, nothing would be due at 150 ms.
+    clock.setNs(150 * kMs);
+    pool.start();
+    QCOMPARE(pool.taskCount(), std::size_t(2));
+    pool.runPendingTasks();
+    QCOMPARE(periodic->runs, 1);
+    QCOMPARE(once->runs, 1);
+}
+
+void TestTaskPool::destroyingThePoolReleasesRecordsWithoutRunningThem()
+{
+    ManualClock clock(0);
+    auto task = std::make_shared<RecordingTask>();
+    std::shared_ptr<ITaskHandle> handle;
+    {
+        TaskPool pool;
+        handle = pool.schedulePeriodic(0, task);
+        pool.scheduleOnce(0, task);
+        pool.start();
+        clock.setNs(1000 * kMs);
+        QCOMPARE(handle.use_count(), 2L);
+    }
+    QCOMPARE(handle.use_count(), 1L);
+    QCOMPARE(task->runs, 0);
+    QCOMPARE(task.use_count(), 1L);
+    // The handle stays usable on its own.
+    QCOMPARE(handle->cancel(), false);
+}
+
+void TestTaskPool::schedulingFromSeveralThreadsGivesEveryTaskItsOwnConsecutiveId()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    constexpr int perThread = 500;
+    std::vector<std::shared_ptr<ITaskHandle>> handlesA;
+    std::vector<std::shared_ptr<ITaskHandle>> handlesB;
+    auto scheduleMany = [&](std::vector<std::shared_ptr<ITaskHandle>>* out) {
+        for (int i = 0; i < perThread; ++i) {
+            out->push_back(pool.schedulePeriodic(1000, task));
+            out->back()->cancel();
+        }
+    };
+    std::thread a(scheduleMany, &handlesA);
+    std::thread b(scheduleMany, &handlesB);
+    // Ticks on this thread while the others schedule; nothing is due yet.
+    for (int i = 0; i < 50; ++i) {
+        pool.runPendingTasks();
+    }
+    a.join();
+    b.join();
+
+    std::vector<uint64_t> ids;
+    for (const auto& h : handlesA) {
+        ids.push_back(h->id());
+    }
+    for (const auto& h : handlesB) {
+        ids.push_back(h->id());
+    }
+    std::sort(ids.begin(), ids.end());
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        QCOMPARE(ids[i], uint64_t(i));
+    }
+    QCOMPARE(pool.taskCount(), std::size_t(2 * perThread));
+
+    clock.setNs(1000 * kMs + 1);
+    pool.runPendingTasks();
+    QCOMPARE(pool.taskCount(), std::size_t(0));
+    QCOMPARE(task->runs, 0);
+}
+
+QTEST_GUILESS_MAIN(TestTaskPool)
+#include "tst_taskpool.moc"
