@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QObject>
+
+#include "service/restmode.h"
+
+// Surface.faders: settings shared by every fader of the surface.
+class FaderSettings : public QObject
+{
+    Q_OBJECT
+    Q_PROPERTY(RestMode::Type restMode READ restMode WRITE setRestMode NOTIFY restModeChanged)
+
+public:
+    explicit FaderSettings(QObject* parent = nullptr);
+
+    RestMode::Type restMode() const;
+    void setRestMode(RestMode::Type restMode);
+
+signals:
+    void restModeChanged();
+
+private:
+    RestMode::Type m_restMode = RestMode::Type::ForceMinimum;
+};

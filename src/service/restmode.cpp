@@ -1,0 +1,3 @@
+#include "service/restmode.h"
+
+RestMode::RestMode(QObject* parent) : QObject(parent) {}

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <QObject>
+
+// Carries the enumeration of what a fader does while no binding holds it, so that QML can
+// name the values (RestMode.ForceMinimum, RestMode.KeepCurrent).
+class RestMode : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum class Type
+    {
+        // An unbound fader is driven to the bottom of its travel.
+        ForceMinimum = 0,
+        // An unbound fader stays where it is.
+        KeepCurrent = 1
+    };
+    Q_ENUM(Type)
+
+    explicit RestMode(QObject* parent = nullptr);
+};

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <QString>
+#include <cstdint>
+
+#include "service/isettings.h"
+
+namespace Velmora::Worksurface {
+
+// The in-memory worksurface configuration. QML sets the surface type, the console model
+// and the debug switch through Surface.settings; everything else follows from the model.
+// Nothing here is persisted.
+class Settings : public ISettings
+{
+public:
+    Settings() = default;
+
+    uint8_t type() const override;
+    void setType(uint8_t type) override;
+    uint8_t mode() const override;
+    void setMode(uint8_t mode) override;
+    bool debugEnabled() const override;
+    void setDebugEnabled(bool enabled) override;
+    uint8_t maxResendCount() const override;
+    uint8_t sectionCount() const override;
+    uint8_t stripCount() const override;
+    uint8_t sideRotaryCount() const override;
+    uint8_t masterStripCount() const override;
+    uint8_t masterSectionIndex() const override;
+    QString serialPortName(uint8_t section) const override;
+    QString firmwarePath() const override;
+
+private:
+    // A surface started before QML chooses a model has no sections: hardware, no model,
+    // debug output on.
+    uint8_t m_type = 0;
+    uint8_t m_mode = 0;
+    uint8_t m_debugEnabled = 1;
+};
+
+}  // namespace Velmora::Worksurface
