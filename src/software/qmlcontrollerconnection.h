@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "serial/serialmessage.h"
+#include "software/isoftwarecontrollerconnection.h"
+
+namespace Velmora::Worksurface {
+
+class ISerialDataReceiver;
+class ISoftwareSerialMessageHandler;
+
+// Plays every section of a software surface at once. It sees each message the plugin sends
+// to any section, remembers the last one per addressee (so a QML control created later can
+// catch up), offers it to the registered software controls, answers the link's pings for
+// sections that have no section control, and carries the controls' messages back to the
+// plugin as real frames, so the plugin's parser and handlers run exactly as with hardware.
+//
+// Not a Qt object and not locked: the software serial connections and the QML controls all
+// call it on the thread that runs the surface.
+class QmlControllerConnection : public ISoftwareControllerConnection
+{
+public:
+    // The last message the plugin sent to one addressee of one section.
+    struct LastMessage
+    {
+        uint8_t sectionIndex;
+        uint8_t deviceId;
+        uint8_t type;
+        SerialMessage message;
+    };
+
+    QmlControllerConnection() = default;
+    ~QmlControllerConnection() override = default;
+    QmlControllerConnection(const QmlControllerConnection&) = delete;
+    QmlControllerConnection& operator=(const QmlControllerConnection&) = delete;
+
+    // Appends; a control registered twice is offered each message twice.
+    void addSoftwareHandler(ISoftwareSerialMessageHandler* handler) override;
+    // Replaces the receiver of the section's bytes; null only removes it.
+    void setDataReceiver(uint8_t sectionIndex, ISerialDataReceiver* receiver) override;
+    void sendBootloaderReply(uint8_t sectionIndex, const BootloaderPacket& packet) override;
+    // Dropped when no receiver is registered for the section.
+    void sendToPlugin(uint8_t sectionIndex, const SerialMessage& message) override;
+    void messageFromPlugin(uint8_t sectionIndex, const SerialMessage& message) override;
+    void replayLastMessage(uint8_t sectionIndex, uint8_t type, uint8_t deviceId) override;
+
+    // Forgets every registration of a control (all of them, if it was added more than
+    // once). A QML control can be destroyed while the connection lives on with the surface
+    // service, so it deregisters itself on the way out instead of leaving a dangling
+    // pointer behind. Safe to call from inside a handler while a message is being offered.
+    void removeSoftwareHandler(ISoftwareSerialMessageHandler* handler);
+    // Forgets every section's receiver. The surface service calls it on each connect(),
+    // before the new surface's serial connections register theirs, so no receiver of a
+    // torn-down surface is ever called.
+    void clearDataReceivers();
+
+    // The receiver registered for a section, or null.
+    ISerialDataReceiver* dataReceiver(uint8_t sectionIndex) const;
+    // Registered controls, duplicates included.
+    std::size_t handlerCount() const;
+    // One record per (section, device id, type), in first-seen order.
+    const std::vector<LastMessage>& lastMessages() const { return m_lastMessages; }
+
+private:
+    void remember(uint8_t sectionIndex, const SerialMessage& message);
+    // Offers the message to the controls and answers an unclaimed ping.
+    void dispatch(uint8_t sectionIndex, const SerialMessage& message);
+    void deliver(uint8_t sectionIndex, const QByteArray& bytes);
+
+    // Not owned. Entries removed while a message is being offered are nulled and
+    // compacted once the outermost offer has finished.
+    std::vector<ISoftwareSerialMessageHandler*> m_handlers;
+    // Not owned.
+    std::map<uint8_t, ISerialDataReceiver*> m_receivers;
+    std::vector<LastMessage> m_lastMessages;
+    int m_dispatchDepth = 0;
+    bool m_handlersNeedCompacting = false;
+};
+
+}  // namespace Velmora::Worksurface
