@@ -1,0 +1,53 @@
+#include "serial/serialconnectionfactory.h"
+
+#include <QByteArray>
+#include <QList>
+#include <utility>
+
+#include "serial/hardwareserialconnection.h"
+#include "serial/softwareserialconnection.h"
+#include "service/isettings.h"
+
+namespace Velmora::Worksurface {
+
+namespace {
+
+constexpr uint8_t kSoftwareSurfaceType = 1;
+
+}  // namespace
+
+SerialConnectionFactory::SerialConnectionFactory(
+    std::shared_ptr<ISettings> settings, std::shared_ptr<ISoftwareControllerConnection> controller)
+    : m_settings(std::move(settings)), m_controller(std::move(controller))
+{}
+
+std::shared_ptr<ISerialConnection> SerialConnectionFactory::createSerialConnection(
+    uint8_t sectionIndex, const std::shared_ptr<ISettings>& settings)
+{
+    const std::shared_ptr<ISettings>& source = settings ? settings : m_settings;
+    if (!source) {
+        return nullptr;
+    }
+    if (source->type() == kSoftwareSurfaceType) {
+        return std::make_shared<SoftwareSerialConnection>(sectionIndex, m_controller);
+    }
+    return std::make_shared<HardwareSerialConnection>(sectionIndex,
+                                                      serialPortName(sectionIndex, *source));
+}
+
+QString SerialConnectionFactory::serialPortName(uint8_t sectionIndex, const ISettings& settings)
+{
+    const QByteArray value = qgetenv(kPortsVariable);
+    if (!value.isEmpty()) {
+        const QList<QByteArray> entries = value.split(',');
+        if (sectionIndex < entries.size()) {
+            const QString entry = QString::fromLocal8Bit(entries.at(sectionIndex)).trimmed();
+            if (!entry.isEmpty()) {
+                return entry;
+            }
+        }
+    }
+    return settings.serialPortName(sectionIndex);
+}
+
+}  // namespace Velmora::Worksurface
