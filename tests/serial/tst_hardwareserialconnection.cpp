@@ -170,7 +170,10 @@ void TestHardwareSerialConnection::openOnOpenPortChangesNothing()
 
 void TestHardwareSerialConnection::openOfMissingDeviceLogsNotFoundThenTwoCriticalLines()
 {
-    const QString missing = QStringLiteral("/dev/tarvix-no-such-section");
+    // One name per process: QSerialPort's lock file for the name is shared by every test
+    // process running at the same time.
+    const QString missing =
+        QStringLiteral("/dev/tarvix-no-such-section-%1").arg(QCoreApplication::applicationPid());
     HardwareSerialConnection connection(1, missing);
     LogCapture log;
     connection.open();

@@ -7,6 +7,8 @@
 #include <termios.h>
 #include <unistd.h>
 #include <QEventLoop>
+#include <QPair>
+#include <QSerialPort>
 #include <QSocketNotifier>
 #include <QTimer>
 #include <cerrno>
@@ -84,34 +86,60 @@ PtySectionSimulator::PtySectionSimulator(QObject* parent)
 {
     setVersionReport(34, 40, 10);
 
-    int master = -1;
-    int slave = -1;
-    if (::openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) {
-        m_error = QStringLiteral("openpty failed: %1").arg(QString::fromLocal8Bit(strerror(errno)));
+    // QSerialPort guards every device with a lock file named after it. Pty numbers are
+    // reused at once, so a pty just freed by another test process may still have its lock
+    // held for a moment; such a pty is put aside (kept open, so it is not handed out
+    // again) and another one taken.
+    QList<QPair<int, int>> asideFds;
+    for (int attempt = 0; attempt < 8 && m_masterFd < 0; ++attempt) {
+        int master = -1;
+        int slave = -1;
+        if (::openpty(&master, &slave, nullptr, nullptr, nullptr) != 0) {
+            m_error =
+                QStringLiteral("openpty failed: %1").arg(QString::fromLocal8Bit(strerror(errno)));
+            break;
+        }
+        char name[128] = {};
+        if (::ptsname_r(master, name, sizeof(name)) != 0) {
+            m_error =
+                QStringLiteral("ptsname failed: %1").arg(QString::fromLocal8Bit(strerror(errno)));
+            ::close(master);
+            ::close(slave);
+            break;
+        }
+        if (!makeRaw(master, false) || !makeRaw(slave, true)) {
+            m_error =
+                QStringLiteral("raw mode failed: %1").arg(QString::fromLocal8Bit(strerror(errno)));
+            ::close(master);
+            ::close(slave);
+            break;
+        }
+        const QString path = QString::fromLocal8Bit(name);
+        QSerialPort probe;
+        probe.setPortName(path);
+        if (!probe.open(QIODevice::ReadWrite)) {
+            m_error = QStringLiteral("%1 cannot be opened: %2").arg(path, probe.errorString());
+            asideFds.append(qMakePair(master, slave));
+            continue;
+        }
+        // Closing restores the line settings the probe found.
+        probe.close();
+        m_error.clear();
+        m_masterFd = master;
+        m_slaveFd = slave;
+        m_slavePath = path;
+    }
+    for (const QPair<int, int>& fds : asideFds) {
+        ::close(fds.first);
+        ::close(fds.second);
+    }
+    if (m_masterFd < 0) {
         return;
     }
-    char name[128] = {};
-    if (::ptsname_r(master, name, sizeof(name)) != 0) {
-        m_error = QStringLiteral("ptsname failed: %1").arg(QString::fromLocal8Bit(strerror(errno)));
-        ::close(master);
-        ::close(slave);
-        return;
-    }
-    if (!makeRaw(master, false) || !makeRaw(slave, true)) {
-        m_error =
-            QStringLiteral("raw mode failed: %1").arg(QString::fromLocal8Bit(strerror(errno)));
-        ::close(master);
-        ::close(slave);
-        return;
-    }
-    ::fcntl(master, F_SETFD, FD_CLOEXEC);
-    ::fcntl(slave, F_SETFD, FD_CLOEXEC);
-    ::fcntl(master, F_SETFL, ::fcntl(master, F_GETFL) | O_NONBLOCK);
-    ::fcntl(slave, F_SETFL, ::fcntl(slave, F_GETFL) | O_NONBLOCK);
-
-    m_masterFd = master;
-    m_slaveFd = slave;
-    m_slavePath = QString::fromLocal8Bit(name);
+    ::fcntl(m_masterFd, F_SETFD, FD_CLOEXEC);
+    ::fcntl(m_slaveFd, F_SETFD, FD_CLOEXEC);
+    ::fcntl(m_masterFd, F_SETFL, ::fcntl(m_masterFd, F_GETFL) | O_NONBLOCK);
+    ::fcntl(m_slaveFd, F_SETFL, ::fcntl(m_slaveFd, F_GETFL) | O_NONBLOCK);
 
     m_readNotifier = new QSocketNotifier(m_masterFd, QSocketNotifier::Read, this);
     connect(m_readNotifier, &QSocketNotifier::activated, this, &PtySectionSimulator::onReadable);

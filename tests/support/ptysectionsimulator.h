@@ -24,6 +24,11 @@ class QTimer;
 // QSignalSpy::wait() or QTRY_* and generous time-outs (5 s); in practice each exchange
 // completes in milliseconds.
 //
+// Before handing out a pty the simulator opens its slave once with QSerialPort and closes
+// it again: QSerialPort locks devices by name, and a pty number that another test process
+// has just freed may still be locked for a moment; such a pty is skipped. isOpen() is
+// false (see errorString()) if no usable pty could be made.
+//
 // The simulator keeps its own descriptor of the slave end open for its whole life. That
 // way the pty survives the plugin closing and reopening its port (the link's restart
 // after a silent section), and the simulator can ask the kernel how many bytes still
@@ -60,16 +65,20 @@ class QTimer;
 //     Reset, Run leave the bootloader: the simulator switches to application mode, so a
 //                later AutoBaud is answered with NotBootLoader (0xAA)
 //     other      acknowledged; the next status becomes InvalidCommand
-//   commandCount() counts every packet heard by command code (0x55 for AutoBaud, 0xCC and
-//   0x33 for the plugin's single-byte answers), refused ones included.
+//   commandCount() counts every well-formed packet heard by command code (0x55 for
+//   AutoBaud, 0xCC and 0x33 for the plugin's single-byte answers), refused ones included;
+//   a packet with a bad checksum is not counted.
 //
 // Silence: while silent (setSilent(true)) the section hears and records everything but
 // writes nothing on its own and executes no bootloader packet; setSilent(false) makes it
 // speak again. What the test sends explicitly (send*(), sendRaw()) always goes out.
 //
 // Hang-up: hangUp() closes both of the simulator's descriptors, like a section whose
-// cable was pulled; the plugin's port then reports an error on its next read. There is no
-// way back: a test that needs the section again makes a new simulator.
+// cable was pulled. The slave then reads as end of file: QSerialPort reports
+// QSerialPort::ReadError, and again on every pass of the event loop until the plugin
+// closes the port; the device node disappears, so reopening it fails with
+// DeviceNotFoundError. There is no way back: a test that needs the section again makes a
+// new simulator.
 //
 // Writes from the simulator are queued and written without blocking. With
 // setPacedBaudRate() the queue is drained at the line's pace (baud / 10 bytes per second,
@@ -148,8 +157,8 @@ public:
     QByteArray image() const;
     uint32_t downloadAddress() const;
     uint32_t downloadSize() const;
-    // Packets heard in bootloader mode by command code, refused and ignored ones included;
-    // AutoBaud (0x55) is counted in both modes.
+    // Well-formed packets heard in bootloader mode by command code, refused and ignored
+    // ones included; AutoBaud (0x55) is counted in both modes.
     int commandCount(uint8_t command) const;
     // Well-formed bootloader packets heard, in order (AutoBaud and single bytes excluded).
     QList<Velmora::Worksurface::BootloaderPacket> receivedPackets() const;
