@@ -135,12 +135,13 @@ void TaskPool::runPendingTasks()
     // can reallocate the list. The new record's last run is its scheduling time, not before
     // `now`, so it is never due in the walk that created it.
     for (std::size_t i = 0; i < m_tasks.size();) {
-        // A copy, not a reference: the record must outlive a run that reallocates the list.
-        const std::shared_ptr<TaskData> record = m_tasks[i];
-        if (!record->isDue(now)) {
+        // Most records are not due on most ticks; they are checked in place.
+        if (!m_tasks[i]->isDue(now)) {
             ++i;
             continue;
         }
+        // A copy, not a reference: the record must outlive a run that reallocates the list.
+        const std::shared_ptr<TaskData> record = m_tasks[i];
         // Holding the task for the length of its run keeps it alive even when the run
         // releases its owner's last reference (a section connection dropping itself, or one
         // task releasing another's owner).
