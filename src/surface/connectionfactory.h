@@ -1,0 +1,33 @@
+#pragma once
+
+#include <memory>
+
+#include "surface/iconnectionfactory.h"
+
+namespace Velmora::Worksurface {
+
+class ISerialConnectionFactory;
+class ITaskPool;
+class Logger;
+
+// Wires one section's link: the serial connection of the configured kind, the firmware
+// updater, and the supervising section connection that receives the line's bytes.
+class ConnectionFactory : public IConnectionFactory
+{
+public:
+    ConnectionFactory(std::unique_ptr<ISerialConnectionFactory> serialFactory,
+                      std::shared_ptr<ITaskPool> taskPool, std::shared_ptr<Logger> logger);
+    ~ConnectionFactory() override;
+
+    std::shared_ptr<ISectionConnection> createConnection(
+        uint8_t sectionIndex, const std::shared_ptr<ISerialMessageHandler>& rootHandler,
+        const std::shared_ptr<ISerialMessageQueue>& queue,
+        const std::shared_ptr<ISettings>& settings) override;
+
+private:
+    std::unique_ptr<ISerialConnectionFactory> m_serialFactory;
+    std::shared_ptr<ITaskPool> m_taskPool;
+    std::shared_ptr<Logger> m_logger;
+};
+
+}  // namespace Velmora::Worksurface
