@@ -1,0 +1,49 @@
+#pragma once
+
+#include <QObject>
+
+class QQmlEngine;
+class QJSEngine;
+
+// Converts between a fader's control value (0..511, the position the fader reports and
+// accepts) and a gain in dB, under one of three laws: the channel-fader law, a symmetric
+// +-12 dB law for graphic-equaliser bands and a -100..+20 dB law for automatic-mixer
+// weights. Pure functions; the QML singleton "ResponseCurve" wraps the same functions.
+//
+// All arithmetic is single precision in a fixed order, and dB -> value truncates: views
+// rely on the exact values (a round trip may lose a step, and 11 dB gives 521 because the
+// top of the channel law is deliberately not clamped; callers bound it themselves).
+class ResponseCurve : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum ConversionMode
+    {
+        Default = 0,
+        GraphicsEq = 1,
+        AmmWeight = 2
+    };
+    Q_ENUM(ConversionMode)
+
+    static float convertLinearTodB(unsigned short value, ConversionMode mode);
+    static unsigned short convertdBtoLinear(float dB, ConversionMode mode);
+
+    static QObject* singletonProvider(QQmlEngine* engine, QJSEngine* scriptEngine);
+
+    Q_INVOKABLE unsigned short dBtoLinearConversion(float value,
+                                                    ConversionMode conversion_mode) const;
+    // Clamps value into 0..511 first: this is the QML entry, where any int can arrive.
+    Q_INVOKABLE float linearTodBConversion(int value, ConversionMode conversion_mode) const;
+
+private:
+    ResponseCurve() = default;
+
+    static float faderLinearTodB(unsigned short value);
+    static unsigned short faderdBtoLinear(float dB);
+    static float geqLinearTodB(unsigned short value);
+    static unsigned short geqdBtoLinear(float dB);
+    static float ammLinearTodB(unsigned short value);
+    static unsigned short ammdBtoLinear(float dB);
+    static unsigned short boundToFaderLimits(float x);
+};
