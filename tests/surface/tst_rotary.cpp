@@ -382,13 +382,21 @@ void TestRotary::aBlackRotarySendsNothingWhileFlashing()
     rig.rotary->setFlashEnabled(true);
     rig.sender->clear();
     QCOMPARE(rig.pool->taskCount(), std::size_t(1));
-    for (qint64 t = kStart; t <= kStart + 3000 * kMs; t += 5 * kMs) {
+    // Three steps' worth of ticks (at 200, 400 and 600 ms).
+    for (qint64 t = kStart; t <= kStart + 700 * kMs; t += 5 * kMs) {
         rig.tickAt(t);
     }
     QCOMPARE(rig.sender->count(), std::size_t(0));
-    // Still flashing, with its phase untouched.
+    // Still flashing, and the phase has not moved: it waits for a colour.
     QCOMPARE(rig.pool->taskCount(), std::size_t(1));
     QCOMPARE(rig.rotary->flashPhase(), false);
+
+    // So the first step with a colour shows black, as a fresh flash would.
+    rig.rotary->setColor(QColor(Qt::red));
+    rig.sender->clear();
+    rig.tickAt(kStart + 800 * kMs + 20 * kMs);
+    QCOMPARE(rig.take(), QStringList{rig.color("00000000", kStart + 820 * kMs)});
+    QCOMPARE(rig.rotary->flashPhase(), true);
 }
 
 void TestRotary::aColorSetWhileFlashingIsUsedFromTheNextStep()
