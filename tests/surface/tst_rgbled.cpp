@@ -136,7 +136,7 @@ void TestRgbLed::equalityIsQColorEquality_data()
     QTest::newRow("same rgb") << QColor(10, 20, 30) << QColor(10, 20, 30) << 1;
     // The same bytes on the wire, but not the same QColor: sent again.
     QTest::newRow("alpha differs") << QColor(10, 20, 30, 255) << QColor(10, 20, 30, 128) << 2;
-    QTest::newRow("hsv spec") << QColor(Qt::red) << QColor::fromHsv(0, 255, 255) << 2;
+    QTest::newRow("hsv colour model") << QColor(Qt::red) << QColor::fromHsv(0, 255, 255) << 2;
     QTest::newRow("named") << QColor("#102030") << QColor(16, 32, 48) << 1;
 }
 
