@@ -151,6 +151,20 @@ void HardwareSerialConnection::readSerialData()
     }
 }
 
+// A read error, or a resource error (QSerialPort's word for "the device went away"), on a
+// section's line means the section is gone: its cable was pulled or its board lost power,
+// and the device node reads as end of file or fails with EIO. QSerialPort reports the
+// same error again on every pass of the event loop for as long as the port stays open,
+// some hundreds of thousands of times a second: the log floods and the QML thread is kept
+// busy, so the console's UI would stall until the section connection restarts the link
+// 10 to 20 s later. One log line says it all; closing the port stops the repeats. The
+// section connection then notices the silence as usual and restarts the link, which opens
+// the port again if the section has come back.
+void HardwareSerialConnection::closeVanishedPort()
+{
+    close();
+}
+
 void HardwareSerialConnection::handleSerialPortError(QSerialPort::SerialPortError error)
 {
     switch (error) {
@@ -165,9 +179,15 @@ void HardwareSerialConnection::handleSerialPortError(QSerialPort::SerialPortErro
             break;
         case QSerialPort::ReadError:
             qDebug() << "Error while reading data from the serial port" << m_portName;
+            closeVanishedPort();
             break;
         case QSerialPort::TimeoutError:
             qDebug() << "Timeout error in serial port" << m_portName;
+            break;
+        case QSerialPort::ResourceError:
+            qDebug() << "Serial port error in WS section" << logIndex()
+                     << "Error core:" << static_cast<int>(error);
+            closeVanishedPort();
             break;
         default:
             qDebug() << "Serial port error in WS section" << logIndex()

@@ -19,8 +19,9 @@ class ISerialDataReceiver;
 //
 // Messages are encoded into an output buffer and written in one go on flush(), so a
 // supervision pass's burst of messages becomes one write. Failures only become log
-// lines: a lost or silent port is noticed by the section connection's time-outs, which
-// restart the link by close() and open().
+// lines, and a lost or silent port is noticed by the section connection's time-outs,
+// which restart the link by close() and open(). The one exception is a section that has
+// gone (read or resource error): its port is closed as well, so that it stops reporting.
 class HardwareSerialConnection : public QObject, public ISerialConnection
 {
     Q_OBJECT
@@ -45,10 +46,14 @@ public:
 public slots:
     // On the port's readyRead: hands every available byte to the data receiver.
     void readSerialData();
-    // Logs the port's errors; recovery is the section connection's job.
+    // Logs the port's errors; recovery is the section connection's job. A read or resource
+    // error also closes the port: the section is gone, and an open port would report it
+    // again on every pass of the event loop.
     void handleSerialPortError(QSerialPort::SerialPortError error);
 
 private:
+    // Closes the port of a section that has gone (see handleSerialPortError).
+    void closeVanishedPort();
     // Writes data to the port; the caller holds m_mutex.
     void writeLocked(const QByteArray& data);
     int logIndex() const { return m_sectionIndex; }
