@@ -1,0 +1,194 @@
+#include "service/worksurfacefunctions.h"
+
+#include <QString>
+#include <utility>
+
+#include "serial/serialconnectionfactory.h"
+#include "service/logger.h"
+#include "service/settings.h"
+#include "software/qmlcontrollerconnection.h"
+#include "surface/componentfactory.h"
+#include "surface/connectionfactory.h"
+#include "surface/isurface.h"
+#include "surface/sectionfactory.h"
+#include "surface/surface.h"
+#include "surface/surfacebuilder.h"
+#include "tasks/taskpool.h"
+
+using namespace Velmora::Worksurface;
+
+WorksurfaceFunctions::WorksurfaceFunctions()
+    : QObject(nullptr),
+      QQmlParserStatus(),
+      m_thread(),
+      m_settings(std::make_shared<Settings>()),
+      m_controllerConnection(std::make_shared<QmlControllerConnection>())
+{
+    m_surfaceSettings = new SurfaceSettings(m_settings, this);
+    m_connection = new SurfaceConnection(m_controllerConnection, this);
+    m_faderSettings = new FaderSettings(this);
+    m_logger = std::make_shared<Logger>(m_settings);
+    // Always three, whatever the console model: QML may show a section that the current
+    // model does not have.
+    for (std::size_t i = 0; i < m_sectionInfos.size(); ++i) {
+        m_sectionInfos[i] = new SectionInfoModel(static_cast<int>(i), this);
+    }
+
+    QObject::connect(m_surfaceSettings, &SurfaceSettings::masterSectionIndexChanged, this,
+                     &WorksurfaceFunctions::masterSectionIndexChanged);
+    QObject::connect(m_surfaceSettings, &SurfaceSettings::sectionCountChanged, this,
+                     &WorksurfaceFunctions::sectionCountChanged);
+    QObject::connect(m_faderSettings, &FaderSettings::restModeChanged, this,
+                     &WorksurfaceFunctions::setFaderRestMode);
+
+    m_thread.setObjectName(QStringLiteral("WorksurfaceThread"));
+    // The thread object lives on this (the QML) thread, but started and finished are
+    // emitted from the surface thread itself, so both slots arrive queued and run here,
+    // where the whole surface model lives.
+    QObject::connect(&m_thread, &QThread::started, this,
+                     &WorksurfaceFunctions::onStartSurfaceThread);
+    QObject::connect(&m_thread, &QThread::finished, this,
+                     &WorksurfaceFunctions::onStopSurfaceThread);
+}
+
+WorksurfaceFunctions::~WorksurfaceFunctions()
+{
+    stopSurfaceThread();
+    m_logger.reset();
+    m_controllerConnection.reset();
+    m_taskPool.reset();
+    m_settings.reset();
+    // The thread object goes with the members; the surface, held by the surface
+    // connection, goes with the children once the QObject base is destroyed. Its links keep
+    // their own shares of the pool, the logger, the settings and the controller connection.
+}
+
+QObject* WorksurfaceFunctions::singletonProvider(QQmlEngine* engine, QJSEngine* scriptEngine)
+{
+    Q_UNUSED(engine);
+    Q_UNUSED(scriptEngine);
+    return new WorksurfaceFunctions();
+}
+
+SectionInfoModel* WorksurfaceFunctions::section(int index) const
+{
+    // Read as unsigned, so a negative index is out of range as well.
+    if (static_cast<unsigned>(index) >= m_sectionInfos.size()) {
+        return nullptr;
+    }
+    return m_sectionInfos[static_cast<std::size_t>(index)];
+}
+
+ISectionInfo* WorksurfaceFunctions::getForSection(uint8_t section)
+{
+    if (section >= m_sectionInfos.size()) {
+        return nullptr;
+    }
+    return m_sectionInfos[section];
+}
+
+void WorksurfaceFunctions::connect()
+{
+    stopSurfaceThread();
+    // The running surface's software links are about to be replaced; none of them may be
+    // handed bytes by the simulated sections any more.
+    m_controllerConnection->clearDataReceivers();
+    m_thread.start(QThread::InheritPriority);
+}
+
+void WorksurfaceFunctions::calibrate()
+{
+    emit startCalibration();
+}
+
+void WorksurfaceFunctions::stopSurfaceThread()
+{
+    if (!m_thread.isRunning()) {
+        return;
+    }
+    m_thread.quit();
+    if (m_thread.wait(kThreadStopTimeoutMs)) {
+        return;
+    }
+    m_thread.terminate();
+    // A terminated thread is gone only once wait() says so; until then it could be neither
+    // restarted nor destroyed. It runs nothing but an event loop, which is cancelled at once.
+    m_thread.wait();
+    m_logger->warning(
+        QStringLiteral("WS thread did not shut down in timely manner and was terminated..."));
+}
+
+void WorksurfaceFunctions::onStartSurfaceThread()
+{
+    if (m_taskPool) {
+        m_taskPool->stop();
+    }
+    // The old pool stays alive for as long as the old surface's links and controls hold it;
+    // it is stopped, so none of their tasks runs again.
+    m_taskPool = std::make_shared<TaskPool>();
+    m_taskPool->start();
+
+    auto serialFactory =
+        std::make_unique<SerialConnectionFactory>(m_settings, m_controllerConnection);
+    ConnectionFactory connectionFactory(std::move(serialFactory), m_taskPool, m_logger);
+    auto componentFactory = std::make_unique<ComponentFactory>(m_taskPool);
+    SectionFactory sectionFactory(this, std::move(componentFactory));
+
+    // connect() emptied the receivers, but a start queued by an earlier connect() (several
+    // calls before the event loop ran) has since registered the links of a surface that this
+    // build replaces. The new links register for their own sections only, so a receiver for a
+    // section the new model does not have would be left pointing into the destroyed surface.
+    m_controllerConnection->clearDataReceivers();
+
+    const std::shared_ptr<Surface> surface =
+        SurfaceBuilder::build(m_settings, sectionFactory, connectionFactory);
+    if (surface) {
+        QObject::connect(this, &WorksurfaceFunctions::startCalibration, surface.get(),
+                         &ISurface::calibrate);
+        QObject::connect(surface.get(), &ISurface::isCalibratingChanged, this,
+                         &WorksurfaceFunctions::isCalibratingChanged);
+    }
+    // Takes ownership and releases the previous surface; a null surface leaves it in place.
+    m_connection->installSurface(surface);
+    if (ISurface* current = m_connection->surface()) {
+        current->start();
+    }
+}
+
+void WorksurfaceFunctions::onStopSurfaceThread()
+{
+    if (m_taskPool) {
+        m_taskPool->stop();
+    }
+    if (ISurface* current = m_connection->surface()) {
+        current->stop();
+    }
+}
+
+void WorksurfaceFunctions::setFaderRestMode()
+{
+    if (ISurface* current = m_connection->surface()) {
+        current->setFaderRestMode(m_faderSettings->restMode());
+    }
+}
+
+int WorksurfaceFunctions::masterSectionIndex() const
+{
+    return m_surfaceSettings->masterSectionIndex();
+}
+
+int WorksurfaceFunctions::sectionCount() const
+{
+    return m_surfaceSettings->sectionCount();
+}
+
+int WorksurfaceFunctions::sectionStripCount() const
+{
+    return m_surfaceSettings->stripCount();
+}
+
+bool WorksurfaceFunctions::isCalibrating() const
+{
+    const ISurface* current = m_connection->surface();
+    return current != nullptr && current->isCalibrating();
+}

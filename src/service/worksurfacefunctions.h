@@ -1,0 +1,115 @@
+#pragma once
+
+#include <QObject>
+#include <QQmlParserStatus>
+#include <QThread>
+#include <array>
+#include <cstdint>
+#include <memory>
+
+#include "bindings/surfaceconnection.h"
+#include "service/fadersettings.h"
+#include "service/isectioninfoprovider.h"
+#include "service/sectioninfomodel.h"
+#include "service/surfacesettings.h"
+
+class QJSEngine;
+class QQmlEngine;
+
+namespace Velmora::Worksurface {
+class ISettings;
+class Logger;
+class QmlControllerConnection;
+class TaskPool;
+}  // namespace Velmora::Worksurface
+
+// The QML singleton `Surface`: the one object through which QML configures, starts and
+// observes the worksurface. Nothing talks to the sections before QML calls connect().
+//
+// connect() restarts the thread "WorksurfaceThread". That thread runs nothing of ours, only
+// its own empty event loop: its started and finished signals come back to this object as
+// queued calls on the QML thread, where the surface model is built (a new task pool, the
+// sections and their links) and torn down. The built surface is handed to `connection`,
+// which owns it and tells the bindings.
+class WorksurfaceFunctions : public QObject,
+                             public QQmlParserStatus,
+                             public Velmora::Worksurface::ISectionInfoProvider
+{
+    Q_OBJECT
+    Q_INTERFACES(QQmlParserStatus)
+    Q_PROPERTY(SurfaceSettings* settings READ settings CONSTANT)
+    Q_PROPERTY(int buildNumber READ buildNumber CONSTANT)
+    Q_PROPERTY(int masterSectionIndex READ masterSectionIndex NOTIFY masterSectionIndexChanged)
+    Q_PROPERTY(int sectionCount READ sectionCount NOTIFY sectionCountChanged)
+    Q_PROPERTY(int sectionStripCount READ sectionStripCount NOTIFY sectionStripCountChanged)
+    Q_PROPERTY(bool isCalibrating READ isCalibrating NOTIFY isCalibratingChanged)
+    Q_PROPERTY(FaderSettings* faders READ faders)
+    Q_PROPERTY(SurfaceConnection* connection READ connection CONSTANT)
+
+public:
+    static constexpr int kThreadStopTimeoutMs = 200;
+
+    WorksurfaceFunctions();
+    ~WorksurfaceFunctions() override;
+    WorksurfaceFunctions(const WorksurfaceFunctions&) = delete;
+    WorksurfaceFunctions& operator=(const WorksurfaceFunctions&) = delete;
+
+    // For the QML engine, which takes ownership of the one instance it gets.
+    static QObject* singletonProvider(QQmlEngine* engine, QJSEngine* scriptEngine);
+
+    void classBegin() override {}
+    void componentComplete() override {}
+
+    // Null when the index, read as unsigned, is above 2 (so negative indices too).
+    Q_INVOKABLE SectionInfoModel* section(int index) const;
+    // Stops the surface thread if it runs and starts it again; the surface is (re)built
+    // once the thread's start arrives back on this thread.
+    Q_INVOKABLE void connect();
+    Q_INVOKABLE void calibrate();
+
+    SurfaceSettings* settings() const { return m_surfaceSettings; }
+    int buildNumber() const { return 0; }
+    int masterSectionIndex() const;
+    int sectionCount() const;
+    int sectionStripCount() const;
+    bool isCalibrating() const;
+    FaderSettings* faders() const { return m_faderSettings; }
+    SurfaceConnection* connection() const { return m_connection; }
+
+    // ISectionInfoProvider: the models for sections 0 to 2, null beyond.
+    Velmora::Worksurface::ISectionInfo* getForSection(uint8_t section) override;
+
+    // For diagnostics and tests; not part of the QML interface.
+    const QThread& surfaceThread() const { return m_thread; }
+    std::shared_ptr<Velmora::Worksurface::TaskPool> taskPool() const { return m_taskPool; }
+    std::shared_ptr<Velmora::Worksurface::QmlControllerConnection> controllerConnection() const
+    {
+        return m_controllerConnection;
+    }
+
+signals:
+    void masterSectionIndexChanged();
+    void sectionCountChanged();
+    // Declared for QML; the strip count never changes.
+    void sectionStripCountChanged();
+    void isCalibratingChanged();
+    void startCalibration();
+
+private slots:
+    void onStartSurfaceThread();
+    void onStopSurfaceThread();
+    void setFaderRestMode();
+
+private:
+    void stopSurfaceThread();
+
+    QThread m_thread;
+    std::shared_ptr<Velmora::Worksurface::ISettings> m_settings;
+    std::shared_ptr<Velmora::Worksurface::TaskPool> m_taskPool;
+    std::shared_ptr<Velmora::Worksurface::QmlControllerConnection> m_controllerConnection;
+    std::shared_ptr<Velmora::Worksurface::Logger> m_logger;
+    SurfaceSettings* m_surfaceSettings = nullptr;
+    SurfaceConnection* m_connection = nullptr;
+    std::array<SectionInfoModel*, 3> m_sectionInfos{};
+    FaderSettings* m_faderSettings = nullptr;
+};
