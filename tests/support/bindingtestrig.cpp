@@ -34,7 +34,9 @@ BindingTestRig::BindingTestRig(uint8_t mode, bool install)
     // The pot asks its section for its position every second until the section answers;
     // answer at once (position 0) so that the requests do not mix with the bindings'
     // frames. A test moves the pot with another report of its own.
-    fixture.sendToPlugin(fixture.settings().masterSectionIndex(), MessageType::PotValue, 0, {0, 0});
+    // (The section sends its value in a variable-length frame.)
+    fixture.controller().sendToPlugin(fixture.settings().masterSectionIndex(),
+                                      SerialMessage(MessageType::PotValue, 0, {0, 0}, true));
     // Unbound faders park themselves at the bottom shortly after start-up.
     fixture.runForMs(300);
     if (install) {
