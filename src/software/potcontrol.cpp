@@ -1,0 +1,72 @@
+#include "software/potcontrol.h"
+
+#include <algorithm>
+
+#include "surface/deviceidtable.h"
+
+using Velmora::Worksurface::DeviceIdTable;
+using Velmora::Worksurface::RgbLedType;
+using Velmora::Worksurface::SerialMessage;
+namespace MessageType = Velmora::Worksurface::MessageType;
+
+PotControl::PotControl(QObject* parent) : SurfaceControlBase(parent) {}
+
+PotControl::~PotControl() = default;
+
+void PotControl::setType(PotBinding::PotType type)
+{
+    if (type == m_type) {
+        return;
+    }
+    m_type = type;
+    emit typeChanged();
+    refresh();
+}
+
+void PotControl::setPosition(int position)
+{
+    if (position == m_position) {
+        return;
+    }
+    m_position = std::clamp(position, 0, MaxPosition);
+    emit positionChanged();
+    sendPosition();
+}
+
+uint8_t PotControl::deviceId() const
+{
+    return DeviceIdTable::pot(static_cast<int32_t>(m_type)).pot;
+}
+
+uint8_t PotControl::lightDeviceId()
+{
+    return DeviceIdTable::rgbLed(RgbLedType::HeadphoneLogo, 0);
+}
+
+void PotControl::refresh()
+{
+    replay(MessageType::RgbColor, lightDeviceId());
+}
+
+bool PotControl::takeMessage(const SerialMessage& message)
+{
+    if (message.type == MessageType::PotValue) {
+        sendPosition();
+        return false;
+    }
+    if (message.type != MessageType::RgbColor || message.deviceId != lightDeviceId()) {
+        return false;
+    }
+    m_color = QColor(message.byteAt(0, static_cast<uint8_t>(m_color.red())),
+                     message.byteAt(1, static_cast<uint8_t>(m_color.green())),
+                     message.byteAt(2, static_cast<uint8_t>(m_color.blue())));
+    emit colorChanged();
+    return true;
+}
+
+void PotControl::sendPosition()
+{
+    sendToPlugin(SerialMessage(
+        MessageType::PotValue, deviceId(),
+        {static_cast<uint8_t>(m_position >> 8), static_cast<uint8_t>(m_position & 0xFF)}, true));
+}
