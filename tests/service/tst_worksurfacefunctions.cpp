@@ -165,7 +165,7 @@ private slots:
 
     void softwareSurfaceComesUpAndReportsVersionAndTemperature();
     void calibrateAfterConnectPutsSectionsInCalibratingAndRelaysTheChange();
-    void restModeAfterConnectDecidesWhetherUnboundFadersArePark();
+    void restModeAfterConnectDecidesWhetherUnboundFadersAreParked();
     void hardwareSurfaceOpensThePortsNamedInTheEnvironment();
 
     void destructionStopsTheThreadAndReleasesTheSurfaceAndItsPool();
@@ -893,7 +893,7 @@ void TestWorksurfaceFunctions::calibrateAfterConnectPutsSectionsInCalibratingAnd
     service->controllerConnection()->removeSoftwareHandler(&sectionSide);
 }
 
-void TestWorksurfaceFunctions::restModeAfterConnectDecidesWhetherUnboundFadersArePark()
+void TestWorksurfaceFunctions::restModeAfterConnectDecidesWhetherUnboundFadersAreParked()
 {
     ManualClock clock(1000 * kNsPerMs);
     auto service = makeService(SurfaceSettings::K40);
