@@ -1,0 +1,4 @@
+// Runs every tests/qml/tst_*.qml against the module in the build tree.
+#include <QtQuickTest>
+
+QUICK_TEST_MAIN(tarvixworksurface)
