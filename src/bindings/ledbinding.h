@@ -23,7 +23,8 @@ class LedBinding : public BindingBase
 
 public:
     // Which LED of the section; the LED number is derived from the type and `index`.
-    enum LedType
+    // Based on int: QML may write any number, which then names no control.
+    enum LedType : int
     {
         None = 0,
         MuteButton = 1,              // index, if index < 10

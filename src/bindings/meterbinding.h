@@ -21,7 +21,8 @@ class MeterBinding : public BindingBase
 
 public:
     // Which meter of the section; `index` plays no part.
-    enum MeterType
+    // Based on int: QML may write any number, which then names no control.
+    enum MeterType : int
     {
         None = 0,
         MasterLeft = 1,   // meter 0

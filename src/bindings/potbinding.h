@@ -19,7 +19,8 @@ class PotBinding : public BindingBase
 
 public:
     // Which pot of the section; `index` plays no part.
-    enum PotType
+    // Based on int: QML may write any number, which then names no control.
+    enum PotType : int
     {
         None = 0,
         Headphone = 1,  // pot 0

@@ -21,7 +21,8 @@ class RgbLedBinding : public BindingBase
 
 public:
     // Which RGB LED of the section; the LED number is derived from the type and `index`.
-    enum RgbLedType
+    // Based on int: QML may write any number, which then names no control.
+    enum RgbLedType : int
     {
         None = 0,
         UnderscreenRotaryButton = 1,  // index, if index < 10

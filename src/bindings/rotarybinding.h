@@ -33,7 +33,8 @@ class RotaryBinding : public BindingBase, public Velmora::Worksurface::IGlobalRo
 
 public:
     // Which rotary of the section; the rotary number is derived from the type and `index`.
-    enum RotaryType
+    // Based on int: QML may write any number, which then names no control.
+    enum RotaryType : int
     {
         None = 0,
         UnderScreen = 1,  // index, if index < 10
@@ -41,7 +42,7 @@ public:
     };
     Q_ENUM(RotaryType)
 
-    enum RotaryScope
+    enum RotaryScope : int
     {
         Local = 0,
         Global = 1,
