@@ -78,6 +78,7 @@ private slots:
 
     void rebindingToTheSameMeterKeepsIt();
     void indexPlaysNoPart();
+    void typeChangeMovesToTheOtherMeter();
     void sectionIndexChangeLetsTheMeterGo();
     void anotherBindingTakesTheMeterOver();
     void deactivatingLetsTheMeterGo();
@@ -307,6 +308,20 @@ void TestMeterBinding::indexPlaysNoPart()
     binding->setIndex(5);
     binding->setLevel(255);
     QCOMPARE(rig.takeFrames(), QStringList({levelFrame(0, "18")}));
+}
+
+void TestMeterBinding::typeChangeMovesToTheOtherMeter()
+{
+    BindingTestRig rig;
+    auto left = makeBinding(rig, MeterBinding::MasterLeft);
+    left->setLevel(255);
+    left->setPeak(200);
+    QCOMPARE(rig.takeFrames(), QStringList({levelFrame(0, "18"), peakFrame(0, "0d")}));
+    left->setType(MeterBinding::MasterRight);
+    QCOMPARE(rig.takeFrames(), QStringList({levelFrame(1, "18"), peakFrame(1, "0d")}));
+    // The left meter is no longer driven.
+    left->setLevel(140);
+    QCOMPARE(rig.takeFrames(), QStringList({levelFrame(1, "01")}));
 }
 
 void TestMeterBinding::sectionIndexChangeLetsTheMeterGo()

@@ -110,6 +110,8 @@ private slots:
     void destructorBlacksTheLightAfter100Ms();
     void inactiveWithoutSurfaceKeepsTheHandle();
     void negativeAndOutOfRangeIndicesAreIgnored();
+    void indexPlaysNoPart();
+    void sectionIndexChangeLetsThePotGo();
     void bindsWhenTheSurfaceArrives();
 };
 
@@ -451,6 +453,40 @@ void TestPotBinding::negativeAndOutOfRangeIndicesAreIgnored()
     QCOMPARE(binding->sectionIndex(), int(kMaster));
     rig.fixture.runForMs(200);
     QCOMPARE(rig.takeFramesSoFar(), QStringList());
+}
+
+void TestPotBinding::indexPlaysNoPart()
+{
+    BindingTestRig rig;
+    auto binding = makeBinding(rig, PotBinding::Headphone);
+    binding->setColor(Qt::red);
+    rig.takeFrames();
+    QSignalSpy spy(binding.get(), &PotBinding::potTurned);
+    binding->setIndex(4);
+    // Still the same pot: its light gets the colour again and is not let go.
+    rig.fixture.runForMs(200);
+    QCOMPARE(rig.takeFramesSoFar(), QStringList({lightFrame("ff000000")}));
+    movePot(rig, 511);
+    QCOMPARE(turns(spy), QStringList({turn(11, 511)}));
+}
+
+void TestPotBinding::sectionIndexChangeLetsThePotGo()
+{
+    BindingTestRig rig;
+    auto binding = makeBinding(rig, PotBinding::Headphone);
+    binding->setColor(Qt::red);
+    rig.takeFrames();
+    QSignalSpy spy(binding.get(), &PotBinding::potTurned);
+    // Section 0 has no pot.
+    binding->setSectionIndex(0);
+    rig.fixture.runForMs(200);
+    QCOMPARE(rig.takeFramesSoFar(), QStringList({lightFrame("00000000")}));
+    movePot(rig, 511);
+    QCOMPARE(spy.count(), 0);
+
+    binding->setSectionIndex(kMaster);
+    QCOMPARE(turns(spy), QStringList({turn(11, 511)}));
+    QCOMPARE(rig.takeFrames(), QStringList({lightFrame("ff000000")}));
 }
 
 void TestPotBinding::bindsWhenTheSurfaceArrives()
