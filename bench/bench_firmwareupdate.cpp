@@ -1,0 +1,181 @@
+// A whole firmware update of one section over a pty, from the bootloader probe (AutoBaud)
+// to the section's NotBootLoader after the reset, with the plugin's real section link, a
+// real task pool on its 5 ms timer and the steady clock, as on the console.
+//
+// The section's microcontroller is played by PtySectionSimulator in bootloader mode. With
+// pacing on, its replies leave at 115200 baud (11,520 bytes/s); a pty carries the plugin's
+// own bytes at once, so only the section-to-plugin direction is paced. Reported beside the
+// wall time:
+// - wire_bound_s: what the 115200-baud line alone needs for the whole exchange, both
+//   directions, which strictly alternate (a request, then its answer). Per 64-byte block
+//   the plugin sends SendData (67 bytes), GetStatus (3) and its ACK of the status reply
+//   (1) and the section sends two ACKs (1 + 1) and the status reply (3): 76 bytes. The
+//   start (AutoBaud, Ping, Download and the first status: 27 bytes) and the end (Reset, its
+//   ACK, AutoBaud, NotBootLoader: 7 bytes) add little; the 1 s wait before the last
+//   AutoBaud is counted separately.
+// - reply_bound_s: the same for the section's bytes alone, the part the simulator paces.
+// - exchange_s: from opening the link to the section leaving its bootloader (the Reset).
+#include <benchmark/benchmark.h>
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTimer>
+#include <memory>
+
+#include "serial/isectionconnection.h"
+#include "support/fakesettings.h"
+#include "support/ptysectionlink.h"
+#include "support/ptysectionsimulator.h"
+#include "tasks/taskpool.h"
+
+using Velmora::Worksurface::ISectionConnection;
+using Velmora::Worksurface::TaskPool;
+
+namespace {
+
+constexpr double kLineBytesPerSecond = 115200.0 / 10.0;
+constexpr int kBlock = 64;
+// Bytes on the line per block, each way.
+constexpr int kPluginBytesPerBlock = 67 + 3 + 1;
+constexpr int kSectionBytesPerBlock = 1 + 1 + 3;
+// Before the first block and after the last (the 1 s auto-update wait aside).
+constexpr int kPluginStartBytes = 2 + 3 + 11 + 3 + 1;
+constexpr int kSectionStartBytes = 1 + 1 + 1 + 1 + 3;
+constexpr int kPluginEndBytes = 3 + 2;
+constexpr int kSectionEndBytes = 1 + 1;
+
+QByteArray imageBytes(int size)
+{
+    quint32 state = 0x2545F491u;
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (int i = 0; i < size; ++i) {
+        state ^= state << 13;
+        state ^= state >> 17;
+        state ^= state << 5;
+        bytes[i] = static_cast<char>(state >> 24);
+    }
+    return bytes;
+}
+
+void runFirmwareUpdate(benchmark::State& state, int imageSize, int pacedBaud)
+{
+    for (auto _ : state) {
+        state.PauseTiming();
+        QTemporaryDir dir;
+        const QString path = dir.path() + QStringLiteral("/worksurface.bin");
+        const QByteArray image = imageBytes(imageSize);
+        {
+            QFile file(path);
+            if (!file.open(QIODevice::WriteOnly) || file.write(image) != image.size()) {
+                state.SkipWithError("cannot write the firmware file");
+                return;
+            }
+        }
+        PtySectionSimulator sim;
+        if (!sim.isOpen()) {
+            state.SkipWithError(qPrintable(sim.errorString()));
+            return;
+        }
+        sim.setMode(PtySectionSimulator::Mode::Bootloader);
+        sim.setPacedBaudRate(pacedBaud);
+        auto settings = std::make_shared<FakeSettings>();
+        settings->setFirmwarePath(path);
+        settings->setDebugEnabled(false);
+        auto pool = std::make_shared<TaskPool>();
+        PtySectionLink link(0, sim.slavePath(), settings, pool);
+
+        QEventLoop loop;
+        bool updating = false;
+        bool done = false;
+        link.listener.setOnStateChanged([&](uint8_t, uint8_t value) {
+            if (value == ISectionConnection::Updating) {
+                updating = true;
+            } else if (value == ISectionConnection::Connected && updating) {
+                done = true;
+                loop.quit();
+            }
+        });
+        QElapsedTimer clock;
+        qint64 exchangeNs = 0;
+        QObject::connect(&sim, &PtySectionSimulator::modeChanged, &loop, [&]() {
+            if (exchangeNs == 0) {
+                exchangeNs = clock.nsecsElapsed();
+            }
+        });
+        QTimer::singleShot(30 * 60 * 1000, &loop, &QEventLoop::quit);
+        state.ResumeTiming();
+
+        clock.start();
+        pool->start();
+        link.section->open();
+        loop.exec();
+        const qint64 totalNs = clock.nsecsElapsed();
+
+        state.PauseTiming();
+        pool->stop();
+        if (!done || sim.image() != image) {
+            state.SkipWithError("the update did not complete with the image intact");
+            return;
+        }
+        const double blocks = (imageSize + kBlock - 1) / kBlock;
+        const double pluginBytes =
+            kPluginStartBytes + blocks * kPluginBytesPerBlock + kPluginEndBytes;
+        const double sectionBytes =
+            kSectionStartBytes + blocks * kSectionBytesPerBlock + kSectionEndBytes;
+        state.counters["blocks"] = blocks;
+        state.counters["total_s"] = totalNs / 1e9;
+        state.counters["exchange_s"] = exchangeNs / 1e9;
+        state.counters["wire_bound_s"] = (pluginBytes + sectionBytes) / kLineBytesPerSecond;
+        state.counters["reply_bound_s"] = sectionBytes / kLineBytesPerSecond;
+        state.counters["us_per_block"] = exchangeNs / 1e3 / blocks;
+        state.ResumeTiming();
+    }
+}
+
+// The image a section gets: 256 KiB, the section replying at 115200 baud.
+void BM_FirmwareUpdate256KiBPaced(benchmark::State& state)
+{
+    runFirmwareUpdate(state, 256 * 1024, 115200);
+}
+BENCHMARK(BM_FirmwareUpdate256KiBPaced)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// The plugin and the pty alone: the section replies at once.
+void BM_FirmwareUpdate256KiBUnpaced(benchmark::State& state)
+{
+    runFirmwareUpdate(state, 256 * 1024, 0);
+}
+BENCHMARK(BM_FirmwareUpdate256KiBUnpaced)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// A huge image, 16 MiB, unpaced (paced it would take many minutes; the wire bound says how
+// long a real line would need).
+void BM_FirmwareUpdate16MiBUnpaced(benchmark::State& state)
+{
+    runFirmwareUpdate(state, 16 * 1024 * 1024, 0);
+}
+BENCHMARK(BM_FirmwareUpdate16MiBUnpaced)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    // The pty, the serial port and the task pool's timer need the thread's event loop.
+    QCoreApplication app(argc, argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
