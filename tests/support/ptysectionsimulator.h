@@ -75,8 +75,9 @@ class QTimer;
 //
 // Hang-up: hangUp() closes both of the simulator's descriptors, like a section whose
 // cable was pulled. The slave then reads as end of file: QSerialPort reports
-// QSerialPort::ReadError, and again on every pass of the event loop until the plugin
-// closes the port; the device node disappears, so reopening it fails with
+// QSerialPort::ReadError or ResourceError (which one depends on the errno Qt finds left
+// over), and the plugin's connection closes the port on it; the device node disappears,
+// so reopening it fails with
 // DeviceNotFoundError. There is no way back: a test that needs the section again makes a
 // new simulator.
 //
