@@ -471,5 +471,5 @@ void TestSurfaceEndToEnd::ptyFirmwareUpdateShowsUpdatingThenEndsAtHundredPercent
     QCOMPARE(log.texts(QtCriticalMsg), QStringList());
 }
 
-QTEST_MAIN(TestSurfaceEndToEnd)
+QTEST_GUILESS_MAIN(TestSurfaceEndToEnd)
 #include "tst_surfaceendtoend.moc"
