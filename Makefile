@@ -7,7 +7,7 @@ CMAKE ?= cmake
 CTEST ?= ctest
 SHELL := /bin/bash
 
-.PHONY: all deps build test sanitize fuzz-smoke bench format format-check clean
+.PHONY: all deps build test demo sanitize fuzz-smoke bench format format-check clean
 
 all: build
 
@@ -20,6 +20,23 @@ build: deps
 
 test: build
 	$(CTEST) --preset $(PRESET) -j $(JOBS)
+
+# The demo window where there is a display; without one (ssh, CI) the walk-through on the
+# offscreen platform, which checks every kind of control and saves a screenshot.
+DEMO = build/$(PRESET)/examples/demo/worksurface-demo
+DEMO_SCREENSHOT = build/$(PRESET)/demo-walkthrough.png
+DEMO_ARGS ?=
+
+demo: deps
+	$(CMAKE) --preset $(PRESET)
+	$(CMAKE) --build --preset $(PRESET) -j $(JOBS) --target worksurface-demo
+	@if [ -n "$$DISPLAY" ] || [ -n "$$WAYLAND_DISPLAY" ]; then \
+	    $(DEMO) $(DEMO_ARGS); \
+	else \
+	    echo "== no display: the walk-through on the offscreen platform"; \
+	    QT_QPA_PLATFORM=offscreen $(DEMO) --walkthrough --screenshot $(DEMO_SCREENSHOT) $(DEMO_ARGS) \
+	        && echo "== screenshot: $(DEMO_SCREENSHOT)"; \
+	fi
 
 sanitize:
 	$(MAKE) test PRESET=asan
