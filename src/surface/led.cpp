@@ -12,7 +12,7 @@ Led::Led(uint8_t deviceId, uint8_t sectionIndex, LedType type,
       m_sectionIndex(sectionIndex),
       m_type(type),
       m_sender(std::move(sender)),
-      m_taskPool(std::move(taskPool))
+      m_flash(std::move(taskPool))
 {}
 
 Led::~Led()
@@ -60,7 +60,7 @@ void Led::setOn(uint8_t on)
     std::unique_lock<std::mutex> lock(m_mutex);
     // A flash that is already running keeps its rhythm; one that had stopped because the
     // LED was switched off starts again.
-    if (m_flashEnabled && m_flashTask.expired()) {
+    if (m_flash.enabled() && !m_flash.running()) {
         rescheduleFlash(lock);
     }
 }
@@ -80,33 +80,29 @@ void Led::setBrightness(uint8_t brightness)
 bool Led::flashEnabled() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_flashEnabled;
+    return m_flash.enabled();
 }
 
 void Led::setFlashEnabled(bool enabled)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_flashEnabled == enabled) {
-        return;
+    if (m_flash.setEnabled(enabled)) {
+        rescheduleFlash(lock);
     }
-    m_flashEnabled = enabled;
-    rescheduleFlash(lock);
 }
 
 int64_t Led::flashInterval() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_flashInterval;
+    return m_flash.interval();
 }
 
 void Led::setFlashInterval(int64_t intervalMs)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_flashInterval == intervalMs) {
-        return;
+    if (m_flash.setInterval(intervalMs)) {
+        rescheduleFlash(lock);
     }
-    m_flashInterval = intervalMs;
-    rescheduleFlash(lock);
 }
 
 std::shared_ptr<LedHandle> Led::getHandle()
@@ -144,14 +140,12 @@ void Led::releaseHandle(LedHandle* handle)
 void Led::run()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_flashEnabled && m_flashInterval >= 1 && m_on.load() != 0) {
-        const bool wasLit = m_flashPhase;
-        m_flashPhase = !wasLit;
+    if (m_flash.enabled() && m_flash.interval() >= 1 && m_on.load() != 0) {
+        const bool wasLit = m_flash.togglePhase();
         m_sender->sendLed(m_deviceId, wasLit ? 0 : m_brightness.load(), 0, kFlashDelayMs);
         return;
     }
-    cancelFlashTask();
-    m_flashPhase = false;
+    m_flash.end();
 }
 
 uint8_t Led::on() const
@@ -167,37 +161,16 @@ uint8_t Led::brightness() const
 bool Led::flashPhase() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_flashPhase;
-}
-
-void Led::cancelFlashTask()
-{
-    if (const std::shared_ptr<ITaskHandle> task = m_flashTask.lock()) {
-        task->cancel();
-    }
-    // Forgotten at once rather than when the pool drops the cancelled record, so that
-    // switching the LED on again restarts its flashing without waiting for that.
-    m_flashTask.reset();
+    return m_flash.phase();
 }
 
 void Led::rescheduleFlash(std::unique_lock<std::mutex>& lock)
 {
-    cancelFlashTask();
-    const uint64_t generation = ++m_flashGeneration;
-    if (!m_flashEnabled || m_flashInterval <= 0 || m_on.load() == 0) {
+    if (!m_flash.enabled() || m_flash.interval() <= 0 || m_on.load() == 0) {
+        m_flash.stop();
         return;
     }
-    const auto halfIntervalMs = static_cast<uint64_t>(m_flashInterval / 2);
-    const std::shared_ptr<ITask> self = shared_from_this();
-    lock.unlock();
-    std::shared_ptr<ITaskHandle> task = m_taskPool->schedulePeriodic(halfIntervalMs, self);
-    lock.lock();
-    if (generation == m_flashGeneration) {
-        m_flashTask = task;
-    } else if (task) {
-        // Overtaken by a later change while the mutex was free: that one decides.
-        task->cancel();
-    }
+    m_flash.start(lock, shared_from_this());
 }
 
 }  // namespace Velmora::Worksurface

@@ -6,9 +6,9 @@
 #include <mutex>
 
 #include "serial/iserialmessagesender.h"
+#include "surface/flashschedule.h"
 #include "surface/iled.h"
 #include "tasks/itask.h"
-#include "tasks/itaskhandle.h"
 #include "tasks/itaskpool.h"
 
 namespace Velmora::Worksurface {
@@ -76,26 +76,18 @@ private:
     // Called with the mutex held through `lock`; returns with it held, but releases it
     // while it asks the task pool.
     void rescheduleFlash(std::unique_lock<std::mutex>& lock);
-    void cancelFlashTask();
 
     const uint8_t m_deviceId;
     const uint8_t m_sectionIndex;
     const LedType m_type;
     const std::shared_ptr<ISerialMessageSender> m_sender;
-    const std::shared_ptr<ITaskPool> m_taskPool;
 
     std::atomic<uint8_t> m_on{0};
     std::atomic<uint8_t> m_brightness{255};
 
     mutable std::mutex m_mutex;
     std::shared_ptr<LedHandle> m_handle;
-    int64_t m_flashInterval = 0;
-    bool m_flashEnabled = false;
-    bool m_flashPhase = false;
-    std::weak_ptr<ITaskHandle> m_flashTask;
-    // Counts reschedules, so that a schedule that was overtaken by a later one while the
-    // mutex was released is recognised and cancelled.
-    uint64_t m_flashGeneration = 0;
+    FlashSchedule m_flash;
 };
 
 }  // namespace Velmora::Worksurface

@@ -32,7 +32,7 @@ Rotary::Rotary(uint8_t rotaryDeviceId, uint8_t lightDeviceId, uint8_t buttonDevi
       m_sectionIndex(sectionIndex),
       m_type(type),
       m_sender(std::move(sender)),
-      m_taskPool(std::move(taskPool))
+      m_flash(std::move(taskPool))
 {}
 
 Rotary::~Rotary()
@@ -84,7 +84,7 @@ void Rotary::setLinkReady(bool ready)
     QColor color;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_flashInterval <= 0) {
+        if (m_flash.interval() <= 0) {
             return;
         }
         color = m_color;
@@ -135,33 +135,29 @@ void Rotary::setColor(const QColor& color)
 bool Rotary::flashEnabled() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_flashEnabled;
+    return m_flash.enabled();
 }
 
 void Rotary::setFlashEnabled(bool enabled)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_flashEnabled == enabled) {
-        return;
+    if (m_flash.setEnabled(enabled)) {
+        rescheduleFlash(lock);
     }
-    m_flashEnabled = enabled;
-    rescheduleFlash(lock);
 }
 
 int64_t Rotary::flashInterval() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_flashInterval;
+    return m_flash.interval();
 }
 
 void Rotary::setFlashInterval(int64_t intervalMs)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_flashInterval == intervalMs) {
-        return;
+    if (m_flash.setInterval(intervalMs)) {
+        rescheduleFlash(lock);
     }
-    m_flashInterval = intervalMs;
-    rescheduleFlash(lock);
 }
 
 std::shared_ptr<RotaryHandle> Rotary::getHandle()
@@ -180,8 +176,8 @@ std::shared_ptr<RotaryHandle> Rotary::getHandle()
                                          [](RotaryHandle* h) { h->deleteLater(); });
     std::lock_guard<std::mutex> lock(m_mutex);
     // The running flash task, if any, finds these cleared at its next step and stops.
-    m_flashInterval = 0;
-    m_flashEnabled = false;
+    m_flash.setInterval(0);
+    m_flash.setEnabled(false);
     m_handle = handle;
     return handle;
 }
@@ -228,16 +224,15 @@ int Rotary::setGlobalTarget(IGlobalRotaryBindingTarget* target)
 void Rotary::run()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_flashEnabled && m_flashInterval >= 1) {
+    if (m_flash.enabled() && m_flash.interval() >= 1) {
         // A black light has nothing to flash; its phase waits for a colour.
         if (!isBlack(m_color)) {
-            sendColor(m_flashPhase ? m_color : QColor(Qt::black), 0);
-            m_flashPhase = !m_flashPhase;
+            const bool showColor = m_flash.togglePhase();
+            sendColor(showColor ? m_color : QColor(Qt::black), 0);
         }
         return;
     }
-    cancelFlashTask();
-    m_flashPhase = false;
+    m_flash.end();
 }
 
 uint8_t Rotary::lightDeviceId() const
@@ -253,37 +248,18 @@ uint8_t Rotary::buttonDeviceId() const
 bool Rotary::flashPhase() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return m_flashPhase;
-}
-
-void Rotary::cancelFlashTask()
-{
-    if (const std::shared_ptr<ITaskHandle> task = m_flashTask.lock()) {
-        task->cancel();
-    }
-    m_flashTask.reset();
+    return m_flash.phase();
 }
 
 void Rotary::rescheduleFlash(std::unique_lock<std::mutex>& lock)
 {
-    cancelFlashTask();
-    const uint64_t generation = ++m_flashGeneration;
-    if (!m_flashEnabled || m_flashInterval < 1) {
+    if (!m_flash.enabled() || m_flash.interval() < 1) {
+        m_flash.stop();
         // Not flashing: whatever the last step left on the light, show the colour steadily.
         sendColor(m_color, 0);
         return;
     }
-    const auto halfIntervalMs = static_cast<uint64_t>(m_flashInterval / 2);
-    const std::shared_ptr<ITask> self = shared_from_this();
-    lock.unlock();
-    std::shared_ptr<ITaskHandle> task = m_taskPool->schedulePeriodic(halfIntervalMs, self);
-    lock.lock();
-    if (generation == m_flashGeneration) {
-        m_flashTask = task;
-    } else if (task) {
-        // Overtaken by a later change while the mutex was free: that one decides.
-        task->cancel();
-    }
+    m_flash.start(lock, shared_from_this());
 }
 
 void Rotary::sendColor(const QColor& color, int64_t delayMs)

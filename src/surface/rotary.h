@@ -7,9 +7,9 @@
 #include <mutex>
 
 #include "serial/iserialmessagesender.h"
+#include "surface/flashschedule.h"
 #include "surface/irotary.h"
 #include "tasks/itask.h"
-#include "tasks/itaskhandle.h"
 #include "tasks/itaskpool.h"
 
 namespace Velmora::Worksurface {
@@ -87,7 +87,6 @@ private:
     // otherwise sends the colour so that the light is steady. Called with the mutex held
     // through `lock`; returns with it held, but releases it while it asks the task pool.
     void rescheduleFlash(std::unique_lock<std::mutex>& lock);
-    void cancelFlashTask();
     void sendColor(const QColor& color, int64_t delayMs);
     std::shared_ptr<RotaryHandle> currentHandle() const;
 
@@ -97,7 +96,6 @@ private:
     const uint8_t m_sectionIndex;
     const RotaryType m_type;
     const std::shared_ptr<ISerialMessageSender> m_sender;
-    const std::shared_ptr<ITaskPool> m_taskPool;
 
     std::atomic<bool> m_touched{false};
     std::atomic<bool> m_pressed{false};
@@ -105,14 +103,8 @@ private:
     mutable std::mutex m_mutex;
     IGlobalRotaryBindingTarget* m_globalTarget = nullptr;
     std::shared_ptr<RotaryHandle> m_handle;
-    bool m_flashPhase = false;
     QColor m_color{Qt::black};
-    int64_t m_flashInterval = 0;
-    bool m_flashEnabled = false;
-    std::weak_ptr<ITaskHandle> m_flashTask;
-    // Counts reschedules, so that a schedule that was overtaken by a later one while the
-    // mutex was released is recognised and cancelled.
-    uint64_t m_flashGeneration = 0;
+    FlashSchedule m_flash;
 };
 
 }  // namespace Velmora::Worksurface
