@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "surface/buttonhandle.h"
+#include "surface/handleownership.h"
 
 namespace Velmora::Worksurface {
 
@@ -58,19 +59,8 @@ ButtonType Button::buttonType() const
 
 std::shared_ptr<ButtonHandle> Button::getHandle()
 {
-    std::shared_ptr<ButtonHandle> previous;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        previous = std::move(m_handle);
-    }
-    if (previous) {
-        previous->detach();
-        previous.reset();
-    }
-    // Handles live on the user-interface side; deleteLater lets a handle that is still in
-    // the middle of delivering a signal finish before it goes.
-    std::shared_ptr<ButtonHandle> handle(new ButtonHandle(this),
-                                         [](ButtonHandle* h) { h->deleteLater(); });
+    detachCurrentHandle(m_mutex, m_handle);
+    std::shared_ptr<ButtonHandle> handle = makeHandle<ButtonHandle>(this);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_handle = handle;
     return handle;

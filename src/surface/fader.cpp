@@ -6,6 +6,7 @@
 
 #include "service/restmode.h"
 #include "surface/faderhandle.h"
+#include "surface/handleownership.h"
 #include "tasks/monotonicclock.h"
 
 namespace Velmora::Worksurface {
@@ -220,8 +221,8 @@ std::shared_ptr<FaderHandle> Fader::getHandle()
     // requests back until the finger lifts or the step lets go.
     m_hold = m_touched.load() || m_driveMode == 0;
 
-    auto* raw = new FaderHandle(this);
-    const std::shared_ptr<FaderHandle> handle(raw, [](FaderHandle* h) { h->deleteLater(); });
+    const std::shared_ptr<FaderHandle> handle = makeHandle<FaderHandle>(this);
+    FaderHandle* const raw = handle.get();
     // The functors run on this fader's thread. They go through the handle's own pointer,
     // so a handle that has been detached since the value was emitted no longer moves the
     // fader; the guard covers a handle already destroyed when the call arrives.

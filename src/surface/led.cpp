@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "surface/handleownership.h"
 #include "surface/ledhandle.h"
 
 namespace Velmora::Worksurface {
@@ -107,16 +108,8 @@ void Led::setFlashInterval(int64_t intervalMs)
 
 std::shared_ptr<LedHandle> Led::getHandle()
 {
-    std::shared_ptr<LedHandle> previous;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        previous = std::move(m_handle);
-    }
-    if (previous) {
-        previous->detach();
-        previous.reset();
-    }
-    std::shared_ptr<LedHandle> handle(new LedHandle(this), [](LedHandle* h) { h->deleteLater(); });
+    detachCurrentHandle(m_mutex, m_handle);
+    std::shared_ptr<LedHandle> handle = makeHandle<LedHandle>(this);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_handle = handle;
     return handle;

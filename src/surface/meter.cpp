@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "surface/handleownership.h"
 #include "surface/meterhandle.h"
 
 namespace Velmora::Worksurface {
@@ -68,17 +69,8 @@ void Meter::setPeak(uint8_t peak)
 
 std::shared_ptr<MeterHandle> Meter::getHandle()
 {
-    std::shared_ptr<MeterHandle> previous;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        previous = std::move(m_handle);
-    }
-    if (previous) {
-        previous->detach();
-        previous.reset();
-    }
-    std::shared_ptr<MeterHandle> handle(new MeterHandle(this),
-                                        [](MeterHandle* h) { h->deleteLater(); });
+    detachCurrentHandle(m_mutex, m_handle);
+    std::shared_ptr<MeterHandle> handle = makeHandle<MeterHandle>(this);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_handle = handle;
     return handle;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "surface/handleownership.h"
 #include "surface/pothandle.h"
 
 namespace Velmora::Worksurface {
@@ -101,16 +102,8 @@ void Pot::setColor(const QColor& color)
 
 std::shared_ptr<PotHandle> Pot::getHandle()
 {
-    std::shared_ptr<PotHandle> previous;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        previous = std::move(m_handle);
-    }
-    if (previous) {
-        previous->detach();
-        previous.reset();
-    }
-    std::shared_ptr<PotHandle> handle(new PotHandle(this), [](PotHandle* h) { h->deleteLater(); });
+    detachCurrentHandle(m_mutex, m_handle);
+    std::shared_ptr<PotHandle> handle = makeHandle<PotHandle>(this);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_handle = handle;
     return handle;

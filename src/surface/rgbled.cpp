@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "surface/handleownership.h"
 #include "surface/rgbledhandle.h"
 
 namespace Velmora::Worksurface {
@@ -66,17 +67,8 @@ void RgbLed::setColor(const QColor& color)
 
 std::shared_ptr<RgbLedHandle> RgbLed::getHandle()
 {
-    std::shared_ptr<RgbLedHandle> previous;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        previous = std::move(m_handle);
-    }
-    if (previous) {
-        previous->detach();
-        previous.reset();
-    }
-    std::shared_ptr<RgbLedHandle> handle(new RgbLedHandle(this),
-                                         [](RgbLedHandle* h) { h->deleteLater(); });
+    detachCurrentHandle(m_mutex, m_handle);
+    std::shared_ptr<RgbLedHandle> handle = makeHandle<RgbLedHandle>(this);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_handle = handle;
     return handle;

@@ -3,6 +3,7 @@
 #include <QDebug>
 #include <utility>
 
+#include "surface/handleownership.h"
 #include "surface/iglobalrotarybindingtarget.h"
 #include "surface/rotaryhandle.h"
 
@@ -162,18 +163,10 @@ void Rotary::setFlashInterval(int64_t intervalMs)
 
 std::shared_ptr<RotaryHandle> Rotary::getHandle()
 {
-    std::shared_ptr<RotaryHandle> previous;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        previous = std::move(m_handle);
-    }
-    if (previous) {
-        // No longer the current handle, so its release does not wake the global target.
-        previous->detach();
-        previous.reset();
-    }
-    std::shared_ptr<RotaryHandle> handle(new RotaryHandle(this),
-                                         [](RotaryHandle* h) { h->deleteLater(); });
+    // The previous handle is no longer the current one when it detaches, so its release
+    // does not wake the global target.
+    detachCurrentHandle(m_mutex, m_handle);
+    std::shared_ptr<RotaryHandle> handle = makeHandle<RotaryHandle>(this);
     std::lock_guard<std::mutex> lock(m_mutex);
     // The running flash task, if any, finds these cleared at its next step and stops.
     m_flash.setInterval(0);
