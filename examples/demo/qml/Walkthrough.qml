@@ -109,7 +109,8 @@ Item {
         else
             failed += 1
         say("step " + (current + 1) + " " + step.name + ": sent " + ctx.sent + " -> got "
-            + result.got + (result.ok ? " [ok]" : " [FAILED after " + (step.timeout || timeoutMs) + " ms]"))
+            + result.got + (result.ok ? " [ok]"
+                                      : " after " + (step.timeout || timeoutMs) + " ms [FAILED]"))
         for (var k = 0; k < ctx.listeners.length; ++k)
             ctx.listeners[k].signal.disconnect(ctx.listeners[k].handler)
         if (step.cleanup !== undefined)
