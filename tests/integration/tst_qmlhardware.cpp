@@ -42,7 +42,7 @@ const QByteArray kAutoBaud = QByteArray::fromHex("5555");
 const QByteArray kPingFrame = QByteArray::fromHex("03000003");
 
 const char kScene[] = R"(
-import QtQuick 2.15
+import QtQml 2.15
 import Tarvix.Worksurface 1.0
 
 QtObject {
@@ -390,5 +390,6 @@ void TestQmlHardware::firmwareUpdateFromTheHomeFolderRunsToTheEndAndTheSectionCo
     QVERIFY(m_sections[1]->receivedPackets().isEmpty());
 }
 
-QTEST_MAIN(TestQmlHardware)
+// The scene needs QtQml only: no GUI application, so no platform plugin.
+QTEST_GUILESS_MAIN(TestQmlHardware)
 #include "tst_qmlhardware.moc"

@@ -95,5 +95,6 @@ private slots:
     }
 };
 
-QTEST_MAIN(TestWorksurfacePlugin)
+// QML's own types are enough here: no GUI application, so no platform plugin.
+QTEST_GUILESS_MAIN(TestWorksurfacePlugin)
 #include "tst_worksurfaceplugin.moc"
