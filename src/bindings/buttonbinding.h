@@ -18,7 +18,8 @@ class ButtonBinding : public BindingBase
 
 public:
     // The spellings are part of the QML API, "NextSnapsthot" included.
-    enum ButtonType
+    // Backed by int: QML may write any number, which then names no switch.
+    enum ButtonType : int
     {
         None = 0,
         Mute = 1,

@@ -32,7 +32,8 @@ class FaderBinding : public BindingBase
     Q_PROPERTY(QObject* touchTarget READ touchTarget WRITE setTouchTarget NOTIFY touchTargetChanged)
 
 public:
-    enum FaderType
+    // Backed by int: QML may write any number, which then names no fader.
+    enum FaderType : int
     {
         None = 0,
         Fader = 1,
@@ -40,7 +41,7 @@ public:
     };
     Q_ENUM(FaderType)
 
-    enum FaderMode
+    enum FaderMode : int
     {
         Free = 0,
         Protected = 1

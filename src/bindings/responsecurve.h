@@ -18,7 +18,8 @@ class ResponseCurve : public QObject
     Q_OBJECT
 
 public:
-    enum ConversionMode
+    // Backed by int: QML may pass any number, which then behaves as Default.
+    enum ConversionMode : int
     {
         Default = 0,
         GraphicsEq = 1,
