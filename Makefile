@@ -45,7 +45,7 @@ fuzz-smoke: deps
 	$(CMAKE) --preset fuzz
 	$(CMAKE) --build --preset fuzz -j $(JOBS)
 	@set -e; for f in build/fuzz/fuzz/fuzz_*; do \
-	    [ -x "$$f" ] || continue; \
+	    [ -f "$$f" ] && [ -x "$$f" ] || continue; \
 	    name=$$(basename $$f); \
 	    corpus=build/fuzz/corpus/$$name; mkdir -p $$corpus; \
 	    seeds=""; [ -d fuzz/corpus/$$name ] && seeds=fuzz/corpus/$$name; \
@@ -61,7 +61,7 @@ bench: deps
 	$(CMAKE) --build --preset bench -j $(JOBS)
 	@mkdir -p build/bench
 	@set -e; for b in build/bench/bench/bench_*; do \
-	    [ -x "$$b" ] || continue; \
+	    [ -f "$$b" ] && [ -x "$$b" ] || continue; \
 	    name=$$(basename $$b); \
 	    echo "== $$name"; \
 	    QT_QPA_PLATFORM=offscreen $$b --benchmark_out=build/bench/$$name.json --benchmark_out_format=json; \
@@ -73,7 +73,7 @@ format: deps
 	clang-format -i $(FORMAT_FILES)
 
 format-check: deps
-	clang-format --dry-run --Werror $(FORMAT_FILES)
+	@clang-format --dry-run --Werror $(FORMAT_FILES) && echo "format-check: $(words $(FORMAT_FILES)) files clean"
 
 clean:
 	rm -rf build
