@@ -6,6 +6,7 @@
 
 #include "bindings/globalsurfacebinding.h"
 #include "support/bindingtestrig.h"
+#include "support/metaobjectlisting.h"
 
 namespace {
 
@@ -26,18 +27,6 @@ QStringList bothValues(const char* brightnessHex, const char* overBrightnessHex)
             BindingTestRig::frame(0, kOverBrightness, 0, overBrightnessHex),
             BindingTestRig::frame(1, kBrightness, 0, brightnessHex),
             BindingTestRig::frame(1, kOverBrightness, 0, overBrightnessHex)};
-}
-
-QStringList methodSignatures(const QMetaObject& meta, QMetaMethod::MethodType type)
-{
-    QStringList names;
-    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
-        const QMetaMethod method = meta.method(i);
-        if (method.methodType() == type) {
-            names << QString::fromLatin1(method.methodSignature());
-        }
-    }
-    return names;
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include "bindings/flashinfo.h"
 #include "bindings/ledbinding.h"
 #include "support/bindingtestrig.h"
+#include "support/metaobjectlisting.h"
 
 namespace {
 
@@ -41,18 +42,6 @@ std::unique_ptr<LedBinding> makeLitMuteLed(BindingTestRig& rig)
     binding->setOn(true);
     rig.takeFrames();
     return binding;
-}
-
-QStringList methodSignatures(const QMetaObject& meta, QMetaMethod::MethodType type)
-{
-    QStringList names;
-    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
-        const QMetaMethod method = meta.method(i);
-        if (method.methodType() == type) {
-            names << QString::fromLatin1(method.methodSignature());
-        }
-    }
-    return names;
 }
 
 }  // namespace

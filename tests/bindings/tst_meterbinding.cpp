@@ -8,6 +8,7 @@
 
 #include "bindings/meterbinding.h"
 #include "support/bindingtestrig.h"
+#include "support/metaobjectlisting.h"
 
 namespace {
 
@@ -38,18 +39,6 @@ std::unique_ptr<MeterBinding> makeBinding(BindingTestRig& rig, MeterBinding::Met
     binding->setActive(active);
     binding->componentComplete();
     return binding;
-}
-
-QStringList methodSignatures(const QMetaObject& meta, QMetaMethod::MethodType type)
-{
-    QStringList names;
-    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
-        const QMetaMethod method = meta.method(i);
-        if (method.methodType() == type) {
-            names << QString::fromLatin1(method.methodSignature());
-        }
-    }
-    return names;
 }
 
 }  // namespace

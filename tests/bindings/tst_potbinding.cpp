@@ -9,6 +9,7 @@
 #include "bindings/potbinding.h"
 #include "software/qmlcontrollerconnection.h"
 #include "support/bindingtestrig.h"
+#include "support/metaobjectlisting.h"
 
 namespace {
 
@@ -66,18 +67,6 @@ QString turn(float value, quint16 position)
     return QStringLiteral("%1@%2")
         .arg(double(value))
         .arg(double(float(position / 511.0)), 0, 'f', 4);
-}
-
-QStringList methodSignatures(const QMetaObject& meta, QMetaMethod::MethodType type)
-{
-    QStringList names;
-    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
-        const QMetaMethod method = meta.method(i);
-        if (method.methodType() == type) {
-            names << QString::fromLatin1(method.methodSignature());
-        }
-    }
-    return names;
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include "bindings/rgbledbinding.h"
 #include "support/bindingtestrig.h"
+#include "support/metaobjectlisting.h"
 
 namespace {
 
@@ -39,18 +40,6 @@ std::unique_ptr<RgbLedBinding> makeRedNameLogo(BindingTestRig& rig)
     binding->setColor(Qt::red);
     rig.takeFrames();
     return binding;
-}
-
-QStringList methodSignatures(const QMetaObject& meta, QMetaMethod::MethodType type)
-{
-    QStringList names;
-    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
-        const QMetaMethod method = meta.method(i);
-        if (method.methodType() == type) {
-            names << QString::fromLatin1(method.methodSignature());
-        }
-    }
-    return names;
 }
 
 }  // namespace

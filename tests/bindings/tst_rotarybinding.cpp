@@ -10,6 +10,7 @@
 #include "bindings/rotarybinding.h"
 #include "support/bindingtestrig.h"
 #include "support/logcapture.h"
+#include "support/metaobjectlisting.h"
 #include "surface/iglobalrotarybindingtarget.h"
 #include "surface/surface.h"
 
@@ -76,18 +77,6 @@ QList<int> steps(const QSignalSpy& spy)
         values << arguments.at(0).toInt();
     }
     return values;
-}
-
-QStringList methodSignatures(const QMetaObject& meta, QMetaMethod::MethodType type)
-{
-    QStringList names;
-    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
-        const QMetaMethod method = meta.method(i);
-        if (method.methodType() == type) {
-            names << QString::fromLatin1(method.methodSignature());
-        }
-    }
-    return names;
 }
 
 QStringList enumKeys(const QMetaObject& meta, const char* name)
