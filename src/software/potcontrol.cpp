@@ -57,9 +57,7 @@ bool PotControl::takeMessage(const SerialMessage& message)
     if (message.type != MessageType::RgbColor || message.deviceId != lightDeviceId()) {
         return false;
     }
-    m_color = QColor(message.byteAt(0, static_cast<uint8_t>(m_color.red())),
-                     message.byteAt(1, static_cast<uint8_t>(m_color.green())),
-                     message.byteAt(2, static_cast<uint8_t>(m_color.blue())));
+    m_color = colorFrom(message, m_color);
     emit colorChanged();
     return true;
 }

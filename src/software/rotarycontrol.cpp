@@ -69,9 +69,7 @@ bool RotaryControl::takeMessage(const SerialMessage& message)
     }
     // Every colour the plugin sends is shown, a repeated one too (a flashing ring sends
     // the same colours again and again).
-    m_color = QColor(message.byteAt(0, static_cast<uint8_t>(m_color.red())),
-                     message.byteAt(1, static_cast<uint8_t>(m_color.green())),
-                     message.byteAt(2, static_cast<uint8_t>(m_color.blue())));
+    m_color = colorFrom(message, m_color);
     emit colorChanged();
     return true;
 }

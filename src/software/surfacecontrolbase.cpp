@@ -123,3 +123,11 @@ void SurfaceControlBase::unregisterFrom(
         qmlController->removeSoftwareHandler(this);
     }
 }
+
+QColor SurfaceControlBase::colorFrom(const Velmora::Worksurface::SerialMessage& message,
+                                     const QColor& current)
+{
+    return QColor(message.byteAt(0, static_cast<uint8_t>(current.red())),
+                  message.byteAt(1, static_cast<uint8_t>(current.green())),
+                  message.byteAt(2, static_cast<uint8_t>(current.blue())));
+}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QColor>
 #include <QObject>
 #include <QPointer>
 #include <cstdint>
@@ -97,6 +98,10 @@ protected:
     void sendToPlugin(const Velmora::Worksurface::SerialMessage& message) const;
     // Asks for the last message of this type to this device of the control's section.
     void replay(uint8_t type, uint8_t deviceId) const;
+    // The colour a type-12 message carries (red, green, blue; opaque); a short payload
+    // keeps the components of `current` it does not reach.
+    static QColor colorFrom(const Velmora::Worksurface::SerialMessage& message,
+                            const QColor& current);
 
 private:
     void unregisterFrom(
