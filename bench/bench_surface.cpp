@@ -19,10 +19,10 @@
 #include <memory>
 #include <new>
 
+#include "base/logger.h"
+#include "base/settings.h"
 #include "serial/isectionconnection.h"
 #include "serial/serialconnectionfactory.h"
-#include "service/logger.h"
-#include "service/settings.h"
 #include "software/qmlcontrollerconnection.h"
 #include "support/manualclock.h"
 #include "surface/componentfactory.h"

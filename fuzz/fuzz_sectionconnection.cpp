@@ -24,12 +24,12 @@
 #include <cstdlib>
 #include <memory>
 
+#include "base/logger.h"
 #include "serial/isectionconnection.h"
 #include "serial/rootserialmessagehandler.h"
 #include "serial/sectionconnection.h"
 #include "serial/serialmessage.h"
 #include "serial/serialmessagequeue.h"
-#include "service/logger.h"
 #include "support/fakesectionupdater.h"
 #include "support/fakeserialconnection.h"
 #include "support/fakeserialmessagehandler.h"

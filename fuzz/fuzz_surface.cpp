@@ -32,9 +32,9 @@
 #include <memory>
 #include <vector>
 
+#include "base/logger.h"
+#include "qml/sectioninfomodel.h"
 #include "serial/isectionconnection.h"
-#include "service/logger.h"
-#include "service/sectioninfomodel.h"
 #include "support/fakesectioninfoprovider.h"
 #include "support/fakeserialconnection.h"
 #include "support/fakeserialconnectionfactory.h"
@@ -127,8 +127,7 @@ void operate(Surface& surface, const std::shared_ptr<FakeSerialConnectionFactory
             surface.setSurfaceOverBrightness(argument);
             break;
         case 2:
-            surface.setFaderRestMode(argument & 1 ? RestMode::Type::KeepCurrent
-                                                  : RestMode::Type::ForceMinimum);
+            surface.setFaderRestMode(argument & 1 ? RestMode::KeepCurrent : RestMode::ForceMinimum);
             break;
         case 3:
             surface.calibrate();

@@ -25,7 +25,7 @@
 #include <memory>
 #include <vector>
 
-#include "service/logger.h"
+#include "base/logger.h"
 #include "support/fakesettings.h"
 #include "tasks/itaskpool.h"
 #include "updater/bootloaderpacket.h"

@@ -5,6 +5,22 @@
 
 namespace Velmora::Worksurface {
 
+// The values ISettings::type() holds. SurfaceSettings names the same values for QML.
+enum class SurfaceType : uint8_t
+{
+    Hardware = 0,
+    Software = 1
+};
+
+// The values ISettings::mode() holds: the console model. SurfaceSettings names the same
+// values for QML.
+enum class SurfaceMode : uint8_t
+{
+    Unknown = 0,
+    K40 = 1,
+    K60 = 2
+};
+
 // The worksurface configuration as the core reads it: surface type, console model (which
 // fixes the sections, the master and the serial devices), debug output and the firmware
 // image location.

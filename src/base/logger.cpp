@@ -1,10 +1,10 @@
-#include "service/logger.h"
+#include "base/logger.h"
 
 #include <QByteArray>
 #include <QMessageLogger>
 #include <utility>
 
-#include "service/isettings.h"
+#include "base/isettings.h"
 
 namespace Velmora::Worksurface {
 

@@ -1,9 +1,7 @@
-#include "service/settings.h"
+#include "base/settings.h"
 
 #include <QDir>
 #include <QFileInfo>
-
-#include "service/surfacesettings.h"
 
 namespace Velmora::Worksurface {
 
@@ -53,10 +51,10 @@ uint8_t Settings::maxResendCount() const
 
 uint8_t Settings::sectionCount() const
 {
-    switch (m_mode) {
-        case SurfaceSettings::K40:
+    switch (static_cast<SurfaceMode>(m_mode)) {
+        case SurfaceMode::K40:
             return 2;
-        case SurfaceSettings::K60:
+        case SurfaceMode::K60:
             return 3;
         default:
             return 0;
@@ -80,10 +78,10 @@ uint8_t Settings::masterStripCount() const
 
 uint8_t Settings::masterSectionIndex() const
 {
-    switch (m_mode) {
-        case SurfaceSettings::K40:
+    switch (static_cast<SurfaceMode>(m_mode)) {
+        case SurfaceMode::K40:
             return 1;
-        case SurfaceSettings::K60:
+        case SurfaceMode::K60:
             return 2;
         default:
             return kNoSection;
@@ -92,8 +90,8 @@ uint8_t Settings::masterSectionIndex() const
 
 QString Settings::serialPortName(uint8_t section) const
 {
-    switch (m_mode) {
-        case SurfaceSettings::K40:
+    switch (static_cast<SurfaceMode>(m_mode)) {
+        case SurfaceMode::K40:
             // The two-section console leaves the first device free: its master section
             // (index 1) sits on the third one.
             switch (section) {
@@ -104,7 +102,7 @@ QString Settings::serialPortName(uint8_t section) const
                 default:
                     return QString();
             }
-        case SurfaceSettings::K60:
+        case SurfaceMode::K60:
             // On the three-section console every index but 1 and 2 falls back to the
             // first device.
             switch (section) {

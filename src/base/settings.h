@@ -3,7 +3,7 @@
 #include <QString>
 #include <cstdint>
 
-#include "service/isettings.h"
+#include "base/isettings.h"
 
 namespace Velmora::Worksurface {
 

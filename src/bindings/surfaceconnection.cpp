@@ -1,6 +1,6 @@
 #include "bindings/surfaceconnection.h"
 
-#include "software/isoftwarecontrollerconnection.h"
+#include "serial/isoftwarecontrollerconnection.h"
 #include "surface/isurface.h"
 
 SurfaceConnection::SurfaceConnection(

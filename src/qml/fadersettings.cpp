@@ -1,4 +1,4 @@
-#include "service/fadersettings.h"
+#include "qml/fadersettings.h"
 
 FaderSettings::FaderSettings(QObject* parent) : QObject(parent) {}
 

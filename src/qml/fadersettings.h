@@ -2,7 +2,7 @@
 
 #include <QObject>
 
-#include "service/restmode.h"
+#include "qml/restmode.h"
 
 // Surface.faders: settings shared by every fader of the surface.
 class FaderSettings : public QObject

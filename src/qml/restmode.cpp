@@ -1,3 +1,3 @@
-#include "service/restmode.h"
+#include "qml/restmode.h"
 
 RestMode::RestMode(QObject* parent) : QObject(parent) {}

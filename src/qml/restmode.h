@@ -2,6 +2,8 @@
 
 #include <QObject>
 
+#include "base/restmode.h"
+
 // Carries the enumeration of what a fader does while no binding holds it, so that QML can
 // name the values (RestMode.ForceMinimum, RestMode.KeepCurrent).
 class RestMode : public QObject
@@ -20,3 +22,9 @@ public:
 
     explicit RestMode(QObject* parent = nullptr);
 };
+
+static_assert(int(RestMode::Type::ForceMinimum) ==
+                  int(Velmora::Worksurface::RestMode::ForceMinimum),
+              "the QML rest modes mirror the core ones");
+static_assert(int(RestMode::Type::KeepCurrent) == int(Velmora::Worksurface::RestMode::KeepCurrent),
+              "the QML rest modes mirror the core ones");

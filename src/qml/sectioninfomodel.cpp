@@ -1,4 +1,4 @@
-#include "service/sectioninfomodel.h"
+#include "qml/sectioninfomodel.h"
 
 #include <algorithm>
 

@@ -3,7 +3,7 @@
 #include <QObject>
 #include <QQmlParserStatus>
 
-#include "service/isectioninfo.h"
+#include "base/isectioninfo.h"
 
 // What one hardware section reports about itself, for QML (`Surface.section(i)`): its
 // firmware version and temperature, and the progress of a firmware update. The core

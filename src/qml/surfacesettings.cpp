@@ -1,11 +1,11 @@
-#include "service/surfacesettings.h"
+#include "qml/surfacesettings.h"
 
 #include <QDebug>
 #include <QDir>
 #include <QFileInfo>
 #include <utility>
 
-#include "service/isettings.h"
+#include "base/isettings.h"
 
 SurfaceSettings::SurfaceSettings(std::shared_ptr<Velmora::Worksurface::ISettings> settings,
                                  QObject* parent)

@@ -4,9 +4,7 @@
 #include <cstdint>
 #include <memory>
 
-namespace Velmora::Worksurface {
-class ISettings;
-}
+#include "base/isettings.h"
 
 // Surface.settings: the QML face of the worksurface configuration. It keeps no value of
 // its own; every read and write goes to the shared settings the core reads, so a change is
@@ -67,3 +65,12 @@ signals:
 private:
     std::shared_ptr<Velmora::Worksurface::ISettings> m_settings;
 };
+
+static_assert(int(SurfaceSettings::Hardware) == int(Velmora::Worksurface::SurfaceType::Hardware) &&
+                  int(SurfaceSettings::Software) ==
+                      int(Velmora::Worksurface::SurfaceType::Software),
+              "the QML surface types mirror the core ones");
+static_assert(int(SurfaceSettings::Unknown) == int(Velmora::Worksurface::SurfaceMode::Unknown) &&
+                  int(SurfaceSettings::K40) == int(Velmora::Worksurface::SurfaceMode::K40) &&
+                  int(SurfaceSettings::K60) == int(Velmora::Worksurface::SurfaceMode::K60),
+              "the QML console models mirror the core ones");

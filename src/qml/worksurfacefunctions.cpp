@@ -1,11 +1,11 @@
-#include "service/worksurfacefunctions.h"
+#include "qml/worksurfacefunctions.h"
 
 #include <QString>
 #include <utility>
 
+#include "base/logger.h"
+#include "base/settings.h"
 #include "serial/serialconnectionfactory.h"
-#include "service/logger.h"
-#include "service/settings.h"
 #include "software/qmlcontrollerconnection.h"
 #include "surface/componentfactory.h"
 #include "surface/connectionfactory.h"
@@ -134,10 +134,8 @@ void WorksurfaceFunctions::onStartSurfaceThread()
     auto componentFactory = std::make_unique<ComponentFactory>(m_taskPool);
     SectionFactory sectionFactory(this, std::move(componentFactory));
 
-    // connect() emptied the receivers, but a start queued by an earlier connect() (several
-    // calls before the event loop ran) has since registered the links of a surface that this
-    // build replaces. The new links register for their own sections only, so a receiver for a
-    // section the new model does not have would be left pointing into the destroyed surface.
+    // A start queued by an earlier connect() may have registered links of a surface that
+    // this build replaces (docs/surface-service.md, calling connect() several times).
     m_controllerConnection->clearDataReceivers();
 
     const std::shared_ptr<Surface> surface =
@@ -168,7 +166,8 @@ void WorksurfaceFunctions::onStopSurfaceThread()
 void WorksurfaceFunctions::setFaderRestMode()
 {
     if (ISurface* current = m_connection->surface()) {
-        current->setFaderRestMode(m_faderSettings->restMode());
+        current->setFaderRestMode(
+            static_cast<Velmora::Worksurface::RestMode>(m_faderSettings->restMode()));
     }
 }
 

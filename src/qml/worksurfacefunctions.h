@@ -7,11 +7,11 @@
 #include <cstdint>
 #include <memory>
 
+#include "base/isectioninfoprovider.h"
 #include "bindings/surfaceconnection.h"
-#include "service/fadersettings.h"
-#include "service/isectioninfoprovider.h"
-#include "service/sectioninfomodel.h"
-#include "service/surfacesettings.h"
+#include "qml/fadersettings.h"
+#include "qml/sectioninfomodel.h"
+#include "qml/surfacesettings.h"
 
 class QJSEngine;
 class QQmlEngine;
@@ -24,13 +24,10 @@ class TaskPool;
 }  // namespace Velmora::Worksurface
 
 // The QML singleton `Surface`: the one object through which QML configures, starts and
-// observes the worksurface. Nothing talks to the sections before QML calls connect().
-//
-// connect() restarts the thread "WorksurfaceThread". That thread runs nothing of ours, only
-// its own empty event loop: its started and finished signals come back to this object as
-// queued calls on the QML thread, where the surface model is built (a new task pool, the
-// sections and their links) and torn down. The built surface is handed to `connection`,
-// which owns it and tells the bindings.
+// observes the worksurface. Nothing talks to the sections before QML calls connect(). The
+// built surface is handed to `connection`, which owns it and tells the bindings. The thread
+// story is in docs/architecture.md, the steps of connect() and of teardown in
+// docs/surface-service.md.
 class WorksurfaceFunctions : public QObject,
                              public QQmlParserStatus,
                              public Velmora::Worksurface::ISectionInfoProvider

@@ -3,11 +3,11 @@
 #include <QString>
 #include <utility>
 
+#include "base/logger.h"
 #include "serial/isectionstatelistener.h"
 #include "serial/iserialconnection.h"
 #include "serial/iserialmessagehandler.h"
 #include "serial/iserialmessagequeue.h"
-#include "service/logger.h"
 #include "tasks/itaskpool.h"
 #include "tasks/monotonicclock.h"
 #include "updater/isectionupdater.h"

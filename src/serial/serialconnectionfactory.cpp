@@ -4,17 +4,11 @@
 #include <QList>
 #include <utility>
 
+#include "base/isettings.h"
 #include "serial/hardwareserialconnection.h"
 #include "serial/softwareserialconnection.h"
-#include "service/isettings.h"
 
 namespace Velmora::Worksurface {
-
-namespace {
-
-constexpr uint8_t kSoftwareSurfaceType = 1;
-
-}  // namespace
 
 SerialConnectionFactory::SerialConnectionFactory(
     std::shared_ptr<ISettings> settings, std::shared_ptr<ISoftwareControllerConnection> controller)
@@ -28,7 +22,7 @@ std::shared_ptr<ISerialConnection> SerialConnectionFactory::createSerialConnecti
     if (!source) {
         return nullptr;
     }
-    if (source->type() == kSoftwareSurfaceType) {
+    if (source->type() == static_cast<uint8_t>(SurfaceType::Software)) {
         return std::make_shared<SoftwareSerialConnection>(sectionIndex, m_controller);
     }
     return std::make_shared<HardwareSerialConnection>(sectionIndex,

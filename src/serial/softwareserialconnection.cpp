@@ -3,7 +3,7 @@
 #include <QDebug>
 #include <utility>
 
-#include "software/isoftwarecontrollerconnection.h"
+#include "serial/isoftwarecontrollerconnection.h"
 
 namespace Velmora::Worksurface {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "serial/iserialdatareceiver.h"
-#include "software/isoftwareserialmessagehandler.h"
+#include "serial/isoftwareserialmessagehandler.h"
 
 namespace Velmora::Worksurface {
 

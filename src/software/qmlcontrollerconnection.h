@@ -5,8 +5,8 @@
 #include <map>
 #include <vector>
 
+#include "serial/isoftwarecontrollerconnection.h"
 #include "serial/serialmessage.h"
-#include "software/isoftwarecontrollerconnection.h"
 
 namespace Velmora::Worksurface {
 

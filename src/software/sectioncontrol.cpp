@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "software/isoftwarecontrollerconnection.h"
+#include "serial/isoftwarecontrollerconnection.h"
 #include "software/qmlcontrollerconnection.h"
 
 using Velmora::Worksurface::ISoftwareControllerConnection;

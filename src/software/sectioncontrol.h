@@ -6,8 +6,8 @@
 #include <memory>
 
 #include "bindings/surfaceconnection.h"
+#include "serial/isoftwareserialmessagehandler.h"
 #include "serial/serialmessage.h"
-#include "software/isoftwareserialmessagehandler.h"
 
 namespace Velmora::Worksurface {
 class ISoftwareControllerConnection;

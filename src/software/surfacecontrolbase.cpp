@@ -1,6 +1,6 @@
 #include "software/surfacecontrolbase.h"
 
-#include "software/isoftwarecontrollerconnection.h"
+#include "serial/isoftwarecontrollerconnection.h"
 #include "software/qmlcontrollerconnection.h"
 
 using Velmora::Worksurface::ISoftwareControllerConnection;

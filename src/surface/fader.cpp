@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "service/restmode.h"
+#include "base/restmode.h"
 #include "surface/faderhandle.h"
 #include "surface/handleownership.h"
 #include "tasks/monotonicclock.h"
@@ -300,7 +300,7 @@ void Fader::run()
                 sendPositionLocked(m_lockPosition);
             }
         }
-    } else if (m_restMode == static_cast<int32_t>(RestMode::Type::ForceMinimum)) {
+    } else if (m_restMode == static_cast<int32_t>(RestMode::ForceMinimum)) {
         std::lock_guard<std::mutex> lock(m_mutex);
         // A position of "none" counts as above the bottom: a fader nobody has bound since
         // start-up is parked as well.

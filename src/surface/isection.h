@@ -4,7 +4,7 @@
 #include <memory>
 #include <vector>
 
-#include "service/restmode.h"
+#include "base/restmode.h"
 
 namespace Velmora::Worksurface {
 
@@ -34,7 +34,7 @@ public:
     virtual const std::vector<std::shared_ptr<IMeter>>& meters() const = 0;
     virtual void setUpdating(bool updating) = 0;
     virtual void setUpdateProgress(uint8_t percent) = 0;
-    virtual void setFaderRestMode(RestMode::Type mode) = 0;
+    virtual void setFaderRestMode(RestMode mode) = 0;
 };
 
 }  // namespace Velmora::Worksurface

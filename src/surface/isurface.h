@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "service/restmode.h"
+#include "base/restmode.h"
 
 namespace Velmora::Worksurface {
 
@@ -32,7 +32,7 @@ public:
     virtual void setSurfaceOverBrightness(uint8_t brightness) = 0;
     virtual void start() = 0;
     virtual void stop() = 0;
-    virtual void setFaderRestMode(RestMode::Type mode) = 0;
+    virtual void setFaderRestMode(RestMode mode) = 0;
     virtual std::shared_ptr<IMeter> meter(int32_t type, int section) const = 0;
     virtual std::shared_ptr<IPot> pot(int32_t type, int section) const = 0;
     virtual std::shared_ptr<IRotary> rotary(int32_t type, int section, int index) const = 0;

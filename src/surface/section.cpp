@@ -1,6 +1,6 @@
 #include "surface/section.h"
 
-#include "service/isectioninfo.h"
+#include "base/isectioninfo.h"
 #include "surface/ifader.h"
 
 namespace Velmora::Worksurface {
@@ -37,7 +37,7 @@ void Section::setUpdateProgress(uint8_t percent)
     }
 }
 
-void Section::setFaderRestMode(RestMode::Type mode)
+void Section::setFaderRestMode(RestMode mode)
 {
     for (const auto& fader : m_faders) {
         fader->setRestMode(static_cast<int32_t>(mode));

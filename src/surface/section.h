@@ -35,7 +35,7 @@ public:
     const std::vector<std::shared_ptr<IMeter>>& meters() const override { return m_meters; }
     void setUpdating(bool updating) override;
     void setUpdateProgress(uint8_t percent) override;
-    void setFaderRestMode(RestMode::Type mode) override;
+    void setFaderRestMode(RestMode mode) override;
 
     bool handleMessage(const SerialMessage& message) override;
     void setLinkReady(bool) override {}

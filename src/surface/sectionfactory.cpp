@@ -2,9 +2,9 @@
 
 #include <vector>
 
+#include "base/isectioninfoprovider.h"
+#include "base/isettings.h"
 #include "serial/iserialmessagehandlerrepository.h"
-#include "service/isectioninfoprovider.h"
-#include "service/isettings.h"
 #include "surface/controltypes.h"
 #include "surface/ibutton.h"
 #include "surface/icomponentfactory.h"

@@ -94,7 +94,7 @@ void Surface::stop()
     }
 }
 
-void Surface::setFaderRestMode(RestMode::Type mode)
+void Surface::setFaderRestMode(RestMode mode)
 {
     for (const auto& section : m_sections) {
         section->setFaderRestMode(mode);

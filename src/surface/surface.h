@@ -27,7 +27,7 @@ public:
     void setSurfaceOverBrightness(uint8_t brightness) override;
     void start() override;
     void stop() override;
-    void setFaderRestMode(RestMode::Type mode) override;
+    void setFaderRestMode(RestMode mode) override;
     std::shared_ptr<IMeter> meter(int32_t type, int section) const override;
     std::shared_ptr<IPot> pot(int32_t type, int section) const override;
     std::shared_ptr<IRotary> rotary(int32_t type, int section, int index) const override;

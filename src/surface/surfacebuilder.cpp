@@ -2,10 +2,10 @@
 
 #include <vector>
 
+#include "base/isettings.h"
 #include "serial/isectionconnection.h"
 #include "serial/rootserialmessagehandler.h"
 #include "serial/serialmessagequeue.h"
-#include "service/isettings.h"
 #include "surface/iconnectionfactory.h"
 #include "surface/isection.h"
 #include "surface/isectionfactory.h"

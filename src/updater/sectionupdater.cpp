@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "service/isettings.h"
-#include "service/logger.h"
+#include "base/isettings.h"
+#include "base/logger.h"
 #include "tasks/itaskpool.h"
 #include "updater/isectionupdaterlistener.h"
 #include "updater/startautoupdatetask.h"

@@ -3,8 +3,8 @@
 #include <functional>
 #include <memory>
 
-#include "service/logger.h"
-#include "service/settings.h"
+#include "base/logger.h"
+#include "base/settings.h"
 #include "support/logcapture.h"
 
 using Velmora::Worksurface::Logger;

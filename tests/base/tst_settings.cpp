@@ -4,8 +4,8 @@
 #include <QtTest/QtTest>
 #include <cstdint>
 
-#include "service/settings.h"
-#include "service/surfacesettings.h"
+#include "base/settings.h"
+#include "qml/surfacesettings.h"
 #include "support/logcapture.h"
 
 using Velmora::Worksurface::Settings;

@@ -15,8 +15,8 @@
 #include <QtTest>
 #include <memory>
 
+#include "base/settings.h"
 #include "serial/isectionconnection.h"
-#include "service/settings.h"
 #include "support/fakesettings.h"
 #include "support/logcapture.h"
 #include "support/manualclock.h"

@@ -1,6 +1,8 @@
 #include <QtTest>
 #include <memory>
 
+#include "base/logger.h"
+#include "base/settings.h"
 #include "serial/isectionconnection.h"
 #include "serial/iserialconnection.h"
 #include "serial/rootserialmessagehandler.h"
@@ -9,8 +11,6 @@
 #include "serial/serialmessage.h"
 #include "serial/serialmessagequeue.h"
 #include "serial/softwareserialconnection.h"
-#include "service/logger.h"
-#include "service/settings.h"
 #include "software/qmlcontrollerconnection.h"
 #include "support/fakeserialmessagehandler.h"
 #include "support/fakesoftwarehandler.h"

@@ -17,12 +17,12 @@
 #include <memory>
 #include <vector>
 
+#include "base/logger.h"
+#include "base/settings.h"
+#include "qml/sectioninfomodel.h"
 #include "serial/isectionconnection.h"
 #include "serial/serialconnectionfactory.h"
 #include "serial/serialmessage.h"
-#include "service/logger.h"
-#include "service/sectioninfomodel.h"
-#include "service/settings.h"
 #include "software/qmlcontrollerconnection.h"
 #include "support/fakesectioninfoprovider.h"
 #include "support/fakesoftwarehandler.h"

@@ -3,8 +3,8 @@
 #include <QSignalSpy>
 #include <QtTest/QtTest>
 
-#include "service/fadersettings.h"
-#include "service/restmode.h"
+#include "qml/fadersettings.h"
+#include "qml/restmode.h"
 
 class TestFaderSettings : public QObject
 {

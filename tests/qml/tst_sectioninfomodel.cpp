@@ -1,7 +1,7 @@
 #include <QSignalSpy>
 #include <QtTest>
 
-#include "service/sectioninfomodel.h"
+#include "qml/sectioninfomodel.h"
 
 using Velmora::Worksurface::ISectionInfo;
 

@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "service/settings.h"
-#include "service/surfacesettings.h"
+#include "base/settings.h"
+#include "qml/surfacesettings.h"
 #include "support/logcapture.h"
 
 using Velmora::Worksurface::ISettings;

@@ -8,12 +8,12 @@
 #include <utility>
 #include <vector>
 
+#include "base/logger.h"
 #include "serial/isectionconnection.h"
 #include "serial/rootserialmessagehandler.h"
 #include "serial/sectionconnection.h"
 #include "serial/serialmessage.h"
 #include "serial/serialmessagequeue.h"
-#include "service/logger.h"
 #include "support/fakesectionupdater.h"
 #include "support/fakeserialconnection.h"
 #include "support/fakeserialmessagehandler.h"

@@ -1,11 +1,11 @@
 #include <QtTest>
 #include <memory>
 
+#include "base/settings.h"
 #include "serial/hardwareserialconnection.h"
 #include "serial/iserialconnection.h"
 #include "serial/serialconnectionfactory.h"
 #include "serial/softwareserialconnection.h"
-#include "service/settings.h"
 #include "support/fakesettings.h"
 #include "support/logcapture.h"
 #include "support/ptysectionsimulator.h"

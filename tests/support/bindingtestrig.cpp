@@ -4,7 +4,7 @@
 #include <QCoreApplication>
 #include <QEvent>
 
-#include "service/settings.h"
+#include "base/settings.h"
 #include "software/qmlcontrollerconnection.h"
 
 namespace MessageType = Velmora::Worksurface::MessageType;

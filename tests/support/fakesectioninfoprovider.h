@@ -4,7 +4,7 @@
 #include <map>
 #include <vector>
 
-#include "service/isectioninfoprovider.h"
+#include "base/isectioninfoprovider.h"
 
 namespace Velmora::Worksurface {
 class ISectionInfo;

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <map>
 
-#include "service/isettings.h"
+#include "base/isettings.h"
 
 // An ISettings whose every answer the test sets directly. Defaults are those of the real
 // settings for a console with no model chosen, except the firmware path, which is empty

@@ -6,8 +6,8 @@
 #include <functional>
 #include <vector>
 
+#include "serial/isoftwareserialmessagehandler.h"
 #include "serial/serialmessage.h"
-#include "software/isoftwareserialmessagehandler.h"
 
 // A software control stand-in: records every message it is offered (with a shared call log
 // to check the order in which several handlers were asked) and takes those its rule

@@ -3,14 +3,15 @@
 #include <QMutex>
 #include <QMutexLocker>
 #include <QStringList>
-#include <QtTest/QTest>
 
 namespace {
 
 LogCapture* g_current = nullptr;
 QMutex g_mutex;
 
-const char* levelName(QtMsgType type)
+}  // namespace
+
+const char* LogCapture::levelName(QtMsgType type)
 {
     switch (type) {
         case QtDebugMsg:
@@ -26,8 +27,6 @@ const char* levelName(QtMsgType type)
     }
     return "?";
 }
-
-}  // namespace
 
 LogCapture::LogCapture()
 {
@@ -113,9 +112,4 @@ void LogCapture::clear()
 void LogCapture::setEcho(bool echo)
 {
     m_echo = echo;
-}
-
-char* toString(const LogCapture::Line& line)
-{
-    return QTest::toString(QStringLiteral("%1: %2").arg(levelName(line.level), line.text));
 }

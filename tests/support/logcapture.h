@@ -36,6 +36,9 @@ public:
     // Also forward to the previous handler (for debugging a failing test).
     void setEcho(bool echo);
 
+    // "debug", "info", "warning", "critical" or "fatal".
+    static const char* levelName(QtMsgType type);
+
 private:
     static void handler(QtMsgType type, const QMessageLogContext& context, const QString& msg);
     QtMessageHandler m_previous;
@@ -44,4 +47,6 @@ private:
     bool m_echo = false;
 };
 
+// Lets QCOMPARE print a line as "<level>: <text>" (in the Qt Test part of the support
+// library, logcaptureprinting.cpp).
 char* toString(const LogCapture::Line& line);

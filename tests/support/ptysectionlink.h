@@ -5,12 +5,12 @@
 #include <memory>
 #include <vector>
 
+#include "base/isettings.h"
+#include "base/logger.h"
 #include "serial/hardwareserialconnection.h"
 #include "serial/rootserialmessagehandler.h"
 #include "serial/sectionconnection.h"
 #include "serial/serialmessagequeue.h"
-#include "service/isettings.h"
-#include "service/logger.h"
 #include "support/fakeserialmessagehandler.h"
 #include "support/recordingstatelistener.h"
 #include "tasks/taskpool.h"

@@ -4,7 +4,7 @@
 #include <QStringList>
 #include <cstdint>
 
-#include "service/isectioninfo.h"
+#include "base/isectioninfo.h"
 
 // Stands where a section writes what it reports about itself (the QML section model):
 // records every call as one line, in order ("updateInfo 10 34", "setUpdating true",

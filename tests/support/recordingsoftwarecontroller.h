@@ -5,8 +5,8 @@
 #include <functional>
 #include <vector>
 
+#include "serial/isoftwarecontrollerconnection.h"
 #include "serial/serialmessage.h"
-#include "software/isoftwarecontrollerconnection.h"
 #include "updater/bootloaderpacket.h"
 
 // Stands in for the software controller connection: records every call, in order, and can

@@ -1,9 +1,9 @@
 #include "support/softwaresurfacefixture.h"
 
+#include "base/logger.h"
+#include "base/settings.h"
 #include "bindings/surfaceconnection.h"
 #include "serial/serialconnectionfactory.h"
-#include "service/logger.h"
-#include "service/settings.h"
 #include "software/qmlcontrollerconnection.h"
 #include "support/manualclock.h"
 #include "surface/componentfactory.h"

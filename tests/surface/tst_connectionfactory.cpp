@@ -1,13 +1,13 @@
 #include <QtTest>
 #include <memory>
 
+#include "base/logger.h"
 #include "serial/isectionconnection.h"
 #include "serial/iserialdatareceiver.h"
 #include "serial/rootserialmessagehandler.h"
 #include "serial/sectionconnection.h"
 #include "serial/serialmessage.h"
 #include "serial/serialmessagequeue.h"
-#include "service/logger.h"
 #include "support/fakeserialconnection.h"
 #include "support/fakeserialconnectionfactory.h"
 #include "support/fakeserialmessagehandler.h"

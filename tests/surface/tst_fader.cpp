@@ -6,9 +6,9 @@
 #include <memory>
 #include <vector>
 
+#include "base/restmode.h"
 #include "serial/serialmessage.h"
 #include "serial/serialmessagequeue.h"
-#include "service/restmode.h"
 #include "support/manualclock.h"
 #include "surface/controltypes.h"
 #include "surface/fader.h"
@@ -495,7 +495,7 @@ private slots:
     void lockIsNotEnforcedWithoutHandle()
     {
         Rig rig;
-        rig.fader->setRestMode(static_cast<int32_t>(RestMode::Type::KeepCurrent));
+        rig.fader->setRestMode(static_cast<int32_t>(RestMode::KeepCurrent));
         rig.fader->setLockPosition(200);
         rig.fader->setLockEnabled(true);
         rig.clock.advanceMs(500);
@@ -658,7 +658,7 @@ private slots:
         Rig rig;
         TaskPool pool;
         const auto task = pool.schedulePeriodic(50, rig.fader);
-        rig.fader->setRestMode(static_cast<int32_t>(RestMode::Type::KeepCurrent));
+        rig.fader->setRestMode(static_cast<int32_t>(RestMode::KeepCurrent));
         for (int tick = 0; tick < 100; ++tick) {
             rig.clock.advanceMs(TaskPool::kTickMs);
             pool.runPendingTasks();
@@ -1115,7 +1115,7 @@ private slots:
         QFETCH(qint64, moveToReleaseNs);
         QFETCH(bool, sent);
         Rig rig;
-        rig.fader->setRestMode(static_cast<int32_t>(RestMode::Type::KeepCurrent));
+        rig.fader->setRestMode(static_cast<int32_t>(RestMode::KeepCurrent));
         const auto first = rig.fader->getHandle();
         QVERIFY(rig.fader->handleMessage(moveReport(100)));
         rig.clock.advanceNs(moveToReleaseNs);

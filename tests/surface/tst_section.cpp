@@ -219,8 +219,8 @@ void TestSection::restModeReachesEveryFaderInOrder()
                            std::make_shared<RecordingFader>(2, 1, FaderType::Fader, &log),
                            std::make_shared<RecordingFader>(2, 10, FaderType::MasterFader, &log)});
 
-    section->setFaderRestMode(RestMode::Type::KeepCurrent);
-    section->setFaderRestMode(RestMode::Type::ForceMinimum);
+    section->setFaderRestMode(RestMode::KeepCurrent);
+    section->setFaderRestMode(RestMode::ForceMinimum);
 
     QCOMPARE(log, (QStringList{"fader 2/0: setRestMode 1", "fader 2/1: setRestMode 1",
                                "fader 2/10: setRestMode 1", "fader 2/0: setRestMode 0",

@@ -2,9 +2,9 @@
 #include <QtTest>
 #include <memory>
 
+#include "qml/sectioninfomodel.h"
 #include "serial/rootserialmessagehandler.h"
 #include "serial/serialmessage.h"
-#include "service/sectioninfomodel.h"
 #include "support/fakesectioninfoprovider.h"
 #include "support/fakesettings.h"
 #include "support/manualclock.h"

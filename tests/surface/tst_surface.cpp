@@ -61,7 +61,7 @@ public:
     {
         record(QStringLiteral("setUpdateProgress %1").arg(percent));
     }
-    void setFaderRestMode(RestMode::Type mode) override
+    void setFaderRestMode(RestMode mode) override
     {
         record(QStringLiteral("setFaderRestMode %1").arg(int(mode)));
     }
@@ -415,7 +415,7 @@ void TestSurface::overBrightnessIsQueuedOnEveryConnection()
 void TestSurface::restModeAndBrightnessReachEverySection()
 {
     FakeSurface fake(3);
-    fake.surface->setFaderRestMode(RestMode::Type::KeepCurrent);
+    fake.surface->setFaderRestMode(RestMode::KeepCurrent);
     fake.surface->setSurfaceBrightness(100);
     QCOMPARE(fake.log,
              QStringList({"section 0: setFaderRestMode 1", "section 1: setFaderRestMode 1",
@@ -444,12 +444,12 @@ void TestSurface::restModeReachesEveryFaderOfEverySection()
     }
     Surface surface(std::move(sections), std::move(links));
 
-    surface.setFaderRestMode(RestMode::Type::KeepCurrent);
+    surface.setFaderRestMode(RestMode::KeepCurrent);
     QCOMPARE(log, QStringList({"fader 0/0: setRestMode 1", "fader 0/9: setRestMode 1",
                                "fader 0/10: setRestMode 1", "fader 1/0: setRestMode 1",
                                "fader 1/9: setRestMode 1", "fader 1/10: setRestMode 1"}));
     log.clear();
-    surface.setFaderRestMode(RestMode::Type::ForceMinimum);
+    surface.setFaderRestMode(RestMode::ForceMinimum);
     QCOMPARE(log.size(), 6);
     QCOMPARE(log.first(), QStringLiteral("fader 0/0: setRestMode 0"));
     QCOMPARE(log.last(), QStringLiteral("fader 1/10: setRestMode 0"));

@@ -2,12 +2,12 @@
 #include <QtTest>
 #include <memory>
 
+#include "base/logger.h"
+#include "base/settings.h"
 #include "serial/isectionconnection.h"
 #include "serial/rootserialmessagehandler.h"
 #include "serial/serialmessage.h"
 #include "serial/serialmessagequeue.h"
-#include "service/logger.h"
-#include "service/settings.h"
 #include "support/fakesectionconnection.h"
 #include "support/fakesectioninfoprovider.h"
 #include "support/fakeserialconnection.h"

@@ -6,8 +6,8 @@
 #include <QtTest/QtTest>
 #include <memory>
 
-#include "service/logger.h"
-#include "service/settings.h"
+#include "base/logger.h"
+#include "base/settings.h"
 #include "support/fakesettings.h"
 #include "support/logcapture.h"
 #include "support/manualclock.h"
