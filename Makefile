@@ -7,7 +7,7 @@ CMAKE ?= cmake
 CTEST ?= ctest
 SHELL := /bin/bash
 
-.PHONY: all deps build test demo sanitize fuzz-smoke bench format format-check clean
+.PHONY: all deps build build-no-tests test demo sanitize fuzz-smoke bench format format-check clean
 
 all: build
 
@@ -17,6 +17,14 @@ deps:
 build: deps
 	$(CMAKE) --preset $(PRESET)
 	$(CMAKE) --build --preset $(PRESET) -j $(JOBS)
+
+# The plugin and the demo alone, as a packager builds them: CMake must not ask for Qt Test
+# or Qt Quick Test.
+build-no-tests: deps
+	$(CMAKE) --preset $(PRESET) -B build/no-tests -DTARVIX_BUILD_TESTS=OFF
+	@if grep -E '^Qt5(Test|QuickTest)_DIR:' build/no-tests/CMakeCache.txt; then \
+	    echo "build-no-tests: the build without tests looked for Qt Test"; exit 1; fi
+	$(CMAKE) --build build/no-tests -j $(JOBS) --target tarvixworksurface worksurface-demo
 
 test: build
 	$(CTEST) --preset $(PRESET) -j $(JOBS)
