@@ -42,9 +42,9 @@ Fader::Fader(uint8_t deviceId, uint8_t sectionIndex, FaderType type,
 
 Fader::~Fader()
 {
-    // A handle that outlives its fader must not reach it.
+    // A handle that outlives its fader must not reach it (nor release into it).
     if (m_handle) {
-        m_handle->detach();
+        m_handle->m_fader = nullptr;
     }
 }
 
@@ -211,65 +211,38 @@ void Fader::setLockPosition(uint16_t position)
 
 std::shared_ptr<FaderHandle> Fader::getHandle()
 {
-    if (m_handle) {
-        const std::shared_ptr<FaderHandle> previous = std::move(m_handle);
-        m_handle.reset();
-        previous->detach();
-        releaseHandle(previous.get());
-    }
+    detachCurrentHandle(m_mutex, m_handle);
     // A finger already on the fader, or drive mode 0, keeps the new binding's first
     // requests back until the finger lifts or the step lets go.
     m_hold = m_touched.load() || m_driveMode == 0;
 
     const std::shared_ptr<FaderHandle> handle = makeHandle<FaderHandle>(this);
-    FaderHandle* const raw = handle.get();
-    // The functors run on this fader's thread. They go through the handle's own pointer,
-    // so a handle that has been detached since the value was emitted no longer moves the
-    // fader; the guard covers a handle already destroyed when the call arrives.
-    const QPointer<FaderHandle> guard(raw);
-    connect(
-        raw, &FaderHandle::internalSendFaderPosition, this,
-        [guard](quint16 position) {
-            if (guard && guard->fader() != nullptr) {
-                guard->fader()->setPosition(position);
-            }
-        },
-        Qt::QueuedConnection);
-    connect(
-        raw, &FaderHandle::internalSendFaderDetent, this,
-        [guard](quint16 position) {
-            if (guard && guard->fader() != nullptr) {
-                guard->fader()->setDetent(position);
-            }
-        },
-        Qt::QueuedConnection);
-    connect(
-        raw, &FaderHandle::internalSendFaderBackstop, this,
-        [guard](quint16 position) {
-            if (guard && guard->fader() != nullptr) {
-                guard->fader()->setBackstop(position);
-            }
-        },
-        Qt::QueuedConnection);
-    connect(
-        raw, &FaderHandle::internalSendFaderLockEnabled, this,
-        [guard](bool enabled) {
-            if (guard && guard->fader() != nullptr) {
-                guard->fader()->setLockEnabled(enabled);
-            }
-        },
-        Qt::QueuedConnection);
-    connect(
-        raw, &FaderHandle::internalSendFaderLockPosition, this,
-        [guard](quint16 position) {
-            if (guard && guard->fader() != nullptr) {
-                guard->fader()->setLockPosition(position);
-            }
-        },
-        Qt::QueuedConnection);
-
+    forwardToFader(*handle, &FaderHandle::internalSendFaderPosition, &IFader::setPosition);
+    forwardToFader(*handle, &FaderHandle::internalSendFaderDetent, &IFader::setDetent);
+    forwardToFader(*handle, &FaderHandle::internalSendFaderBackstop, &IFader::setBackstop);
+    forwardToFader(*handle, &FaderHandle::internalSendFaderLockEnabled, &IFader::setLockEnabled);
+    forwardToFader(*handle, &FaderHandle::internalSendFaderLockPosition, &IFader::setLockPosition);
+    std::lock_guard<std::mutex> lock(m_mutex);
     m_handle = handle;
     return handle;
+}
+
+template <typename Value, typename Argument>
+void Fader::forwardToFader(FaderHandle& handle, void (FaderHandle::*signal)(Value),
+                           void (IFader::*operation)(Argument))
+{
+    // The functor runs on this fader's thread. It goes through the handle's own pointer, so
+    // a handle that has been detached since the value was emitted no longer moves the
+    // fader; the guard covers a handle already destroyed when the call arrives.
+    const QPointer<FaderHandle> guard(&handle);
+    connect(
+        &handle, signal, this,
+        [guard, operation](Value value) {
+            if (guard && guard->fader() != nullptr) {
+                (guard->fader()->*operation)(value);
+            }
+        },
+        Qt::QueuedConnection);
 }
 
 uint16_t Fader::releaseHandle(FaderHandle* handle)

@@ -86,6 +86,11 @@ public:
     bool hasHandle() const { return m_handle != nullptr; }
 
 private:
+    // Connects one of the handle's internalSend... signals, queued, to an operation of the
+    // fader the handle stands for when the call arrives.
+    template <typename Value, typename Argument>
+    void forwardToFader(FaderHandle& handle, void (FaderHandle::*signal)(Value),
+                        void (IFader::*operation)(Argument));
     void handlePositionReport(const SerialMessage& message);
     void handleTouchReport(const SerialMessage& message);
     // Sends the pending position, if there is one, unless the fader is already there.

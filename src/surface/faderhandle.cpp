@@ -1,5 +1,7 @@
 #include "surface/faderhandle.h"
 
+#include <utility>
+
 #include <QMetaObject>
 #include <QPointer>
 
@@ -18,7 +20,11 @@ Velmora::Worksurface::IFader* FaderHandle::fader() const
 
 void FaderHandle::detach()
 {
-    m_fader = nullptr;
+    // Cleared before the release so that a second detach reached from inside the release
+    // cannot release twice.
+    if (auto* fader = std::exchange(m_fader, nullptr)) {
+        fader->releaseHandle(this);
+    }
 }
 
 bool FaderHandle::touched() const

@@ -4,17 +4,18 @@
 #include <cstdint>
 
 namespace Velmora::Worksurface {
+class Fader;
 class IFader;
-}
+}  // namespace Velmora::Worksurface
 
 // The user-interface side's grip on one fader. A binding listens to faderMoved and
 // faderTouched and drives the fader by emitting the internalSend... signals, which the
 // fader connects, queued, to its own operations when it hands the handle out; so the
 // values cross to the model thread in the order they were emitted.
 //
-// The handle keeps a plain pointer to its fader. The fader clears it when it gives a new
-// handle out (detach), after which the signals of this handle no longer reach it. The
-// signal order is part of the QML-facing contract: do not reorder or add signals.
+// The handle keeps a plain pointer to its fader, cleared on detach (when the fader gives a
+// new handle out), after which the signals of this handle no longer reach it. The signal
+// order is part of the QML-facing contract: do not reorder or add signals.
 class FaderHandle : public QObject
 {
     Q_OBJECT
@@ -28,7 +29,8 @@ public:
 
     // The fader this handle drives; null once detached.
     Velmora::Worksurface::IFader* fader() const;
-    // Cuts the handle off its fader. Called by the fader when it gives out a new handle.
+    // Cuts the handle off its fader, which returns to its unbound behaviour. Called by the
+    // fader when it gives out a new handle.
     void detach();
 
     // For the binding, on the thread that runs both the binding and the fader (the QML
@@ -56,5 +58,7 @@ signals:
     void internalSendFaderLockPosition(quint16 position);
 
 private:
+    // The fader clears the pointer when it goes.
+    friend class Velmora::Worksurface::Fader;
     Velmora::Worksurface::IFader* m_fader;
 };
