@@ -21,8 +21,7 @@
 #include "support/ptysectionsimulator.h"
 #include "tasks/taskpool.h"
 
-using Velmora::Worksurface::ISectionConnection;
-using Velmora::Worksurface::TaskPool;
+using namespace Velmora::Worksurface;
 
 namespace {
 

@@ -35,11 +35,7 @@
 #include "surface/ifader.h"
 #include "surface/surface.h"
 
-using Velmora::Worksurface::encode;
-using Velmora::Worksurface::IFader;
-using Velmora::Worksurface::ISerialDataReceiver;
-using Velmora::Worksurface::SerialMessage;
-namespace MessageType = Velmora::Worksurface::MessageType;
+using namespace Velmora::Worksurface;
 
 namespace {
 

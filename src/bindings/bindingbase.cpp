@@ -2,6 +2,8 @@
 
 #include "surface/isurface.h"
 
+using namespace Velmora::Worksurface;
+
 BindingBase::BindingBase(QObject* parent) : QObject(parent) {}
 
 BindingBase::~BindingBase() = default;
@@ -60,7 +62,7 @@ void BindingBase::componentComplete()
     updateBinding();
 }
 
-Velmora::Worksurface::ISurface* BindingBase::surface() const
+ISurface* BindingBase::surface() const
 {
     return m_connection ? m_connection->surface() : nullptr;
 }

@@ -6,10 +6,10 @@
 #include "surface/ibutton.h"
 #include "surface/isurface.h"
 
-namespace WS = Velmora::Worksurface;
+using namespace Velmora::Worksurface;
 
-#define TARVIX_SAME_BUTTON_VALUE(name)                                           \
-    static_assert(ButtonBinding::name == static_cast<int>(WS::ButtonType::name), \
+#define TARVIX_SAME_BUTTON_VALUE(name)                                       \
+    static_assert(ButtonBinding::name == static_cast<int>(ButtonType::name), \
                   "ButtonBinding::" #name " must match the core button type")
 TARVIX_SAME_BUTTON_VALUE(None);
 TARVIX_SAME_BUTTON_VALUE(Mute);
@@ -59,11 +59,11 @@ void ButtonBinding::updateBinding()
 
     // Checked only now: an inactive binding gives its button back even while no surface
     // is reachable.
-    WS::ISurface* const surface = this->surface();
+    ISurface* const surface = this->surface();
     if (surface == nullptr || !active()) {
         return;
     }
-    const std::shared_ptr<WS::IButton> button =
+    const std::shared_ptr<IButton> button =
         surface->button(static_cast<int32_t>(m_type), sectionIndex(), index());
     if (!button) {
         return;
@@ -81,7 +81,7 @@ void ButtonBinding::updateBinding()
 
 uint8_t ButtonBinding::selectedDeviceId() const
 {
-    return WS::DeviceIdTable::button(static_cast<int32_t>(m_type), index());
+    return DeviceIdTable::button(static_cast<int32_t>(m_type), index());
 }
 
 void ButtonBinding::dropHandle()

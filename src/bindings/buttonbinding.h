@@ -7,7 +7,9 @@
 
 #include "bindings/bindingbase.h"
 
+namespace Velmora::Worksurface {
 class ButtonHandle;
+}  // namespace Velmora::Worksurface
 
 // Attaches a view to one push switch of a section. Read-back only: the binding passes the
 // switch's presses and releases on as its own signals.
@@ -58,7 +60,7 @@ private:
     void dropHandle();
 
     ButtonType m_type = None;
-    std::weak_ptr<ButtonHandle> m_handle;
+    std::weak_ptr<Velmora::Worksurface::ButtonHandle> m_handle;
     QMetaObject::Connection m_pressedLink;
     QMetaObject::Connection m_releasedLink;
 };

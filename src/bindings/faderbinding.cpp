@@ -9,11 +9,11 @@
 #include "surface/ifader.h"
 #include "surface/isurface.h"
 
-namespace WS = Velmora::Worksurface;
+using namespace Velmora::Worksurface;
 
-static_assert(FaderBinding::None == static_cast<int>(WS::FaderType::None));
-static_assert(FaderBinding::Fader == static_cast<int>(WS::FaderType::Fader));
-static_assert(FaderBinding::MasterFader == static_cast<int>(WS::FaderType::MasterFader));
+static_assert(FaderBinding::None == static_cast<int>(FaderType::None));
+static_assert(FaderBinding::Fader == static_cast<int>(FaderType::Fader));
+static_assert(FaderBinding::MasterFader == static_cast<int>(FaderType::MasterFader));
 
 namespace {
 
@@ -230,11 +230,11 @@ void FaderBinding::updateBinding()
     // Whatever was touched before belongs to a fader this binding no longer drives.
     emit faderTouched(false);
 
-    WS::ISurface* const surface = this->surface();
+    ISurface* const surface = this->surface();
     if (surface == nullptr || !active()) {
         return;
     }
-    const std::shared_ptr<WS::IFader> fader =
+    const std::shared_ptr<IFader> fader =
         surface->fader(static_cast<int32_t>(m_type), sectionIndex(), index());
     if (!fader) {
         return;
@@ -253,7 +253,7 @@ void FaderBinding::updateBinding()
 
 uint8_t FaderBinding::selectedDeviceId() const
 {
-    return WS::DeviceIdTable::fader(static_cast<int32_t>(m_type), index());
+    return DeviceIdTable::fader(static_cast<int32_t>(m_type), index());
 }
 
 void FaderBinding::connectHandle(const std::shared_ptr<FaderHandle>& handle)

@@ -2,6 +2,8 @@
 
 #include "surface/isurface.h"
 
+using namespace Velmora::Worksurface;
+
 GlobalSurfaceBinding::GlobalSurfaceBinding(QObject* parent) : QObject(parent) {}
 
 GlobalSurfaceBinding::~GlobalSurfaceBinding() = default;
@@ -53,7 +55,7 @@ void GlobalSurfaceBinding::resendValuesToSurface()
     if (!m_connection) {
         return;
     }
-    Velmora::Worksurface::ISurface* const surface = m_connection->surface();
+    ISurface* const surface = m_connection->surface();
     if (surface == nullptr) {
         return;
     }

@@ -8,23 +8,20 @@
 #include "surface/isurface.h"
 #include "surface/ledhandle.h"
 
-using Velmora::Worksurface::DeviceIdTable;
+using namespace Velmora::Worksurface;
 
-namespace core = Velmora::Worksurface;
-
-static_assert(LedBinding::None == static_cast<int>(core::LedType::None));
-static_assert(LedBinding::MuteButton == static_cast<int>(core::LedType::MuteButton));
-static_assert(LedBinding::SoloButton == static_cast<int>(core::LedType::SoloButton));
-static_assert(LedBinding::MasterMuteButton == static_cast<int>(core::LedType::MasterMuteButton));
-static_assert(LedBinding::MasterSoloButton == static_cast<int>(core::LedType::MasterSoloButton));
-static_assert(LedBinding::NextSnapsthotButton ==
-              static_cast<int>(core::LedType::NextSnapsthotButton));
+static_assert(LedBinding::None == static_cast<int>(LedType::None));
+static_assert(LedBinding::MuteButton == static_cast<int>(LedType::MuteButton));
+static_assert(LedBinding::SoloButton == static_cast<int>(LedType::SoloButton));
+static_assert(LedBinding::MasterMuteButton == static_cast<int>(LedType::MasterMuteButton));
+static_assert(LedBinding::MasterSoloButton == static_cast<int>(LedType::MasterSoloButton));
+static_assert(LedBinding::NextSnapsthotButton == static_cast<int>(LedType::NextSnapsthotButton));
 static_assert(LedBinding::PreviousSnapshotButton ==
-              static_cast<int>(core::LedType::PreviousSnapshotButton));
-static_assert(LedBinding::LayerUpButton == static_cast<int>(core::LedType::LayerUpButton));
-static_assert(LedBinding::LayerDownButton == static_cast<int>(core::LedType::LayerDownButton));
-static_assert(LedBinding::SpillsetButton == static_cast<int>(core::LedType::SpillsetButton));
-static_assert(LedBinding::OverviewButton == static_cast<int>(core::LedType::OverviewButton));
+              static_cast<int>(LedType::PreviousSnapshotButton));
+static_assert(LedBinding::LayerUpButton == static_cast<int>(LedType::LayerUpButton));
+static_assert(LedBinding::LayerDownButton == static_cast<int>(LedType::LayerDownButton));
+static_assert(LedBinding::SpillsetButton == static_cast<int>(LedType::SpillsetButton));
+static_assert(LedBinding::OverviewButton == static_cast<int>(LedType::OverviewButton));
 
 LedBinding::LedBinding(QObject* parent) : BindingBase(parent), m_flash(new FlashInfo(this))
 {
@@ -91,7 +88,7 @@ void LedBinding::sendLedFlashInterval()
 void LedBinding::updateBinding()
 {
     // Without a surface nothing can be looked up, and the LED keeps what it shows.
-    core::ISurface* const surface = this->surface();
+    ISurface* const surface = this->surface();
     if (surface == nullptr) {
         return;
     }
@@ -107,7 +104,7 @@ void LedBinding::updateBinding()
     if (!active()) {
         return;
     }
-    const std::shared_ptr<core::ILed> led =
+    const std::shared_ptr<ILed> led =
         surface->led(static_cast<int32_t>(m_type), sectionIndex(), index());
     if (!led) {
         return;

@@ -6,7 +6,9 @@
 #include "bindings/bindingbase.h"
 #include "bindings/flashinfo.h"
 
+namespace Velmora::Worksurface {
 class LedHandle;
+}  // namespace Velmora::Worksurface
 
 // Attaches a view to one button LED: switches it, dims it and makes it flash. The LED
 // reports nothing back.
@@ -66,12 +68,12 @@ protected:
     void updateBinding() override;
 
 private:
-    void sendOn(LedHandle& handle) const;
-    void sendAll(LedHandle& handle) const;
+    void sendOn(Velmora::Worksurface::LedHandle& handle) const;
+    void sendAll(Velmora::Worksurface::LedHandle& handle) const;
     void releaseHandle();
 
     LedType m_type = None;
-    std::weak_ptr<LedHandle> m_handle;
+    std::weak_ptr<Velmora::Worksurface::LedHandle> m_handle;
     bool m_on = false;
     int m_brightness = 255;
     FlashInfo* m_flash;

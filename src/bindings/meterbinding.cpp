@@ -8,13 +8,11 @@
 #include "surface/isurface.h"
 #include "surface/meterhandle.h"
 
-using Velmora::Worksurface::DeviceIdTable;
+using namespace Velmora::Worksurface;
 
-namespace core = Velmora::Worksurface;
-
-static_assert(MeterBinding::None == static_cast<int>(core::MeterType::None));
-static_assert(MeterBinding::MasterLeft == static_cast<int>(core::MeterType::MasterLeft));
-static_assert(MeterBinding::MasterRight == static_cast<int>(core::MeterType::MasterRight));
+static_assert(MeterBinding::None == static_cast<int>(MeterType::None));
+static_assert(MeterBinding::MasterLeft == static_cast<int>(MeterType::MasterLeft));
+static_assert(MeterBinding::MasterRight == static_cast<int>(MeterType::MasterRight));
 
 MeterBinding::MeterBinding(QObject* parent) : BindingBase(parent) {}
 
@@ -71,7 +69,7 @@ void MeterBinding::setPeak(int peak)
 void MeterBinding::updateBinding()
 {
     // Without a surface nothing can be looked up, and the meter keeps what it shows.
-    core::ISurface* const surface = this->surface();
+    ISurface* const surface = this->surface();
     if (surface == nullptr) {
         return;
     }
@@ -86,7 +84,7 @@ void MeterBinding::updateBinding()
     if (!active()) {
         return;
     }
-    const std::shared_ptr<core::IMeter> meter =
+    const std::shared_ptr<IMeter> meter =
         surface->meter(static_cast<int32_t>(m_type), sectionIndex());
     if (!meter) {
         return;

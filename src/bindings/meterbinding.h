@@ -5,7 +5,9 @@
 
 #include "bindings/bindingbase.h"
 
+namespace Velmora::Worksurface {
 class MeterHandle;
+}  // namespace Velmora::Worksurface
 
 // Attaches a view to one of the master section's level meters. `level` and `peak` are
 // 0..255 on the console's meter scale, where 135 and below show nothing.
@@ -59,7 +61,7 @@ private:
     void releaseHandle();
 
     MeterType m_type = None;
-    std::weak_ptr<MeterHandle> m_handle;
+    std::weak_ptr<Velmora::Worksurface::MeterHandle> m_handle;
     int m_level = Floor;
     int m_peak = Floor;
 };

@@ -8,12 +8,10 @@
 #include "surface/isurface.h"
 #include "surface/pothandle.h"
 
-using Velmora::Worksurface::DeviceIdTable;
+using namespace Velmora::Worksurface;
 
-namespace core = Velmora::Worksurface;
-
-static_assert(PotBinding::None == static_cast<int>(core::PotType::None));
-static_assert(PotBinding::Headphone == static_cast<int>(core::PotType::Headphone));
+static_assert(PotBinding::None == static_cast<int>(PotType::None));
+static_assert(PotBinding::Headphone == static_cast<int>(PotType::Headphone));
 
 namespace {
 
@@ -99,7 +97,7 @@ void PotBinding::convertPotValueToUiScaleAndInformPotHasBeenTurned(quint16 new_p
 void PotBinding::updateBinding()
 {
     // Without a surface nothing can be looked up, and the pot keeps its light.
-    core::ISurface* const surface = this->surface();
+    ISurface* const surface = this->surface();
     if (surface == nullptr) {
         return;
     }
@@ -116,7 +114,7 @@ void PotBinding::updateBinding()
     if (!active()) {
         return;
     }
-    const std::shared_ptr<core::IPot> pot = surface->pot(type, sectionIndex());
+    const std::shared_ptr<IPot> pot = surface->pot(type, sectionIndex());
     if (!pot) {
         return;
     }

@@ -6,7 +6,9 @@
 
 #include "bindings/bindingbase.h"
 
+namespace Velmora::Worksurface {
 class PotHandle;
+}  // namespace Velmora::Worksurface
 
 // Attaches a view to the headphone level pot and its light. The pot's 0..511 position is
 // shown to the view on a stepped dB scale (whole dB), so a view hears of a turn only when
@@ -57,7 +59,7 @@ private:
     void releaseHandle();
 
     PotType m_type = None;
-    std::weak_ptr<PotHandle> m_handle;
+    std::weak_ptr<Velmora::Worksurface::PotHandle> m_handle;
     float m_lastUiValue = 0.0f;
     QColor m_color = QColor(Qt::transparent);
 };

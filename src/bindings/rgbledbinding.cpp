@@ -6,21 +6,18 @@
 #include "surface/isurface.h"
 #include "surface/rgbledhandle.h"
 
-using Velmora::Worksurface::DeviceIdTable;
+using namespace Velmora::Worksurface;
 
-namespace core = Velmora::Worksurface;
-
-static_assert(RgbLedBinding::None == static_cast<int>(core::RgbLedType::None));
+static_assert(RgbLedBinding::None == static_cast<int>(RgbLedType::None));
 static_assert(RgbLedBinding::UnderscreenRotaryButton ==
-              static_cast<int>(core::RgbLedType::UnderscreenRotaryButton));
-static_assert(RgbLedBinding::SideRotaryButton ==
-              static_cast<int>(core::RgbLedType::SideRotaryButton));
-static_assert(RgbLedBinding::NameLogo == static_cast<int>(core::RgbLedType::NameLogo));
-static_assert(RgbLedBinding::MainLogo == static_cast<int>(core::RgbLedType::MainLogo));
-static_assert(RgbLedBinding::HeadphoneLogo == static_cast<int>(core::RgbLedType::HeadphoneLogo));
-static_assert(RgbLedBinding::SnapshotLogo == static_cast<int>(core::RgbLedType::SnapshotLogo));
-static_assert(RgbLedBinding::DashboardLogo == static_cast<int>(core::RgbLedType::DashboardLogo));
-static_assert(RgbLedBinding::OverviewLogo == static_cast<int>(core::RgbLedType::OverviewLogo));
+              static_cast<int>(RgbLedType::UnderscreenRotaryButton));
+static_assert(RgbLedBinding::SideRotaryButton == static_cast<int>(RgbLedType::SideRotaryButton));
+static_assert(RgbLedBinding::NameLogo == static_cast<int>(RgbLedType::NameLogo));
+static_assert(RgbLedBinding::MainLogo == static_cast<int>(RgbLedType::MainLogo));
+static_assert(RgbLedBinding::HeadphoneLogo == static_cast<int>(RgbLedType::HeadphoneLogo));
+static_assert(RgbLedBinding::SnapshotLogo == static_cast<int>(RgbLedType::SnapshotLogo));
+static_assert(RgbLedBinding::DashboardLogo == static_cast<int>(RgbLedType::DashboardLogo));
+static_assert(RgbLedBinding::OverviewLogo == static_cast<int>(RgbLedType::OverviewLogo));
 
 RgbLedBinding::RgbLedBinding(QObject* parent) : BindingBase(parent) {}
 
@@ -56,7 +53,7 @@ void RgbLedBinding::setColor(const QColor& color)
 void RgbLedBinding::updateBinding()
 {
     // Without a surface nothing can be looked up, and the light keeps its colour.
-    core::ISurface* const surface = this->surface();
+    ISurface* const surface = this->surface();
     if (surface == nullptr) {
         return;
     }
@@ -72,7 +69,7 @@ void RgbLedBinding::updateBinding()
     if (!active()) {
         return;
     }
-    const std::shared_ptr<core::IRgbLed> led =
+    const std::shared_ptr<IRgbLed> led =
         surface->rgbLed(static_cast<int32_t>(m_type), sectionIndex(), index());
     if (!led) {
         return;

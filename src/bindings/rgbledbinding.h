@@ -6,7 +6,9 @@
 
 #include "bindings/bindingbase.h"
 
+namespace Velmora::Worksurface {
 class RgbLedHandle;
+}  // namespace Velmora::Worksurface
 
 // Attaches a view to one RGB LED: the light of a rotary's push switch or one of the
 // master section's logos. Black is off.
@@ -56,6 +58,6 @@ private:
     void releaseHandle();
 
     RgbLedType m_type = None;
-    std::weak_ptr<RgbLedHandle> m_handle;
+    std::weak_ptr<Velmora::Worksurface::RgbLedHandle> m_handle;
     QColor m_color = QColor(Qt::black);
 };

@@ -6,13 +6,11 @@
 #include "surface/isurface.h"
 #include "surface/rotaryhandle.h"
 
-using Velmora::Worksurface::DeviceIdTable;
+using namespace Velmora::Worksurface;
 
-namespace core = Velmora::Worksurface;
-
-static_assert(RotaryBinding::None == static_cast<int>(core::RotaryType::None));
-static_assert(RotaryBinding::UnderScreen == static_cast<int>(core::RotaryType::UnderScreen));
-static_assert(RotaryBinding::SideRotary == static_cast<int>(core::RotaryType::SideRotary));
+static_assert(RotaryBinding::None == static_cast<int>(RotaryType::None));
+static_assert(RotaryBinding::UnderScreen == static_cast<int>(RotaryType::UnderScreen));
+static_assert(RotaryBinding::SideRotary == static_cast<int>(RotaryType::SideRotary));
 
 RotaryBinding::RotaryBinding(QObject* parent) : BindingBase(parent), m_flash(new FlashInfo(this))
 {
@@ -102,24 +100,24 @@ void RotaryBinding::updateBinding()
     }
     releaseHandle();
 
-    core::ISurface* const surface = this->surface();
+    ISurface* const surface = this->surface();
     if (surface == nullptr) {
         return;
     }
     if (m_scope == Global) {
         const int answer = surface->offerGlobalTarget(type, sectionIndex(), index(), this);
-        if (answer != core::IRotary::Refused) {
+        if (answer != IRotary::Refused) {
             rememberGlobalRegistration(surface->rotary(type, sectionIndex(), index()));
         }
         // While another binding holds the rotary we wait for its bind() call.
-        if (answer != core::IRotary::StoredUnbound) {
+        if (answer != IRotary::StoredUnbound) {
             return;
         }
     }
     if (!active()) {
         return;
     }
-    const std::shared_ptr<core::IRotary> rotary = surface->rotary(type, sectionIndex(), index());
+    const std::shared_ptr<IRotary> rotary = surface->rotary(type, sectionIndex(), index());
     if (!rotary) {
         return;
     }
@@ -161,13 +159,13 @@ void RotaryBinding::releaseHandle()
     }
 }
 
-void RotaryBinding::rememberGlobalRegistration(const std::shared_ptr<core::IRotary>& rotary)
+void RotaryBinding::rememberGlobalRegistration(const std::shared_ptr<IRotary>& rotary)
 {
     if (!rotary) {
         return;
     }
     for (auto it = m_globalRegistrations.begin(); it != m_globalRegistrations.end();) {
-        const std::shared_ptr<core::IRotary> known = it->lock();
+        const std::shared_ptr<IRotary> known = it->lock();
         if (known == rotary) {
             return;
         }
@@ -180,7 +178,7 @@ void RotaryBinding::rememberGlobalRegistration(const std::shared_ptr<core::IRota
 void RotaryBinding::withdrawGlobalRegistrations()
 {
     for (const auto& registration : m_globalRegistrations) {
-        if (const std::shared_ptr<core::IRotary> rotary = registration.lock()) {
+        if (const std::shared_ptr<IRotary> rotary = registration.lock()) {
             rotary->setGlobalTarget(nullptr);
         }
     }

@@ -9,11 +9,10 @@
 #include "bindings/flashinfo.h"
 #include "surface/iglobalrotarybindingtarget.h"
 
-class RotaryHandle;
-
 namespace Velmora::Worksurface {
 class IRotary;
-}
+class RotaryHandle;
+}  // namespace Velmora::Worksurface
 
 // Attaches a view to one endless rotary encoder: its steps, touch sensor and push switch
 // come back as signals, and the view sets the colour and flashing of its light ring.
@@ -95,7 +94,7 @@ private:
     void withdrawGlobalRegistrations();
 
     RotaryType m_type = None;
-    std::weak_ptr<RotaryHandle> m_handle;
+    std::weak_ptr<Velmora::Worksurface::RotaryHandle> m_handle;
     FlashInfo* m_flash;
     QColor m_color = QColor(Qt::black);
     RotaryScope m_scope = Local;

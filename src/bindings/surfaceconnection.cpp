@@ -3,26 +3,26 @@
 #include "serial/isoftwarecontrollerconnection.h"
 #include "surface/isurface.h"
 
+using namespace Velmora::Worksurface;
+
 SurfaceConnection::SurfaceConnection(
-    std::shared_ptr<Velmora::Worksurface::ISoftwareControllerConnection> controllerConnection,
-    QObject* parent)
+    std::shared_ptr<ISoftwareControllerConnection> controllerConnection, QObject* parent)
     : QObject(parent), m_controllerConnection(std::move(controllerConnection))
 {}
 
 SurfaceConnection::~SurfaceConnection() = default;
 
-Velmora::Worksurface::ISurface* SurfaceConnection::surface() const
+ISurface* SurfaceConnection::surface() const
 {
     return m_surface.get();
 }
 
-std::shared_ptr<Velmora::Worksurface::ISoftwareControllerConnection>
-SurfaceConnection::controllerConnection() const
+std::shared_ptr<ISoftwareControllerConnection> SurfaceConnection::controllerConnection() const
 {
     return m_controllerConnection;
 }
 
-void SurfaceConnection::installSurface(std::shared_ptr<Velmora::Worksurface::ISurface> surface)
+void SurfaceConnection::installSurface(std::shared_ptr<ISurface> surface)
 {
     if (!surface) {
         return;

@@ -7,8 +7,9 @@
 
 #include "base/isettings.h"
 
-SurfaceSettings::SurfaceSettings(std::shared_ptr<Velmora::Worksurface::ISettings> settings,
-                                 QObject* parent)
+using namespace Velmora::Worksurface;
+
+SurfaceSettings::SurfaceSettings(std::shared_ptr<ISettings> settings, QObject* parent)
     : QObject(parent), m_settings(std::move(settings))
 {}
 

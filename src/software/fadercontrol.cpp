@@ -4,9 +4,7 @@
 
 #include "surface/deviceidtable.h"
 
-using Velmora::Worksurface::DeviceIdTable;
-using Velmora::Worksurface::SerialMessage;
-namespace MessageType = Velmora::Worksurface::MessageType;
+using namespace Velmora::Worksurface;
 
 FaderControl::FaderControl(QObject* parent) : SurfaceControlBase(parent) {}
 

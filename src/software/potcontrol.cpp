@@ -4,10 +4,7 @@
 
 #include "surface/deviceidtable.h"
 
-using Velmora::Worksurface::DeviceIdTable;
-using Velmora::Worksurface::RgbLedType;
-using Velmora::Worksurface::SerialMessage;
-namespace MessageType = Velmora::Worksurface::MessageType;
+using namespace Velmora::Worksurface;
 
 PotControl::PotControl(QObject* parent) : SurfaceControlBase(parent) {}
 

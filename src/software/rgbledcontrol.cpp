@@ -2,9 +2,7 @@
 
 #include "surface/deviceidtable.h"
 
-using Velmora::Worksurface::DeviceIdTable;
-using Velmora::Worksurface::SerialMessage;
-namespace MessageType = Velmora::Worksurface::MessageType;
+using namespace Velmora::Worksurface;
 
 RgbLedControl::RgbLedControl(QObject* parent) : SurfaceControlBase(parent) {}
 

@@ -5,10 +5,7 @@
 #include "serial/isoftwarecontrollerconnection.h"
 #include "software/qmlcontrollerconnection.h"
 
-using Velmora::Worksurface::ISoftwareControllerConnection;
-using Velmora::Worksurface::QmlControllerConnection;
-using Velmora::Worksurface::SerialMessage;
-namespace MessageType = Velmora::Worksurface::MessageType;
+using namespace Velmora::Worksurface;
 
 namespace {
 

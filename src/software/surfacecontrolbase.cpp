@@ -3,9 +3,7 @@
 #include "serial/isoftwarecontrollerconnection.h"
 #include "software/qmlcontrollerconnection.h"
 
-using Velmora::Worksurface::ISoftwareControllerConnection;
-using Velmora::Worksurface::QmlControllerConnection;
-using Velmora::Worksurface::SerialMessage;
+using namespace Velmora::Worksurface;
 
 namespace {
 
@@ -124,8 +122,7 @@ void SurfaceControlBase::unregisterFrom(
     }
 }
 
-QColor SurfaceControlBase::colorFrom(const Velmora::Worksurface::SerialMessage& message,
-                                     const QColor& current)
+QColor SurfaceControlBase::colorFrom(const SerialMessage& message, const QColor& current)
 {
     return QColor(message.byteAt(0, static_cast<uint8_t>(current.red())),
                   message.byteAt(1, static_cast<uint8_t>(current.green())),

@@ -4,13 +4,13 @@
 
 #include "surface/ibutton.h"
 
-ButtonHandle::ButtonHandle(Velmora::Worksurface::IButton* button, QObject* parent)
-    : QObject(parent), m_button(button)
-{}
+namespace Velmora::Worksurface {
+
+ButtonHandle::ButtonHandle(IButton* button, QObject* parent) : QObject(parent), m_button(button) {}
 
 ButtonHandle::~ButtonHandle() = default;
 
-Velmora::Worksurface::IButton* ButtonHandle::button() const
+IButton* ButtonHandle::button() const
 {
     return m_button;
 }
@@ -29,3 +29,5 @@ void ButtonHandle::detach()
         button->releaseHandle(this);
     }
 }
+
+}  // namespace Velmora::Worksurface

@@ -4,9 +4,9 @@
 #include <cstdint>
 
 namespace Velmora::Worksurface {
+
 class IButton;
 class Button;
-}  // namespace Velmora::Worksurface
 
 // The user-interface side's grip on one push switch of a section. A button binding listens
 // to buttonPressed and buttonReleased; the button emits them on the model thread, only on
@@ -20,14 +20,14 @@ class ButtonHandle : public QObject
     Q_OBJECT
 
 public:
-    explicit ButtonHandle(Velmora::Worksurface::IButton* button, QObject* parent = nullptr);
+    explicit ButtonHandle(IButton* button, QObject* parent = nullptr);
     ~ButtonHandle() override;
 
     ButtonHandle(const ButtonHandle&) = delete;
     ButtonHandle& operator=(const ButtonHandle&) = delete;
 
     // The button this handle stands for; null once detached.
-    Velmora::Worksurface::IButton* button() const;
+    IButton* button() const;
     // Whether the handle still stands for the button with this device id in this section.
     bool standsFor(uint8_t sectionIndex, uint8_t deviceId) const;
     // Gives the handle back: the button drops it and the handle is cut off from it.
@@ -39,7 +39,9 @@ signals:
 
 private:
     // The button cuts its handle off without a release when the button itself goes away.
-    friend class Velmora::Worksurface::Button;
+    friend class Button;
 
-    Velmora::Worksurface::IButton* m_button;
+    IButton* m_button;
 };
+
+}  // namespace Velmora::Worksurface

@@ -8,6 +8,9 @@ class Fader;
 class IFader;
 }  // namespace Velmora::Worksurface
 
+// Unlike the other handles, this one stays in the global namespace, so that its
+// meta-object keeps the class name "FaderHandle" that its tests pin.
+//
 // The user-interface side's grip on one fader. A binding listens to faderMoved and
 // faderTouched and drives the fader by emitting the internalSend... signals, which the
 // fader connects, queued, to its own operations when it hands the handle out; so the

@@ -6,9 +6,9 @@
 #include "serial/iserialmessagehandler.h"
 #include "surface/controltypes.h"
 
-class ButtonHandle;
-
 namespace Velmora::Worksurface {
+
+class ButtonHandle;
 
 class IButton : public ISerialMessageHandler
 {

@@ -6,9 +6,9 @@
 #include "serial/iserialmessagehandler.h"
 #include "surface/controltypes.h"
 
-class LedHandle;
-
 namespace Velmora::Worksurface {
+
+class LedHandle;
 
 // A button's LED: switched, dimmed and flashed. As a message handler it takes no message;
 // its link-ready slot is the resend state (false, i.e. 0, re-sends the stored level).

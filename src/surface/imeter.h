@@ -5,9 +5,9 @@
 
 #include "surface/controltypes.h"
 
-class MeterHandle;
-
 namespace Velmora::Worksurface {
+
+class MeterHandle;
 
 class IMeter
 {

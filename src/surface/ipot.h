@@ -7,9 +7,9 @@
 #include "serial/iserialmessagehandler.h"
 #include "surface/controltypes.h"
 
-class PotHandle;
-
 namespace Velmora::Worksurface {
+
+class PotHandle;
 
 class IPot : public ISerialMessageHandler
 {

@@ -7,9 +7,9 @@
 #include "serial/iserialmessagehandler.h"
 #include "surface/controltypes.h"
 
-class RgbLedHandle;
-
 namespace Velmora::Worksurface {
+
+class RgbLedHandle;
 
 class IRgbLed : public ISerialMessageHandler
 {

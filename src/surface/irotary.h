@@ -7,9 +7,9 @@
 #include "serial/iserialmessagehandler.h"
 #include "surface/controltypes.h"
 
-class RotaryHandle;
-
 namespace Velmora::Worksurface {
+
+class RotaryHandle;
 
 class IGlobalRotaryBindingTarget;
 

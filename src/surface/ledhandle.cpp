@@ -4,12 +4,13 @@
 
 #include "surface/iled.h"
 
-LedHandle::LedHandle(Velmora::Worksurface::ILed* led, QObject* parent) : QObject(parent), m_led(led)
-{}
+namespace Velmora::Worksurface {
+
+LedHandle::LedHandle(ILed* led, QObject* parent) : QObject(parent), m_led(led) {}
 
 LedHandle::~LedHandle() = default;
 
-Velmora::Worksurface::ILed* LedHandle::led() const
+ILed* LedHandle::led() const
 {
     return m_led;
 }
@@ -56,3 +57,5 @@ void LedHandle::detach()
         led->releaseHandle(this);
     }
 }
+
+}  // namespace Velmora::Worksurface

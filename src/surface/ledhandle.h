@@ -4,9 +4,9 @@
 #include <cstdint>
 
 namespace Velmora::Worksurface {
+
 class ILed;
 class Led;
-}  // namespace Velmora::Worksurface
 
 // The user-interface side's grip on one button LED. An LED binding switches, dims and
 // flashes the LED through these methods, which call the LED directly from the caller's
@@ -19,14 +19,14 @@ class LedHandle : public QObject
     Q_OBJECT
 
 public:
-    explicit LedHandle(Velmora::Worksurface::ILed* led, QObject* parent = nullptr);
+    explicit LedHandle(ILed* led, QObject* parent = nullptr);
     ~LedHandle() override;
 
     LedHandle(const LedHandle&) = delete;
     LedHandle& operator=(const LedHandle&) = delete;
 
     // The LED this handle stands for; null once detached.
-    Velmora::Worksurface::ILed* led() const;
+    ILed* led() const;
     // Whether the handle still stands for the LED with this device id in this section.
     bool standsFor(uint8_t sectionIndex, uint8_t deviceId) const;
 
@@ -41,7 +41,9 @@ public:
 
 private:
     // The LED cuts its handle off without a release when the LED itself goes away.
-    friend class Velmora::Worksurface::Led;
+    friend class Led;
 
-    Velmora::Worksurface::ILed* m_led;
+    ILed* m_led;
 };
+
+}  // namespace Velmora::Worksurface

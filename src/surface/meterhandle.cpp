@@ -4,13 +4,13 @@
 
 #include "surface/imeter.h"
 
-MeterHandle::MeterHandle(Velmora::Worksurface::IMeter* meter, QObject* parent)
-    : QObject(parent), m_meter(meter)
-{}
+namespace Velmora::Worksurface {
+
+MeterHandle::MeterHandle(IMeter* meter, QObject* parent) : QObject(parent), m_meter(meter) {}
 
 MeterHandle::~MeterHandle() = default;
 
-Velmora::Worksurface::IMeter* MeterHandle::meter() const
+IMeter* MeterHandle::meter() const
 {
     return m_meter;
 }
@@ -43,3 +43,5 @@ void MeterHandle::detach()
         meter->releaseHandle(this);
     }
 }
+
+}  // namespace Velmora::Worksurface

@@ -4,9 +4,9 @@
 #include <cstdint>
 
 namespace Velmora::Worksurface {
+
 class IMeter;
 class Meter;
-}  // namespace Velmora::Worksurface
 
 // The user-interface side's grip on one of the master section's level meters. A meter
 // binding sets the level and the peak through it; the calls go to the meter directly from
@@ -19,14 +19,14 @@ class MeterHandle : public QObject
     Q_OBJECT
 
 public:
-    explicit MeterHandle(Velmora::Worksurface::IMeter* meter, QObject* parent = nullptr);
+    explicit MeterHandle(IMeter* meter, QObject* parent = nullptr);
     ~MeterHandle() override;
 
     MeterHandle(const MeterHandle&) = delete;
     MeterHandle& operator=(const MeterHandle&) = delete;
 
     // The meter this handle stands for; null once detached.
-    Velmora::Worksurface::IMeter* meter() const;
+    IMeter* meter() const;
     // Whether the handle still stands for the meter with this device id in this section.
     bool standsFor(uint8_t sectionIndex, uint8_t deviceId) const;
 
@@ -37,7 +37,9 @@ public:
 
 private:
     // The meter cuts its handle off without a release when the meter itself goes away.
-    friend class Velmora::Worksurface::Meter;
+    friend class Meter;
 
-    Velmora::Worksurface::IMeter* m_meter;
+    IMeter* m_meter;
 };
+
+}  // namespace Velmora::Worksurface

@@ -4,12 +4,13 @@
 
 #include "surface/ipot.h"
 
-PotHandle::PotHandle(Velmora::Worksurface::IPot* pot, QObject* parent) : QObject(parent), m_pot(pot)
-{}
+namespace Velmora::Worksurface {
+
+PotHandle::PotHandle(IPot* pot, QObject* parent) : QObject(parent), m_pot(pot) {}
 
 PotHandle::~PotHandle() = default;
 
-Velmora::Worksurface::IPot* PotHandle::pot() const
+IPot* PotHandle::pot() const
 {
     return m_pot;
 }
@@ -40,3 +41,5 @@ void PotHandle::detach()
         pot->releaseHandle(this);
     }
 }
+
+}  // namespace Velmora::Worksurface

@@ -5,9 +5,9 @@
 #include <cstdint>
 
 namespace Velmora::Worksurface {
+
 class IPot;
 class Pot;
-}  // namespace Velmora::Worksurface
 
 // The user-interface side's grip on the headphone pot and its light. A pot binding listens
 // to potValueChanged, which the pot emits on the model thread while this handle is the one
@@ -22,14 +22,14 @@ class PotHandle : public QObject
     Q_OBJECT
 
 public:
-    explicit PotHandle(Velmora::Worksurface::IPot* pot, QObject* parent = nullptr);
+    explicit PotHandle(IPot* pot, QObject* parent = nullptr);
     ~PotHandle() override;
 
     PotHandle(const PotHandle&) = delete;
     PotHandle& operator=(const PotHandle&) = delete;
 
     // The pot this handle stands for; null once detached.
-    Velmora::Worksurface::IPot* pot() const;
+    IPot* pot() const;
     // Whether the handle still stands for the pot with this device id in this section.
     bool standsFor(uint8_t sectionIndex, uint8_t deviceId) const;
 
@@ -46,7 +46,9 @@ signals:
 
 private:
     // The pot cuts its handle off without a release when the pot itself goes away.
-    friend class Velmora::Worksurface::Pot;
+    friend class Pot;
 
-    Velmora::Worksurface::IPot* m_pot;
+    IPot* m_pot;
 };
+
+}  // namespace Velmora::Worksurface

@@ -4,13 +4,13 @@
 
 #include "surface/irgbled.h"
 
-RgbLedHandle::RgbLedHandle(Velmora::Worksurface::IRgbLed* rgbLed, QObject* parent)
-    : QObject(parent), m_rgbLed(rgbLed)
-{}
+namespace Velmora::Worksurface {
+
+RgbLedHandle::RgbLedHandle(IRgbLed* rgbLed, QObject* parent) : QObject(parent), m_rgbLed(rgbLed) {}
 
 RgbLedHandle::~RgbLedHandle() = default;
 
-Velmora::Worksurface::IRgbLed* RgbLedHandle::rgbLed() const
+IRgbLed* RgbLedHandle::rgbLed() const
 {
     return m_rgbLed;
 }
@@ -36,3 +36,5 @@ void RgbLedHandle::detach()
         rgbLed->releaseHandle(this);
     }
 }
+
+}  // namespace Velmora::Worksurface

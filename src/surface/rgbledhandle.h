@@ -5,9 +5,9 @@
 #include <cstdint>
 
 namespace Velmora::Worksurface {
+
 class IRgbLed;
 class RgbLed;
-}  // namespace Velmora::Worksurface
 
 // The user-interface side's grip on one RGB LED (a rotary push button's light or a logo).
 // An RGB LED binding sets its colour through it; the call goes to the LED directly from the
@@ -20,14 +20,14 @@ class RgbLedHandle : public QObject
     Q_OBJECT
 
 public:
-    explicit RgbLedHandle(Velmora::Worksurface::IRgbLed* rgbLed, QObject* parent = nullptr);
+    explicit RgbLedHandle(IRgbLed* rgbLed, QObject* parent = nullptr);
     ~RgbLedHandle() override;
 
     RgbLedHandle(const RgbLedHandle&) = delete;
     RgbLedHandle& operator=(const RgbLedHandle&) = delete;
 
     // The LED this handle stands for; null once detached.
-    Velmora::Worksurface::IRgbLed* rgbLed() const;
+    IRgbLed* rgbLed() const;
     // Whether the handle still stands for the LED with this device id in this section.
     bool standsFor(uint8_t sectionIndex, uint8_t deviceId) const;
 
@@ -39,7 +39,9 @@ public:
 
 private:
     // The LED cuts its handle off without a release when the LED itself goes away.
-    friend class Velmora::Worksurface::RgbLed;
+    friend class RgbLed;
 
-    Velmora::Worksurface::IRgbLed* m_rgbLed;
+    IRgbLed* m_rgbLed;
 };
+
+}  // namespace Velmora::Worksurface

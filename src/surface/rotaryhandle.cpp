@@ -4,13 +4,13 @@
 
 #include "surface/irotary.h"
 
-RotaryHandle::RotaryHandle(Velmora::Worksurface::IRotary* rotary, QObject* parent)
-    : QObject(parent), m_rotary(rotary)
-{}
+namespace Velmora::Worksurface {
+
+RotaryHandle::RotaryHandle(IRotary* rotary, QObject* parent) : QObject(parent), m_rotary(rotary) {}
 
 RotaryHandle::~RotaryHandle() = default;
 
-Velmora::Worksurface::IRotary* RotaryHandle::rotary() const
+IRotary* RotaryHandle::rotary() const
 {
     return m_rotary;
 }
@@ -60,3 +60,5 @@ void RotaryHandle::detach()
         rotary->releaseHandle(this);
     }
 }
+
+}  // namespace Velmora::Worksurface

@@ -5,9 +5,9 @@
 #include <cstdint>
 
 namespace Velmora::Worksurface {
+
 class IRotary;
 class Rotary;
-}  // namespace Velmora::Worksurface
 
 // The user-interface side's grip on one rotary encoder with its push switch, touch sensor
 // and RGB light. A rotary binding listens to the signals, which the rotary emits on the
@@ -23,14 +23,14 @@ class RotaryHandle : public QObject
     Q_OBJECT
 
 public:
-    explicit RotaryHandle(Velmora::Worksurface::IRotary* rotary, QObject* parent = nullptr);
+    explicit RotaryHandle(IRotary* rotary, QObject* parent = nullptr);
     ~RotaryHandle() override;
 
     RotaryHandle(const RotaryHandle&) = delete;
     RotaryHandle& operator=(const RotaryHandle&) = delete;
 
     // The rotary this handle stands for; null once detached.
-    Velmora::Worksurface::IRotary* rotary() const;
+    IRotary* rotary() const;
     // Whether the handle still stands for the rotary with this (rotary) device id in this
     // section.
     bool standsFor(uint8_t sectionIndex, uint8_t deviceId) const;
@@ -54,7 +54,9 @@ signals:
 
 private:
     // The rotary cuts its handle off without a release when the rotary itself goes away.
-    friend class Velmora::Worksurface::Rotary;
+    friend class Rotary;
 
-    Velmora::Worksurface::IRotary* m_rotary;
+    IRotary* m_rotary;
 };
+
+}  // namespace Velmora::Worksurface

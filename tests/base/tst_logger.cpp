@@ -7,8 +7,7 @@
 #include "base/settings.h"
 #include "support/logcapture.h"
 
-using Velmora::Worksurface::Logger;
-using Velmora::Worksurface::Settings;
+using namespace Velmora::Worksurface;
 
 namespace {
 

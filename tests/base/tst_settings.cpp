@@ -8,7 +8,7 @@
 #include "qml/surfacesettings.h"
 #include "support/logcapture.h"
 
-using Velmora::Worksurface::Settings;
+using namespace Velmora::Worksurface;
 
 namespace {
 

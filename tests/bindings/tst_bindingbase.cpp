@@ -18,9 +18,7 @@
 #include "surface/faderhandle.h"
 #include "surface/surface.h"
 
-using Velmora::Worksurface::Fader;
-using Velmora::Worksurface::IFader;
-using Velmora::Worksurface::ISurface;
+using namespace Velmora::Worksurface;
 
 namespace {
 

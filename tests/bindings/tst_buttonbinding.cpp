@@ -17,19 +17,7 @@
 #include "surface/surface.h"
 #include "tasks/taskpool.h"
 
-using Velmora::Worksurface::ComponentFactory;
-using Velmora::Worksurface::IButton;
-using Velmora::Worksurface::IFader;
-using Velmora::Worksurface::ILed;
-using Velmora::Worksurface::IMeter;
-using Velmora::Worksurface::IRgbLed;
-using Velmora::Worksurface::IRotary;
-using Velmora::Worksurface::ISection;
-using Velmora::Worksurface::ISectionConnection;
-using Velmora::Worksurface::Section;
-using Velmora::Worksurface::SerialMessage;
-using Velmora::Worksurface::Surface;
-using Velmora::Worksurface::TaskPool;
+using namespace Velmora::Worksurface;
 
 namespace {
 

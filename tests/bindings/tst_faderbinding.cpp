@@ -22,7 +22,7 @@
 #include "surface/fader.h"
 #include "surface/surface.h"
 
-using Velmora::Worksurface::Fader;
+using namespace Velmora::Worksurface;
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include "surface/iglobalrotarybindingtarget.h"
 #include "surface/surface.h"
 
-using Velmora::Worksurface::IGlobalRotaryBindingTarget;
+using namespace Velmora::Worksurface;
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include "qml/sectioninfomodel.h"
 
-using Velmora::Worksurface::ISectionInfo;
+using namespace Velmora::Worksurface;
 
 // Records the names of the model's notify signals in the order they are emitted.
 class SignalOrder : public QObject

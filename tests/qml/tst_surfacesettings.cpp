@@ -12,8 +12,7 @@
 #include "qml/surfacesettings.h"
 #include "support/logcapture.h"
 
-using Velmora::Worksurface::ISettings;
-using Velmora::Worksurface::Settings;
+using namespace Velmora::Worksurface;
 
 namespace {
 

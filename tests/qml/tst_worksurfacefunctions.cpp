@@ -37,20 +37,7 @@
 #include "surface/surface.h"
 #include "tasks/taskpool.h"
 
-using Velmora::Worksurface::Fader;
-using Velmora::Worksurface::IFader;
-using Velmora::Worksurface::ISection;
-using Velmora::Worksurface::ISectionConnection;
-using Velmora::Worksurface::ISectionInfo;
-using Velmora::Worksurface::ISectionInfoProvider;
-using Velmora::Worksurface::ISerialDataReceiver;
-using Velmora::Worksurface::ISurface;
-using Velmora::Worksurface::SectionConnection;
-using Velmora::Worksurface::SerialConnectionFactory;
-using Velmora::Worksurface::SerialMessage;
-using Velmora::Worksurface::Surface;
-using Velmora::Worksurface::TaskPool;
-namespace MessageType = Velmora::Worksurface::MessageType;
+using namespace Velmora::Worksurface;
 
 namespace {
 
@@ -321,8 +308,8 @@ void TestWorksurfaceFunctions::qmlSeesSurfaceThroughTheSingletonProvider()
                                                  QStringLiteral("section"));
     qmlRegisterUncreatableType<SurfaceConnection>("ServiceUnderTest", 1, 0, "SurfaceConnection",
                                                   QStringLiteral("connection"));
-    qmlRegisterUncreatableType<RestMode>("ServiceUnderTest", 1, 0, "RestMode",
-                                         QStringLiteral("rest mode"));
+    qmlRegisterUncreatableType<::RestMode>("ServiceUnderTest", 1, 0, "RestMode",
+                                           QStringLiteral("rest mode"));
 
     QPointer<QObject> surface;
     {
@@ -487,7 +474,7 @@ void TestWorksurfaceFunctions::restModeReachesEverySectionOnlyAfterConnect()
 {
     auto service = makeService(SurfaceSettings::K60);
     // Before connect() there is nothing to reach; the value is only stored...
-    service->faders()->setRestMode(RestMode::Type::KeepCurrent);
+    service->faders()->setRestMode(::RestMode::Type::KeepCurrent);
     QVERIFY(service->connection()->surface() == nullptr);
 
     QVERIFY(connectAndWait(*service));
@@ -498,15 +485,15 @@ void TestWorksurfaceFunctions::restModeReachesEverySectionOnlyAfterConnect()
     QCOMPARE(faders.size(), std::size_t(31));
     for (Fader* fader : faders) {
         QVERIFY(fader != nullptr);
-        QCOMPARE(fader->restMode(), int32_t(RestMode::Type::ForceMinimum));
+        QCOMPARE(fader->restMode(), int32_t(::RestMode::Type::ForceMinimum));
     }
 
     // A change after connect() reaches every fader of every section at once, without the
     // event loop running.
-    service->faders()->setRestMode(RestMode::Type::ForceMinimum);
-    service->faders()->setRestMode(RestMode::Type::KeepCurrent);
+    service->faders()->setRestMode(::RestMode::Type::ForceMinimum);
+    service->faders()->setRestMode(::RestMode::Type::KeepCurrent);
     for (Fader* fader : faders) {
-        QCOMPARE(fader->restMode(), int32_t(RestMode::Type::KeepCurrent));
+        QCOMPARE(fader->restMode(), int32_t(::RestMode::Type::KeepCurrent));
     }
     std::set<int> sections;
     for (Fader* fader : faders) {
@@ -514,9 +501,9 @@ void TestWorksurfaceFunctions::restModeReachesEverySectionOnlyAfterConnect()
     }
     QCOMPARE(sections, (std::set<int>{0, 1, 2}));
 
-    service->faders()->setRestMode(RestMode::Type::ForceMinimum);
+    service->faders()->setRestMode(::RestMode::Type::ForceMinimum);
     for (Fader* fader : faders) {
-        QCOMPARE(fader->restMode(), int32_t(RestMode::Type::ForceMinimum));
+        QCOMPARE(fader->restMode(), int32_t(::RestMode::Type::ForceMinimum));
     }
 }
 
@@ -605,7 +592,7 @@ void TestWorksurfaceFunctions::countsReadThroughToTheSettings()
 void TestWorksurfaceFunctions::fadersRestModeStartsAsForceMinimum()
 {
     WorksurfaceFunctions service;
-    QCOMPARE(service.faders()->restMode(), RestMode::Type::ForceMinimum);
+    QCOMPARE(service.faders()->restMode(), ::RestMode::Type::ForceMinimum);
     QCOMPARE(service.property("faders").value<FaderSettings*>(), service.faders());
 }
 
@@ -919,12 +906,12 @@ void TestWorksurfaceFunctions::restModeAfterConnectDecidesWhetherUnboundFadersAr
     };
 
     // Kept where they are: nothing moves them.
-    service->faders()->setRestMode(RestMode::Type::KeepCurrent);
+    service->faders()->setRestMode(::RestMode::Type::KeepCurrent);
     runForMs(300);
     QVERIFY(fadersParked().empty());
 
     // Forced to the bottom: every unbound fader of both sections is driven to 0.
-    service->faders()->setRestMode(RestMode::Type::ForceMinimum);
+    service->faders()->setRestMode(::RestMode::Type::ForceMinimum);
     runForMs(300);
     std::set<std::pair<int, int>> expected;
     for (int id = 0; id < 10; ++id) {

@@ -7,8 +7,7 @@
 #include "base/settings.h"
 #include "software/qmlcontrollerconnection.h"
 
-namespace MessageType = Velmora::Worksurface::MessageType;
-using Velmora::Worksurface::SerialMessage;
+using namespace Velmora::Worksurface;
 
 namespace {
 

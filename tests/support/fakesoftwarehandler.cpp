@@ -2,7 +2,7 @@
 
 #include <utility>
 
-using Velmora::Worksurface::SerialMessage;
+using namespace Velmora::Worksurface;
 
 FakeSoftwareHandler::FakeSoftwareHandler(QString name, QStringList* callLog)
     : m_name(std::move(name)), m_callLog(callLog)

@@ -15,10 +15,7 @@
 #include <cstring>
 #include <initializer_list>
 
-using Velmora::Worksurface::BootloaderPacket;
-using Velmora::Worksurface::SerialMessage;
-namespace BootloaderCommand = Velmora::Worksurface::BootloaderCommand;
-namespace MessageType = Velmora::Worksurface::MessageType;
+using namespace Velmora::Worksurface;
 
 namespace {
 

@@ -2,9 +2,7 @@
 
 #include "support/serialframes.h"
 
-using Velmora::Worksurface::encode;
-using Velmora::Worksurface::MessageBaseLength;
-using Velmora::Worksurface::SerialMessage;
+using namespace Velmora::Worksurface;
 using Velmora::Worksurface::MessageType::Echo;
 
 void RecordingParser::feed(const QByteArray& chunk)

@@ -4,9 +4,7 @@
 
 #include "tasks/monotonicclock.h"
 
-using Velmora::Worksurface::MonotonicClock;
-using Velmora::Worksurface::SerialMessage;
-namespace MessageType = Velmora::Worksurface::MessageType;
+using namespace Velmora::Worksurface;
 
 namespace {
 

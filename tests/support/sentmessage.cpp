@@ -2,7 +2,7 @@
 
 #include <QByteArray>
 
-using Velmora::Worksurface::SerialMessage;
+using namespace Velmora::Worksurface;
 
 QString describe(const SentMessage& sent)
 {

@@ -7,10 +7,7 @@
 #include "surface/buttonhandle.h"
 #include "surface/deviceidtable.h"
 
-using Velmora::Worksurface::Button;
-using Velmora::Worksurface::ButtonType;
-using Velmora::Worksurface::DeviceIdTable;
-using Velmora::Worksurface::SerialMessage;
+using namespace Velmora::Worksurface;
 
 namespace {
 

@@ -5,14 +5,7 @@
 
 #include "surface/deviceidtable.h"
 
-using Velmora::Worksurface::ButtonType;
-using Velmora::Worksurface::DeviceIdTable;
-using Velmora::Worksurface::FaderType;
-using Velmora::Worksurface::LedType;
-using Velmora::Worksurface::MeterType;
-using Velmora::Worksurface::PotType;
-using Velmora::Worksurface::RgbLedType;
-using Velmora::Worksurface::RotaryType;
+using namespace Velmora::Worksurface;
 
 namespace {
 

@@ -9,10 +9,7 @@
 #include "tasks/itaskhandle.h"
 #include "tasks/itaskpool.h"
 
-using Velmora::Worksurface::FlashSchedule;
-using Velmora::Worksurface::ITask;
-using Velmora::Worksurface::ITaskHandle;
-using Velmora::Worksurface::ITaskPool;
+using namespace Velmora::Worksurface;
 
 namespace {
 

@@ -13,12 +13,7 @@
 #include "surface/ledhandle.h"
 #include "tasks/taskpool.h"
 
-using Velmora::Worksurface::DeviceIdTable;
-using Velmora::Worksurface::Led;
-using Velmora::Worksurface::LedType;
-using Velmora::Worksurface::SerialMessage;
-using Velmora::Worksurface::SerialMessageQueue;
-using Velmora::Worksurface::TaskPool;
+using namespace Velmora::Worksurface;
 
 namespace {
 

@@ -9,9 +9,7 @@
 #include "surface/meter.h"
 #include "surface/meterhandle.h"
 
-using Velmora::Worksurface::Meter;
-using Velmora::Worksurface::MeterType;
-using Velmora::Worksurface::SerialMessageQueue;
+using namespace Velmora::Worksurface;
 
 namespace {
 

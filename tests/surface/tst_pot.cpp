@@ -12,12 +12,7 @@
 #include "surface/pothandle.h"
 #include "tasks/taskpool.h"
 
-using Velmora::Worksurface::DeviceIdTable;
-using Velmora::Worksurface::Pot;
-using Velmora::Worksurface::PotType;
-using Velmora::Worksurface::SerialMessage;
-using Velmora::Worksurface::SerialMessageQueue;
-using Velmora::Worksurface::TaskPool;
+using namespace Velmora::Worksurface;
 
 namespace {
 

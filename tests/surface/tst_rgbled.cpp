@@ -9,10 +9,7 @@
 #include "surface/rgbled.h"
 #include "surface/rgbledhandle.h"
 
-using Velmora::Worksurface::RgbLed;
-using Velmora::Worksurface::RgbLedType;
-using Velmora::Worksurface::SerialMessage;
-using Velmora::Worksurface::SerialMessageQueue;
+using namespace Velmora::Worksurface;
 
 namespace {
 

@@ -17,14 +17,7 @@
 #include "surface/rotaryhandle.h"
 #include "tasks/taskpool.h"
 
-using Velmora::Worksurface::DeviceIdTable;
-using Velmora::Worksurface::IGlobalRotaryBindingTarget;
-using Velmora::Worksurface::IRotary;
-using Velmora::Worksurface::Rotary;
-using Velmora::Worksurface::RotaryType;
-using Velmora::Worksurface::SerialMessage;
-using Velmora::Worksurface::SerialMessageQueue;
-using Velmora::Worksurface::TaskPool;
+using namespace Velmora::Worksurface;
 
 namespace {
 

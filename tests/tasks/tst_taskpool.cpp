@@ -10,9 +10,7 @@
 #include "support/manualclock.h"
 #include "tasks/taskpool.h"
 
-using Velmora::Worksurface::ITask;
-using Velmora::Worksurface::ITaskHandle;
-using Velmora::Worksurface::TaskPool;
+using namespace Velmora::Worksurface;
 
 namespace {
 
