@@ -104,10 +104,7 @@ void SectionUpdater::dataReceived(const QByteArray& data)
                 // The section runs its application: the exchange is over. Whatever came
                 // after the answer is left for the next call.
                 ++pos;
-                if (m_logger) {
-                    m_logger->info(kPrefix +
-                                   QStringLiteral("Received not in bootloader. Finished updating"));
-                }
+                log(&Logger::info, QStringLiteral("Received not in bootloader. Finished updating"));
                 setState(Idle);
                 stop = true;
                 break;
@@ -132,10 +129,8 @@ void SectionUpdater::dataReceived(const QByteArray& data)
                 }
                 ++pos;
                 if (length < 2) {
-                    if (m_logger) {
-                        m_logger->warning(
-                            kPrefix + QStringLiteral("Invalid message lenght < 2. Skipping data."));
-                    }
+                    log(&Logger::warning,
+                        QStringLiteral("Invalid message lenght < 2. Skipping data."));
                     break;
                 }
                 const uint8_t checksum = byteAt(m_buffer, pos);
@@ -145,10 +140,7 @@ void SectionUpdater::dataReceived(const QByteArray& data)
                 }
                 if (checksum != sum) {
                     // Resynchronise on the byte after the size byte.
-                    if (m_logger) {
-                        m_logger->warning(kPrefix +
-                                          QStringLiteral("Invalid checksum skipping byte."));
-                    }
+                    log(&Logger::warning, QStringLiteral("Invalid checksum skipping byte."));
                     break;
                 }
                 const uint8_t status = byteAt(m_buffer, pos + 1);
@@ -173,9 +165,7 @@ void SectionUpdater::dataReceived(const QByteArray& data)
 
 void SectionUpdater::runAutoUpdate()
 {
-    if (m_logger) {
-        m_logger->debug(kPrefix + QStringLiteral("Run auto updater task after timeout."));
-    }
+    log(&Logger::debug, QStringLiteral("Run auto updater task after timeout."));
     // Released here, but destroyed only on the way out: this runs inside the task's own run.
     const std::shared_ptr<StartAutoUpdateTask> finished = std::move(m_autoUpdateTask);
     sendAutoBaud();
@@ -238,42 +228,30 @@ void SectionUpdater::handleAck()
     m_lastPacket = BootloaderPacket(BootloaderCommand::NoPacket);
     switch (command) {
         case BootloaderCommand::Ping:
-            if (m_logger) {
-                m_logger->debug(kPrefix + QStringLiteral("Ping acknowledged start firmware load."));
-            }
+            log(&Logger::debug, QStringLiteral("Ping acknowledged start firmware load."));
             takeNextStep();
             break;
         case BootloaderCommand::GetStatus:
-            if (m_logger) {
-                m_logger->debug(
-                    kPrefix + QStringLiteral("Status message acknowledged. Waiting status reply."));
-            }
+            log(&Logger::debug,
+                QStringLiteral("Status message acknowledged. Waiting status reply."));
             setState(WaitingForStatus);
             break;
         case BootloaderCommand::Reset:
-            if (m_logger) {
-                m_logger->debug(
-                    kPrefix +
-                    QStringLiteral("Reset acknowledged register task for sending AutoBaud."));
-            }
+            log(&Logger::debug,
+                QStringLiteral("Reset acknowledged register task for sending AutoBaud."));
             m_autoUpdateTask = std::make_shared<StartAutoUpdateTask>(this);
             if (m_taskPool) {
                 m_taskPool->scheduleOnce(kAutoUpdateDelayMs, m_autoUpdateTask);
             }
             break;
         case BootloaderCommand::AutoBaud:
-            if (m_logger) {
-                m_logger->info(kPrefix + QStringLiteral("Starting WS update"));
-            }
+            log(&Logger::info, QStringLiteral("Starting WS update"));
             beginUpdate();
             break;
         default:
             // Download and SendData; also an ACK with nothing pending, which asks for the
             // status all the same.
-            if (m_logger) {
-                m_logger->debug(kPrefix +
-                                QStringLiteral("Message acknowledged requesting status."));
-            }
+            log(&Logger::debug, QStringLiteral("Message acknowledged requesting status."));
             sendPacket(BootloaderPacket(BootloaderCommand::GetStatus));
             break;
     }
@@ -286,19 +264,14 @@ void SectionUpdater::handleNak()
     }
     const uint8_t maxResends = m_settings ? m_settings->maxResendCount() : 0;
     if (m_resendCount < maxResends) {
-        if (m_logger) {
-            m_logger->info(kPrefix + QStringLiteral("TIVA requests resending of last message."));
-        }
+        log(&Logger::info, QStringLiteral("TIVA requests resending of last message."));
         ++m_resendCount;
         sendPacket(m_lastPacket);
         return;
     }
     setState(Failed);
-    if (m_logger) {
-        m_logger->critical(kPrefix +
-                           QStringLiteral("Update failed. Unable to send message after %1 retries")
+    log(&Logger::critical, QStringLiteral("Update failed. Unable to send message after %1 retries")
                                .arg(static_cast<unsigned>(m_resendCount)));
-    }
     notifyFailed(ISectionUpdaterListener::ResendsExhausted);
     finish();
 }
@@ -312,9 +285,7 @@ void SectionUpdater::handleStatus(uint8_t status)
         m_listener->sendBootloaderPacket(BootloaderPacket(BootloaderCommand::CommandAck));
     }
     const QString name = bootloaderCommandName(status);
-    if (m_logger) {
-        m_logger->debug(kPrefix + QStringLiteral("Received status message: %1.").arg(name));
-    }
+    log(&Logger::debug, QStringLiteral("Received status message: %1.").arg(name));
     if (m_state != WaitingForStatus) {
         return;
     }
@@ -323,10 +294,7 @@ void SectionUpdater::handleStatus(uint8_t status)
         return;
     }
     setState(Failed);
-    if (m_logger) {
-        m_logger->critical(kPrefix +
-                           QStringLiteral("Update aborted. Updater received error %1").arg(name));
-    }
+    log(&Logger::critical, QStringLiteral("Update aborted. Updater received error %1").arg(name));
     notifyFailed(ISectionUpdaterListener::BootloaderErrorStatus);
     finish();
 }
@@ -350,22 +318,15 @@ void SectionUpdater::beginUpdate()
     }
     m_firmwareFile.setFileName(m_settings ? m_settings->firmwarePath() : QString());
     if (m_firmwareFile.exists()) {
-        if (m_logger) {
-            m_logger->info(
-                kPrefix +
-                QStringLiteral("Updating WS code from file: %1").arg(m_firmwareFile.fileName()));
-        }
+        log(&Logger::info,
+            QStringLiteral("Updating WS code from file: %1").arg(m_firmwareFile.fileName()));
         m_updating = true;
         sendPacket(BootloaderPacket(BootloaderCommand::Ping));
         return;
     }
-    if (m_logger) {
-        m_logger->warning(
-            kPrefix +
-            QStringLiteral(
-                "Unable to update the worksurface from file: %1. The file does not exist.")
-                .arg(m_firmwareFile.fileName()));
-    }
+    log(&Logger::warning,
+        QStringLiteral("Unable to update the worksurface from file: %1. The file does not exist.")
+            .arg(m_firmwareFile.fileName()));
     setState(Failed);
     notifyFailed(ISectionUpdaterListener::FirmwareFileError);
     finish();
@@ -377,20 +338,14 @@ void SectionUpdater::loadFirmware()
     // read-ahead buffer would keep sending bytes of a file that was cut short meanwhile.
     if (!m_firmwareFile.open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
         setState(Failed);
-        if (m_logger) {
-            m_logger->critical(
-                kPrefix +
-                QStringLiteral("Update error. Unable to open the firmware file for reading"));
-        }
+        log(&Logger::critical,
+            QStringLiteral("Update error. Unable to open the firmware file for reading"));
         notifyFailed(ISectionUpdaterListener::FirmwareFileError);
         finish();
         return;
     }
     const qint64 size = m_firmwareFile.size();
-    if (m_logger) {
-        m_logger->debug(kPrefix +
-                        QStringLiteral("Start loading firmware file of %1 bytes.").arg(size));
-    }
+    log(&Logger::debug, QStringLiteral("Start loading firmware file of %1 bytes.").arg(size));
     // The bootloader erases and writes whole blocks; the last one is padded.
     const qint64 blocks = (size + kBlockSize - 1) / kBlockSize;
     const qint64 transferSize = blocks * kBlockSize;
@@ -409,10 +364,7 @@ void SectionUpdater::finish()
         m_firmwareFile.close();
     }
     m_updating = false;
-    if (m_logger) {
-        m_logger->debug(kPrefix +
-                        QStringLiteral("Finished updating. Reseting the microcontroller."));
-    }
+    log(&Logger::debug, QStringLiteral("Finished updating. Reseting the microcontroller."));
     sendPacket(BootloaderPacket(BootloaderCommand::Reset));
 }
 
@@ -426,11 +378,8 @@ void SectionUpdater::sendNextBlock()
             m_firmwareFile.close();
         }
         setState(Failed);
-        if (m_logger) {
-            m_logger->critical(
-                kPrefix +
-                QStringLiteral("Update error. Unable to read from file. The file is not open."));
-        }
+        log(&Logger::critical,
+            QStringLiteral("Update error. Unable to read from file. The file is not open."));
         notifyFailed(ISectionUpdaterListener::FirmwareFileError);
         finish();
         return;
@@ -441,21 +390,17 @@ void SectionUpdater::sendNextBlock()
 
     if (firmwareAtEnd()) {
         notifyProgress(100);
-        if (m_logger) {
-            m_logger->debug(kPrefix + QStringLiteral("Firmware file loaded."));
-        }
+        log(&Logger::debug, QStringLiteral("Firmware file loaded."));
         return;
     }
     const qint64 position = m_firmwareFile.pos();
     const qint64 size = m_firmwareFile.size();
     const auto percent = static_cast<uint8_t>(position * 100 / size);
     notifyProgress(percent);
-    if (m_logger) {
-        m_logger->debug(kPrefix + QStringLiteral("Downloaded %1 of %2 bytes (%3%).")
-                                      .arg(position)
-                                      .arg(size)
-                                      .arg(static_cast<unsigned>(percent)));
-    }
+    log(&Logger::debug, QStringLiteral("Downloaded %1 of %2 bytes (%3%).")
+                            .arg(position)
+                            .arg(size)
+                            .arg(static_cast<unsigned>(percent)));
 }
 
 // Also true when the read position has passed the size: a file cut short while it is being
@@ -464,6 +409,14 @@ void SectionUpdater::sendNextBlock()
 bool SectionUpdater::firmwareAtEnd() const
 {
     return m_firmwareFile.atEnd() || m_firmwareFile.pos() >= m_firmwareFile.size();
+}
+
+void SectionUpdater::log(void (Logger::*level)(const QString&) const, const QString& text) const
+{
+    // Without a logger (as in tests of the exchange alone) the updater is silent.
+    if (m_logger) {
+        ((*m_logger).*level)(kPrefix + text);
+    }
 }
 
 }  // namespace Velmora::Worksurface

@@ -85,6 +85,8 @@ private:
     void finish();
     void sendNextBlock();
     bool firmwareAtEnd() const;
+    // Logs "<prefix><text>" at the level given, when the updater has a logger.
+    void log(void (Logger::*level)(const QString&) const, const QString& text) const;
 
     std::shared_ptr<ITaskPool> m_taskPool;
     std::shared_ptr<ISettings> m_settings;
