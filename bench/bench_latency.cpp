@@ -47,7 +47,7 @@ constexpr uint8_t kFaderDevice = 3;
 constexpr uint8_t kMuteDevice = 3;
 constexpr int32_t kChannelFader = 1;
 // Far enough from zero that the links' start-up timing is not special.
-constexpr qint64 kStartNs = 1000LL * 1000000LL;
+constexpr qint64 kOriginNs = 1000LL * 1000000LL;
 // Two hand positions well away from the bottom, so every report is a move.
 constexpr uint16_t kPositions[2] = {200, 300};
 
@@ -70,7 +70,7 @@ class Console
 {
 public:
     Console()
-        : m_clock(std::make_unique<ManualClock>(kStartNs)),
+        : m_clock(std::make_unique<ManualClock>(kOriginNs)),
           m_fixture(*m_clock, kK60),
           m_connection(m_fixture.sharedController(), nullptr)
     {

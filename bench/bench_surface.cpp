@@ -126,7 +126,6 @@ namespace {
 
 using namespace Velmora::Worksurface;
 
-constexpr qint64 kStartNs = 1000LL * 1000 * 1000 * 1000;
 constexpr uint8_t kSoftware = 1;
 constexpr uint8_t kK60 = 2;
 

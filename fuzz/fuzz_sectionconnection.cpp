@@ -42,8 +42,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kMs = 1000000;
-constexpr qint64 kStartNs = 1000000 * kMs;
 // One partial frame at most: a frame is at most 26 bytes, and one that long is never waited
 // for.
 constexpr int kMaxPending = 25;

@@ -63,8 +63,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kMs = 1000000;
-constexpr qint64 kStartNs = 1000000 * kMs;
 constexpr uint8_t kSections = 3;
 constexpr uint8_t kMaster = 2;
 

@@ -11,6 +11,7 @@
 #include "bindings/faderbinding.h"
 #include "bindings/surfaceconnection.h"
 #include "software/qmlcontrollerconnection.h"
+#include "support/deferreddeletes.h"
 #include "support/fakesoftwarehandler.h"
 #include "support/manualclock.h"
 #include "support/softwaresurfacefixture.h"
@@ -95,7 +96,7 @@ struct Rig
         surface.sectionSide().clear();
     }
 
-    ~Rig() { QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); }
+    ~Rig() { flushDeferredDeletes(); }
 
     void settle()
     {

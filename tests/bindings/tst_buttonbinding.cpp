@@ -8,6 +8,7 @@
 #include "bindings/buttonbinding.h"
 #include "bindings/surfaceconnection.h"
 #include "software/qmlcontrollerconnection.h"
+#include "support/deferreddeletes.h"
 #include "support/fakesoftwarehandler.h"
 #include "support/manualclock.h"
 #include "support/softwaresurfacefixture.h"
@@ -57,7 +58,7 @@ struct Rig
         surface.sectionSide().clear();
     }
 
-    ~Rig() { QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); }
+    ~Rig() { flushDeferredDeletes(); }
 
     void press(uint8_t section, uint8_t device)
     {
@@ -104,7 +105,7 @@ struct SwitchRig
                                       std::vector<std::shared_ptr<ISectionConnection>>()));
     }
 
-    ~SwitchRig() { QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); }
+    ~SwitchRig() { flushDeferredDeletes(); }
 
     // The section's report, offered to its buttons as the link's dispatcher does.
     void report(uint8_t device, uint8_t state)
@@ -481,7 +482,7 @@ void TestButtonBinding::destructorReleasesTheButton()
     QCOMPARE(activeChanged.count(), 1);
     // The button's handle was given back and goes with the next deferred delete; a press
     // afterwards reaches nobody.
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
     rig.press(0, 3);
 
     // A new binding takes the button over as usual.

@@ -15,6 +15,7 @@
 #include "bindings/responsecurve.h"
 #include "bindings/surfaceconnection.h"
 #include "software/qmlcontrollerconnection.h"
+#include "support/deferreddeletes.h"
 #include "support/fakesoftwarehandler.h"
 #include "support/logcapture.h"
 #include "support/manualclock.h"
@@ -69,7 +70,7 @@ struct Rig
         surface.sectionSide().clear();
     }
 
-    ~Rig() { QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); }
+    ~Rig() { flushDeferredDeletes(); }
 
     // Delivers the handle's queued calls to the faders, then lets the link pass send
     // everything queued.
@@ -577,7 +578,7 @@ void TestFaderBinding::destructorReleasesTheFader()
     QCOMPARE(activeChanged.count(), 1);
     QCOMPARE(touched.count(), 1);
     QVERIFY(!rig.fader(0, 3)->hasHandle());
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
 
     rig.clearSent();
     rig.surface.runForMs(200);

@@ -34,8 +34,6 @@ constexpr int kTimeout = 5000;
 // Whole images: generous, for a loaded build machine.
 constexpr int kImageTimeout = 60000;
 constexpr uint8_t kSection = 2;
-constexpr qint64 kStartNs = 1000LL * 1000 * 1000 * 1000;
-constexpr qint64 kNsPerMs = 1000 * 1000;
 constexpr int kBlock = 64;
 
 // The bytes of a bootloader packet as the section reads them, built here independently of

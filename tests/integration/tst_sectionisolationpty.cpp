@@ -25,7 +25,6 @@ using namespace Velmora::Worksurface;
 namespace {
 
 constexpr int kTimeout = 5000;
-constexpr qint64 kStartNs = 1000LL * 1000 * 1000 * 1000;
 constexpr qint64 kPassNs = 50LL * 1000 * 1000 + 1000;
 constexpr uint8_t kFaulty = 0;
 constexpr uint8_t kHealthy = 1;

@@ -29,10 +29,8 @@ namespace {
 constexpr int kTimeout = 5000;
 constexpr uint8_t kSection = 2;
 // The clock reads like a board that has been up for a while, as steady_clock does.
-constexpr qint64 kStartNs = 1000LL * 1000 * 1000 * 1000;
-constexpr qint64 kNsPerMs = 1000 * 1000;
 // One supervision pass: just over the task's 50 ms interval.
-constexpr qint64 kPassNs = 50 * kNsPerMs + 1000;
+constexpr qint64 kPassNs = 50 * kMs + 1000;
 
 const QByteArray kPingFrame = QByteArray::fromHex("03000003");
 const QByteArray kVersionReportFrame = QByteArray::fromHex("0600000a22285a");
@@ -121,7 +119,7 @@ void TestSectionLinkPty::advanceAndRun(qint64 ns)
 
 void TestSectionLinkPty::runAt(qint64 fromNs, qint64 ms)
 {
-    m_clock->setNs(fromNs + ms * kNsPerMs);
+    m_clock->setNs(fromNs + ms * kMs);
     m_pool->runPendingTasks();
 }
 

@@ -11,6 +11,7 @@
 #include "software/rgbledcontrol.h"
 #include "software/rotarycontrol.h"
 #include "software/sectioncontrol.h"
+#include "support/deferreddeletes.h"
 #include "support/manualclock.h"
 #include "support/softwaresurfacefixture.h"
 #include "surface/buttonhandle.h"
@@ -36,7 +37,6 @@ using namespace Velmora::Worksurface;
 namespace {
 
 // The clock reads like a board that has been up for a while, as steady_clock does.
-constexpr qint64 kStartNs = 1000LL * 1000 * 1000 * 1000;
 
 template <typename Type>
 int32_t raw(Type type)
@@ -66,7 +66,7 @@ struct Scene
     ~Scene()
     {
         // Handles are deleted later; let them go while their components still exist.
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        flushDeferredDeletes();
     }
 
     Surface& surface() { return fixture.surface(); }

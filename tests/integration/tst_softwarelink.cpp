@@ -30,7 +30,6 @@ constexpr uint8_t kSection = 2;
 constexpr uint8_t kSoftware = 1;
 constexpr uint8_t kK60 = 2;
 // The clock reads like a board that has been up for a while, as steady_clock does.
-constexpr qint64 kStartNs = 1000LL * 1000 * 1000 * 1000;
 
 SerialMessage faderPosition(uint8_t deviceId, uint16_t position)
 {

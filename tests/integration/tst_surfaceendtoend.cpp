@@ -45,8 +45,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kMs = 1000000;
-constexpr qint64 kStartNs = 1000LL * 1000 * kMs;
 constexpr int kTimeout = 5000;
 constexpr uint8_t kHardware = 0;
 constexpr const char* kPortsVariable = "TARVIX_WORKSURFACE_SERIAL_PORTS";

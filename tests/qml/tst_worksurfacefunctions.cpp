@@ -46,8 +46,6 @@ constexpr int kThreadTimeoutMs = 5000;
 // The pty sections answer within milliseconds; this only bounds a broken run.
 constexpr int kPtyTimeoutMs = 5000;
 
-constexpr qint64 kNsPerMs = 1000000;
-
 // The software link's answer to a ping: payload 10, 34, 55 + section index.
 constexpr int kSoftwareVersion = 34;
 constexpr int kSoftwareTemperatureBase = 55;
@@ -803,7 +801,7 @@ void TestWorksurfaceFunctions::eachStartStopsThePreviousPoolEvenWithoutAFinish()
 
 void TestWorksurfaceFunctions::softwareSurfaceComesUpAndReportsVersionAndTemperature()
 {
-    ManualClock clock(1000 * kNsPerMs);
+    ManualClock clock(1000 * kMs);
     auto service = makeService(SurfaceSettings::K40);
     FakeSoftwareHandler sectionSide;
     service->controllerConnection()->addSoftwareHandler(&sectionSide);
@@ -882,7 +880,7 @@ void TestWorksurfaceFunctions::calibrateAfterConnectPutsSectionsInCalibratingAnd
 
 void TestWorksurfaceFunctions::restModeAfterConnectDecidesWhetherUnboundFadersAreParked()
 {
-    ManualClock clock(1000 * kNsPerMs);
+    ManualClock clock(1000 * kMs);
     auto service = makeService(SurfaceSettings::K40);
     FakeSoftwareHandler sectionSide;
     service->controllerConnection()->addSoftwareHandler(&sectionSide);

@@ -28,10 +28,8 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kMs = 1000000;
 // Like a board that has been up for a while: far from the clock's origin, so that the
 // link's "last ping" of 0 lies long in the past.
-constexpr qint64 kStartNs = 1000000 * kMs;
 constexpr uint8_t kSection = 2;
 // The device id the stand-in component takes messages for.
 constexpr uint8_t kComponentId = 9;

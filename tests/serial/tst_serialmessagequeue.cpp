@@ -16,8 +16,7 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kStartNs = 1000000000;  // 1 s: an origin that is not 0
-constexpr qint64 kMs = 1000000;
+constexpr qint64 kOriginNs = 1000000000;  // 1 s: an origin that is not 0
 
 QByteArray hex(const char* text)
 {
@@ -88,7 +87,7 @@ private slots:
 
 void TestSerialMessageQueue::twoFaderPositionsForOneDeviceBeforeDrainGiveOneFrameWithTheLatest()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     queue.sendFaderPosition(3, 100);
     queue.sendFaderPosition(3, 200);
@@ -98,7 +97,7 @@ void TestSerialMessageQueue::twoFaderPositionsForOneDeviceBeforeDrainGiveOneFram
 
 void TestSerialMessageQueue::faderPositionsForTwoDevicesGiveTwoFramesInEnqueueOrder()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     queue.sendFaderPosition(3, 100);
     queue.sendFaderPosition(4, 100);
@@ -110,42 +109,42 @@ void TestSerialMessageQueue::faderPositionsForTwoDevicesGiveTwoFramesInEnqueueOr
 
 void TestSerialMessageQueue::delayedEntryIsNotTakenBeforeItsDelayHasPassed()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     queue.sendLed(0x30, 0xFF, 0x00, 50);
 
-    clock.setNs(kStartNs + 50 * kMs - 1);
+    clock.setNs(kOriginNs + 50 * kMs - 1);
     QVERIFY(queue.hasNoDueMessage());
     QCOMPARE(queue.takeNextMessage().type, uint8_t(23));
 
-    clock.setNs(kStartNs + 50 * kMs);
+    clock.setNs(kOriginNs + 50 * kMs);
     QVERIFY(!queue.hasNoDueMessage());
     QCOMPARE(queue.takeNextMessage(), SerialMessage(MessageType::Led, 0x30, {0xFF, 0x00}));
 }
 
 void TestSerialMessageQueue::reenqueueAfter30msMovesReleaseTo80msAfterFirstCall()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     queue.sendLed(0x30, 0xFF, 0x00, 50);
     clock.advanceMs(30);
     queue.sendLed(0x30, 0x00, 0x00, 50);
 
     // The first release time has passed, but the entry was postponed.
-    clock.setNs(kStartNs + 50 * kMs);
+    clock.setNs(kOriginNs + 50 * kMs);
     QCOMPARE(queue.takeNextMessage().type, uint8_t(23));
-    clock.setNs(kStartNs + 80 * kMs - 1);
+    clock.setNs(kOriginNs + 80 * kMs - 1);
     QVERIFY(queue.hasNoDueMessage());
     QCOMPARE(queue.takeNextMessage().type, uint8_t(23));
 
-    clock.setNs(kStartNs + 80 * kMs);
+    clock.setNs(kOriginNs + 80 * kMs);
     QCOMPARE(queue.takeNextMessage(), SerialMessage(MessageType::Led, 0x30, {0x00, 0x00}));
     QCOMPARE(queue.takeNextMessage().type, uint8_t(23));
 }
 
 void TestSerialMessageQueue::takeFromEmptyQueueGivesNoMessage()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     QVERIFY(queue.hasNoDueMessage());
     const SerialMessage message = queue.takeNextMessage();
@@ -155,7 +154,7 @@ void TestSerialMessageQueue::takeFromEmptyQueueGivesNoMessage()
 
 void TestSerialMessageQueue::takeWhenEveryEntryIsInTheFutureGivesNoMessage()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     queue.sendLed(1, 1, 0, 10);
     queue.sendColor(2, 0x112233, 0, 20);
@@ -172,7 +171,7 @@ void TestSerialMessageQueue::takeWhenEveryEntryIsInTheFutureGivesNoMessage()
 
 void TestSerialMessageQueue::dueEntryBehindNotYetDueEntryIsTakenFirstAndTheOtherKeepsItsPlace()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     queue.sendLed(1, 0xFF, 0, 100);   // first in the queue, due in 100 ms
     queue.sendFaderPosition(2, 300);  // due now
@@ -192,7 +191,7 @@ void TestSerialMessageQueue::dueEntryBehindNotYetDueEntryIsTakenFirstAndTheOther
 
 void TestSerialMessageQueue::colourFF8000WithExtra2GivesPayloadFF800002()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     queue.sendColor(0x40, 0xFF8000, 2, 0);
     const SerialMessage message = queue.takeNextMessage();
@@ -205,7 +204,7 @@ void TestSerialMessageQueue::colourFF8000WithExtra2GivesPayloadFF800002()
 
 void TestSerialMessageQueue::potValueRequestAddressesDeviceZeroWithEmptyPayload()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     queue.requestPotValue();
     const SerialMessage message = queue.takeNextMessage();
@@ -244,7 +243,7 @@ void TestSerialMessageQueue::everySenderOperationBuildsItsTypeAndPayload()
     QFETCH(QByteArray, payload);
     QFETCH(QByteArray, frame);
 
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     const auto device = static_cast<uint8_t>(deviceId);
     switch (operation) {
@@ -289,7 +288,7 @@ void TestSerialMessageQueue::everySenderOperationBuildsItsTypeAndPayload()
 void TestSerialMessageQueue::senderOperationsAreReachedThroughTheSenderInterface()
 {
     // Components hold the queue as a sender, the section connection as a queue.
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     auto queue = std::make_shared<SerialMessageQueue>();
     std::shared_ptr<ISerialMessageSender> sender = queue;
     std::shared_ptr<ISerialMessageQueue> drainSide = queue;
@@ -312,7 +311,7 @@ void TestSerialMessageQueue::releaseTimeIsNowPlusDelayToTheNanosecond()
 
 void TestSerialMessageQueue::enqueueOfReadyMadeMessageIsDueAtOnce()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     const SerialMessage brightness(MessageType::SurfaceBrightness, 0, {0x40});
     queue.enqueue(brightness);
@@ -326,7 +325,7 @@ void TestSerialMessageQueue::enqueueOfReadyMadeMessageIsDueAtOnce()
 
 void TestSerialMessageQueue::messageSentRepeatedlyWithDelayIsReleasedOnlyOnceRepetitionsPause()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     for (int i = 0; i < 10; ++i) {
         queue.sendLed(9, static_cast<uint8_t>(i), 0, 20);
@@ -339,7 +338,7 @@ void TestSerialMessageQueue::messageSentRepeatedlyWithDelayIsReleasedOnlyOnceRep
 
 void TestSerialMessageQueue::hugeDelayNeverWrapsIntoThePast()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     queue.sendLed(1, 1, 0, std::numeric_limits<int64_t>::max());
     queue.sendColor(2, 0x010203, 0, std::numeric_limits<int64_t>::max() / 1000);
@@ -354,7 +353,7 @@ void TestSerialMessageQueue::hugeDelayNeverWrapsIntoThePast()
 
 void TestSerialMessageQueue::negativeDelayIsDueAtOnce()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     queue.sendLed(1, 1, 0, -5);
     queue.sendColor(2, 0x010203, 0, std::numeric_limits<int64_t>::min());
@@ -364,14 +363,14 @@ void TestSerialMessageQueue::negativeDelayIsDueAtOnce()
 
 void TestSerialMessageQueue::hasNoDueMessageTurnsFalseExactlyAtTheReleaseTime()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     QVERIFY(queue.hasNoDueMessage());
     queue.sendLed(1, 1, 0, 30);
     queue.sendLed(2, 1, 0, 10);
-    clock.setNs(kStartNs + 10 * kMs - 1);
+    clock.setNs(kOriginNs + 10 * kMs - 1);
     QVERIFY(queue.hasNoDueMessage());
-    clock.setNs(kStartNs + 10 * kMs);
+    clock.setNs(kOriginNs + 10 * kMs);
     // The second entry is due although the first is not.
     QVERIFY(!queue.hasNoDueMessage());
     // Asking does not take anything.
@@ -383,7 +382,7 @@ void TestSerialMessageQueue::hasNoDueMessageTurnsFalseExactlyAtTheReleaseTime()
 
 void TestSerialMessageQueue::replacedEntryKeepsItsPlaceAndFlags()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     // A variable-length fader position first, then two other messages.
     queue.enqueue(SerialMessage(MessageType::FaderPosition, 3, {0x00, 0x01}, true));
@@ -414,7 +413,7 @@ void TestSerialMessageQueue::replacedEntryKeepsItsPlaceAndFlags()
 
 void TestSerialMessageQueue::coalescingMatchesTypeAndDeviceOnly()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     queue.sendFaderPosition(3, 1);
     queue.sendFaderDetent(3, 2);    // same device, other type
@@ -428,7 +427,7 @@ void TestSerialMessageQueue::coalescingMatchesTypeAndDeviceOnly()
 
 void TestSerialMessageQueue::sentMessageIsNotCoalescedWithALaterOne()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     queue.sendFaderPosition(3, 1);
     queue.sendMeterLevel(1, 1);
@@ -441,7 +440,7 @@ void TestSerialMessageQueue::sentMessageIsNotCoalescedWithALaterOne()
 
 void TestSerialMessageQueue::queueHoldsAtMostOneEntryPerTypeAndDevice()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     for (int step = 0; step < 512; ++step) {
         for (uint8_t fader = 0; fader < 10; ++fader) {
@@ -457,7 +456,7 @@ void TestSerialMessageQueue::queueHoldsAtMostOneEntryPerTypeAndDevice()
 
 void TestSerialMessageQueue::enqueueKeepsTheMessagesFlags()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     queue.enqueue(SerialMessage::makeZeroFill());
     queue.enqueue(SerialMessage(MessageType::Ping, 0, {1, 2}, true));
@@ -472,7 +471,7 @@ void TestSerialMessageQueue::enqueueKeepsTheMessagesFlags()
 
 void TestSerialMessageQueue::concurrentSendersLoseNoKindAndKeepEachLatestValue()
 {
-    ManualClock clock(kStartNs);
+    ManualClock clock(kOriginNs);
     SerialMessageQueue queue;
     constexpr int kThreads = 4;
     constexpr int kSteps = 2000;

@@ -6,23 +6,24 @@
 
 #include "base/settings.h"
 #include "software/qmlcontrollerconnection.h"
+#include "support/deferreddeletes.h"
 
 using namespace Velmora::Worksurface;
 
 namespace {
 
 // Far enough from zero that the links' own start-up timing is not special.
-constexpr qint64 kStartNs = 1000LL * 1000000LL;
+constexpr qint64 kOriginNs = 1000LL * 1000000LL;
 
 }  // namespace
 
 BindingTestRig::DeferredDeleteFlusher::~DeferredDeleteFlusher()
 {
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
 }
 
 BindingTestRig::BindingTestRig(uint8_t mode, bool install)
-    : clock(kStartNs), fixture(clock, mode), connection(fixture.sharedController(), nullptr)
+    : clock(kOriginNs), fixture(clock, mode), connection(fixture.sharedController(), nullptr)
 {
     fixture.sectionSide().setReaction([this](uint8_t section, const SerialMessage& message) {
         if (message.type != MessageType::Ping) {

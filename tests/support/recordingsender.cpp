@@ -2,13 +2,12 @@
 
 #include <utility>
 
+#include "support/manualclock.h"
 #include "tasks/monotonicclock.h"
 
 using namespace Velmora::Worksurface;
 
 namespace {
-
-constexpr qint64 kNsPerMs = 1000000;
 
 std::vector<uint8_t> word(uint16_t value)
 {
@@ -22,7 +21,7 @@ void RecordingSender::record(uint8_t type, uint8_t deviceId, std::vector<uint8_t
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_sent.push_back(Sent{SerialMessage(type, deviceId, std::move(payload)),
-                          MonotonicClock::nowNs() + delayMs * kNsPerMs});
+                          MonotonicClock::nowNs() + delayMs * kMs});
 }
 
 void RecordingSender::sendFaderPosition(uint8_t deviceId, uint16_t value)

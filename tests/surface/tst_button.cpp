@@ -3,6 +3,7 @@
 #include <QtTest/QtTest>
 #include <memory>
 
+#include "support/deferreddeletes.h"
 #include "surface/button.h"
 #include "surface/buttonhandle.h"
 #include "surface/deviceidtable.h"
@@ -247,7 +248,7 @@ void TestButton::detachingTheCurrentHandleDropsIt()
     QCOMPARE(handle->button(), nullptr);
     handle.reset();
     // The button let go of it too: its last owner is gone.
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
     QVERIFY(!watch);
 
     QVERIFY(button.handleMessage(buttonMessage({1})));
@@ -301,12 +302,12 @@ void TestButton::handleIsDeletedLaterWhenItsLastOwnerGoes()
     std::shared_ptr<ButtonHandle> handle = button.getHandle();
     QPointer<ButtonHandle> watch(handle.get());
     handle.reset();
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
     QVERIFY(watch);  // the button still owns it
 
     button.getHandle();
     QVERIFY(watch);  // dropped, but deleted only by the event loop
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
     QVERIFY(!watch);
 }
 

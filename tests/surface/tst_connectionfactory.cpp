@@ -24,9 +24,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kMs = 1000000;
-constexpr qint64 kStartNs = 1000LL * 1000 * kMs;
-
 struct Bench
 {
     ManualClock clock{kStartNs};

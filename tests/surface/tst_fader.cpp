@@ -9,7 +9,9 @@
 #include "base/restmode.h"
 #include "serial/serialmessage.h"
 #include "serial/serialmessagequeue.h"
+#include "support/deferreddeletes.h"
 #include "support/manualclock.h"
+#include "support/serialframes.h"
 #include "surface/controltypes.h"
 #include "surface/fader.h"
 #include "surface/faderhandle.h"
@@ -17,27 +19,10 @@
 
 using namespace Velmora::Worksurface;
 
-namespace Velmora::Worksurface {
-char* toString(const SerialMessage& message)
-{
-    QByteArray payload;
-    for (uint8_t byte : message.payload) {
-        payload.append(static_cast<char>(byte));
-    }
-    return qstrdup(QByteArray("SerialMessage(type " + QByteArray::number(message.type) +
-                              ", device " + QByteArray::number(message.deviceId) + ", payload " +
-                              payload.toHex(' ') + ")")
-                       .constData());
-}
-}  // namespace Velmora::Worksurface
-
 namespace {
 
 using Messages = QList<SerialMessage>;
 
-constexpr qint64 kMs = 1000000;
-// Far from zero, so that "150 ms before construction" is an ordinary time.
-constexpr qint64 kStartNs = 1000000 * kMs;
 constexpr uint8_t kDevice = 3;
 constexpr uint8_t kSection = 1;
 
@@ -142,7 +127,7 @@ private slots:
     void cleanup()
     {
         // Handles are deleted with deleteLater; let them go between tests.
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        flushDeferredDeletes();
     }
 
     // --- Construction ----------------------------------------------------------------
@@ -1228,7 +1213,7 @@ private slots:
         rig.fader->releaseHandle(handle.get());
         handle.reset();
         QVERIFY(guard);
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        flushDeferredDeletes();
         QVERIFY(!guard);
         rig.deliverQueuedCalls();
         COMPARE_NOTHING_SENT(rig);
@@ -1263,7 +1248,7 @@ private slots:
         rig.fader->releaseHandle(handle.get());
         handle.reset();
         QVERIFY(guard);
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        flushDeferredDeletes();
         QVERIFY(!guard);
     }
 

@@ -7,6 +7,7 @@
 
 #include "serial/serialmessage.h"
 #include "serial/serialmessagequeue.h"
+#include "support/deferreddeletes.h"
 #include "support/manualclock.h"
 #include "surface/controltypes.h"
 #include "surface/fader.h"
@@ -14,19 +15,14 @@
 
 using namespace Velmora::Worksurface;
 
-namespace {
-
-constexpr qint64 kMs = 1000000;
-constexpr qint64 kStartNs = 1000000 * kMs;
-
-}  // namespace
+namespace {}  // namespace
 
 class TestFaderHandle : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void cleanup() { QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); }
+    void cleanup() { flushDeferredDeletes(); }
 
     void signalsHaveIndexes0To6InDeclarationOrder_data()
     {
@@ -183,7 +179,7 @@ private slots:
         }
         // Both owners are gone, but the handle waits for its event loop.
         QVERIFY(guard);
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        flushDeferredDeletes();
         QVERIFY(!guard);
     }
 };

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "serial/serialmessagequeue.h"
+#include "support/deferreddeletes.h"
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
 #include "support/recordingsender.h"
@@ -17,7 +18,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kMs = 1000000;
 constexpr qint64 kStart = 1000 * kMs;
 constexpr uint8_t kLedType = 11;
 // The next-snapshot switch's LED in the master section.
@@ -668,12 +668,12 @@ void TestLed::handleIsDeletedLaterWhenItsLastOwnerGoes()
     QPointer<LedHandle> watch(handle.get());
     handle.reset();
     // The LED still owns it.
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
     QVERIFY(watch);
 
     rig.led->getHandle();  // detaches and drops the first one
     QVERIFY(watch);        // not deleted on the spot...
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
     QVERIFY(!watch);  // ...but by the event loop
 }
 

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "serial/serialmessagequeue.h"
+#include "support/deferreddeletes.h"
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
 #include "support/recordingsender.h"
@@ -13,7 +14,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kMs = 1000000;
 constexpr qint64 kStart = 3000 * kMs;
 constexpr uint8_t kLevelType = 13;
 constexpr uint8_t kPeakType = 14;
@@ -299,7 +299,7 @@ void TestMeter::handleIsDeletedLaterWhenItsLastOwnerGoes()
     handle.reset();
     rig.meter.getHandle();
     QVERIFY(watch);
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
     QVERIFY(!watch);
 }
 

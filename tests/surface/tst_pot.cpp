@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "serial/serialmessagequeue.h"
+#include "support/deferreddeletes.h"
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
 #include "support/recordingsender.h"
@@ -16,7 +17,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kMs = 1000000;
 constexpr qint64 kStart = 7000 * kMs;
 constexpr uint8_t kColorType = 12;
 constexpr uint8_t kPotValueType = 17;
@@ -398,11 +398,11 @@ void TestPot::handleIsDeletedLaterWhenItsLastOwnerGoes()
     std::shared_ptr<PotHandle> handle = rig.pot->getHandle();
     QPointer<PotHandle> watch(handle.get());
     handle.reset();
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
     QVERIFY(watch);
     rig.pot->getHandle();
     QVERIFY(watch);
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
     QVERIFY(!watch);
 }
 

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "serial/serialmessagequeue.h"
+#include "support/deferreddeletes.h"
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
 #include "support/recordingsender.h"
@@ -13,7 +14,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kMs = 1000000;
 constexpr qint64 kStart = 5000 * kMs;
 constexpr uint8_t kColorType = 12;
 // The snapshot logo of the master section.
@@ -277,7 +277,7 @@ void TestRgbLed::handleIsDeletedLaterWhenItsLastOwnerGoes()
     handle->detach();
     handle.reset();
     QVERIFY(watch);
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
     QVERIFY(!watch);
 }
 

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "serial/serialmessagequeue.h"
+#include "support/deferreddeletes.h"
 #include "support/logcapture.h"
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
@@ -21,7 +22,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kMs = 1000000;
 constexpr qint64 kStart = 2000 * kMs;
 constexpr uint8_t kColorType = 12;
 constexpr uint8_t kSection = 0;
@@ -732,11 +732,11 @@ void TestRotary::handleIsDeletedLaterWhenItsLastOwnerGoes()
     std::shared_ptr<RotaryHandle> handle = rig.rotary->getHandle();
     QPointer<RotaryHandle> watch(handle.get());
     handle.reset();
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
     QVERIFY(watch);
     rig.rotary->getHandle();
     QVERIFY(watch);
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    flushDeferredDeletes();
     QVERIFY(!watch);
 }
 

@@ -28,8 +28,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kStartNs = 1000LL * 1000 * 1000 * 1000;
-
 // The handlers of one channel strip, in the order they are registered.
 QStringList stripHandlers(int strip)
 {

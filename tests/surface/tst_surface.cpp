@@ -32,7 +32,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kStartNs = 1000LL * 1000 * 1000 * 1000;
 constexpr int kNone = -1;
 
 // A section with no controls that reports what the surface does to it, into a log shared

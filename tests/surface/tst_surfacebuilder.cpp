@@ -37,9 +37,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kMs = 1000000;
-constexpr qint64 kStartNs = 1000LL * 1000 * kMs;
-
 template <typename List, typename Id>
 QList<int> ids(const List& list, Id idOf)
 {

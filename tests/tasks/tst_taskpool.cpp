@@ -14,8 +14,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kMs = 1000000;
-
 // Counts its runs and optionally does something inside the run, the way a section
 // connection or a fader step does its work from the pool.
 class RecordingTask : public ITask

@@ -21,8 +21,6 @@ using Packet = BootloaderPacket;
 
 namespace {
 
-constexpr qint64 kMs = 1000000;
-
 const QByteArray kAck = QByteArray::fromHex("cc");
 const QByteArray kNak = QByteArray::fromHex("33");
 const QByteArray kNotBootLoader = QByteArray::fromHex("aa");

@@ -1,0 +1,9 @@
+#include "support/deferreddeletes.h"
+
+#include <QCoreApplication>
+#include <QEvent>
+
+void flushDeferredDeletes()
+{
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
