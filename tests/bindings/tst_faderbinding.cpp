@@ -183,6 +183,7 @@ private slots:
     void detentAndBackstopAreKeptAsPositions();
     void conversionModeSwitchMovesTheDetentAndKeepsTheValue();
     void lockSendsEnabledThenPositionAndOnlyEnabledWhenSwitchedOff();
+    void lockEnabledReachesTheFaderBeforeItsPosition();
 
     // Read-back
     void moveNearTheDetentSnapsToUnity_data();
@@ -726,6 +727,62 @@ void TestFaderBinding::conversionModeSwitchMovesTheDetentAndKeepsTheValue()
 
     binding.setConversionMode(ResponseCurve::GraphicsEq);
     QCOMPARE(modeChanged.count(), 1);
+}
+
+namespace {
+
+// Delivers the queued calls that reach one fader itself, one at a time, and notes the
+// fader's lock state after each: the order of the calls shows in the order of the states.
+class LockStateRecorder : public QObject
+{
+public:
+    explicit LockStateRecorder(Fader& fader) : m_fader(fader) { fader.installEventFilter(this); }
+    ~LockStateRecorder() override { m_fader.removeEventFilter(this); }
+
+    QStringList states;
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override
+    {
+        if (watched != &m_fader || event->type() != QEvent::MetaCall) {
+            return false;
+        }
+        m_fader.event(event);
+        states << QStringLiteral("enabled %1 position %2")
+                      .arg(m_fader.lockEnabled())
+                      .arg(m_fader.lockPosition());
+        return true;
+    }
+
+private:
+    Fader& m_fader;
+};
+
+}  // namespace
+
+void TestFaderBinding::lockEnabledReachesTheFaderBeforeItsPosition()
+{
+    Rig rig;
+    FaderBinding binding;
+    binding.setValue(0.0f);
+    declare(binding, &rig.connection, FaderBinding::Fader, 0, 3);
+    rig.settle();
+    const std::shared_ptr<Fader> fader = rig.fader(0, 3);
+    binding.lock()->setValue(-10.0f);
+    rig.settle();
+
+    LockStateRecorder recorder(*fader);
+    binding.lock()->setEnabled(true);
+    QCoreApplication::sendPostedEvents();
+    // Enabled first (the position still the old one), then the position: had the position
+    // come first, the fader would have held it for a moment with its lock still off.
+    QCOMPARE(recorder.states, QStringList({"enabled 1 position 0", "enabled 1 position 260"}));
+
+    // Switched off, only the state goes.
+    recorder.states.clear();
+    binding.lock()->setEnabled(false);
+    QCoreApplication::sendPostedEvents();
+    QCOMPARE(recorder.states, QStringList({"enabled 0 position 260"}));
 }
 
 void TestFaderBinding::lockSendsEnabledThenPositionAndOnlyEnabledWhenSwitchedOff()

@@ -33,6 +33,33 @@ TestCase {
                message)
     }
 
+    // Only 1.0 is installed: under any other version no type of the module resolves, and
+    // the error names the module and the version asked for.
+    function test_otherVersionsDoNotResolveTheTypes_data() {
+        var rows = []
+        var versions = ["0.9", "1.1", "2.0"]
+        var types = ["FaderBinding", "ButtonBinding", "MeterBinding", "FaderControl"]
+        for (var v = 0; v < versions.length; ++v) {
+            for (var t = 0; t < types.length; ++t) {
+                rows.push({ tag: versions[v] + " " + types[t], version: versions[v],
+                            type: types[t] })
+            }
+        }
+        return rows
+    }
+
+    function test_otherVersionsDoNotResolveTheTypes(data) {
+        var message = creationError("import Tarvix.Worksurface " + data.version + "; "
+                                    + data.type + " {}")
+        verify(message !== "", "the type resolved")
+        verify(message.indexOf("Tarvix.Worksurface") >= 0, message)
+        verify(message.indexOf(data.version) >= 0, message)
+        // The same type under 1.0 is there, so it is the version that fails.
+        var object = createdObject("import Tarvix.Worksurface 1.0; " + data.type + " {}")
+        verify(object !== null)
+        object.destroy()
+    }
+
     function test_uncreatableTypesGiveTheirReason_data() {
         return [
             { tag: "FlashInfo", reason: "Can't create FlashInfo from qml" },

@@ -102,6 +102,7 @@ private slots:
     // Flashing
     void flashWithInterval500TogglesEvery250msBetweenBrightnessAndZero();
     void settingTheIntervalToZeroStopsTheTogglingAndLeavesThePhaseUnlit();
+    void settingTheIntervalToZeroWhileLitStopsTheTogglingAndLeavesThePhaseLit();
     void changingTheIntervalWhileLitCancelsAtOnceAndKeepsThePhase();
     void switchingOffStopsTheFlashAtItsNextStepAndLeavesThePhaseUnlit();
     void switchingOnAgainRestartsAStoppedFlash();
@@ -290,6 +291,35 @@ void TestLed::settingTheIntervalToZeroStopsTheTogglingAndLeavesThePhaseUnlit()
     const qint64 first = kStart + 2750 * kMs + 1;
     rig.tickAt(first);
     QCOMPARE(rig.drainUntil(first + 100 * kMs), QStringList{ledMessage("ff00", first + 100 * kMs)});
+}
+
+void TestLed::settingTheIntervalToZeroWhileLitStopsTheTogglingAndLeavesThePhaseLit()
+{
+    QueueRig rig;
+    rig.led->setOn(1);
+    rig.led->setFlashEnabled(true);
+    rig.led->setFlashInterval(500);
+    rig.drainUntil(kStart);
+    rig.tickAt(kStart + 250 * kMs + 1);
+    rig.drainUntil(kStart + 350 * kMs + 1);
+    QCOMPARE(rig.led->flashPhase(), true);
+
+    rig.clock.setNs(kStart + 450 * kMs);
+    rig.led->setFlashInterval(0);
+    QCOMPARE(rig.led->flashInterval(), int64_t(0));
+    // The step that was due at 500 ms + 2 ns, and every one after it, does not come.
+    for (qint64 t = kStart + 500 * kMs; t <= kStart + 2000 * kMs; t += 5 * kMs) {
+        rig.tickAt(t + 2);
+    }
+    QCOMPARE(rig.drainUntil(kStart + 2500 * kMs), QStringList());
+    QCOMPARE(rig.led->flashPhase(), true);
+    QCOMPARE(rig.pool->taskCount(), std::size_t(0));
+
+    // Flashing again starts from the lit phase: the first step darkens the LED.
+    rig.led->setFlashInterval(500);
+    const qint64 first = kStart + 2750 * kMs + 1;
+    rig.tickAt(first);
+    QCOMPARE(rig.drainUntil(first + 100 * kMs), QStringList{ledMessage("0000", first + 100 * kMs)});
 }
 
 void TestLed::changingTheIntervalWhileLitCancelsAtOnceAndKeepsThePhase()
