@@ -11,6 +11,7 @@
 #include "support/deferreddeletes.h"
 #include "support/fakesoftwarehandler.h"
 #include "support/manualclock.h"
+#include "support/signallog.h"
 #include "support/softwaresurfacefixture.h"
 #include "surface/componentfactory.h"
 #include "surface/ibutton.h"
@@ -133,15 +134,13 @@ struct SwitchRig
 };
 
 // Both binding signals, in the order they came.
-class SignalLog : public QObject
+struct BindingSignals : SignalLog
 {
-public:
-    explicit SignalLog(ButtonBinding& binding)
+    explicit BindingSignals(ButtonBinding& binding)
     {
-        connect(&binding, &ButtonBinding::buttonPressed, this, [this]() { events << "pressed"; });
-        connect(&binding, &ButtonBinding::buttonReleased, this, [this]() { events << "released"; });
+        record(&binding, &ButtonBinding::buttonPressed, "pressed");
+        record(&binding, &ButtonBinding::buttonReleased, "released");
     }
-    QStringList events;
 };
 
 // Plays QML creating a binding with its initial values.
@@ -231,7 +230,7 @@ void TestButtonBinding::pressAndReleaseReachTheBinding()
 {
     Rig rig;
     ButtonBinding binding;
-    SignalLog log(binding);
+    BindingSignals log(binding);
     declare(binding, &rig.connection, ButtonBinding::Mute, 0, 3);
     rig.press(0, 3);
     // The section repeating a state is signalled once.
@@ -274,7 +273,7 @@ void TestButtonBinding::bindsTheButtonItsTypeAndIndexSelect()
 
     Rig rig;
     ButtonBinding binding;
-    SignalLog log(binding);
+    BindingSignals log(binding);
     declare(binding, &rig.connection, static_cast<ButtonBinding::ButtonType>(type), section, index);
     const QList<uint8_t> ids = buttonIds(static_cast<uint8_t>(section));
     QVERIFY(ids.contains(static_cast<uint8_t>(device)));
@@ -317,7 +316,7 @@ void TestButtonBinding::underscreenRotaryIndexNineBindsButtonThirty()
 {
     SwitchRig rig(ButtonBinding::UnderscreenRotary, 10);
     ButtonBinding binding;
-    SignalLog log(binding);
+    BindingSignals log(binding);
     declare(binding, &rig.connection, ButtonBinding::UnderscreenRotary, 0, 9);
     rig.press(29);
     rig.press(31);
@@ -342,7 +341,7 @@ void TestButtonBinding::sideRotaryIndexFiveBindsButtonThirtySixAndIndexSixNothin
 {
     SwitchRig rig(ButtonBinding::SideRotary, 6);
     ButtonBinding binding;
-    SignalLog log(binding);
+    BindingSignals log(binding);
     declare(binding, &rig.connection, ButtonBinding::SideRotary, 0, 5);
     rig.press(35);
     QCOMPARE(log.events, QStringList());
@@ -380,7 +379,7 @@ void TestButtonBinding::inactiveBindingNeverBinds()
 {
     Rig rig;
     ButtonBinding binding;
-    SignalLog log(binding);
+    BindingSignals log(binding);
     declare(binding, &rig.connection, ButtonBinding::Mute, 0, 3, false);
     for (int index = 0; index < 12; ++index) {
         binding.setIndex(index);
@@ -393,7 +392,7 @@ void TestButtonBinding::typeTakesEffectOnlyAtTheNextLookup()
 {
     Rig rig;
     ButtonBinding binding;
-    SignalLog log(binding);
+    BindingSignals log(binding);
     declare(binding, &rig.connection, ButtonBinding::Mute, 0, 3);
     QSignalSpy typeChanged(&binding, &ButtonBinding::typeChanged);
     binding.setType(ButtonBinding::Solo);
@@ -420,7 +419,7 @@ void TestButtonBinding::changingIndexMovesToTheNewButton()
 {
     Rig rig;
     ButtonBinding binding;
-    SignalLog log(binding);
+    BindingSignals log(binding);
     declare(binding, &rig.connection, ButtonBinding::Mute, 0, 3);
     binding.setIndex(4);
     rig.press(0, 3);
@@ -439,7 +438,7 @@ void TestButtonBinding::settingTheSameConnectionAgainKeepsTheButton()
 {
     Rig rig;
     ButtonBinding binding;
-    SignalLog log(binding);
+    BindingSignals log(binding);
     declare(binding, &rig.connection, ButtonBinding::Mute, 0, 3);
     rig.press(0, 3);
     binding.setConnection(&rig.connection);
@@ -452,7 +451,7 @@ void TestButtonBinding::makingItInactiveWithNoSurfaceReachableReleasesTheButton(
 {
     Rig rig;
     ButtonBinding binding;
-    SignalLog log(binding);
+    BindingSignals log(binding);
     declare(binding, &rig.connection, ButtonBinding::Mute, 0, 3);
 
     // Without a connection the binding keeps its button...
@@ -487,7 +486,7 @@ void TestButtonBinding::destructorReleasesTheButton()
 
     // A new binding takes the button over as usual.
     ButtonBinding next;
-    SignalLog log(next);
+    BindingSignals log(next);
     declare(next, &rig.connection, ButtonBinding::Mute, 0, 3);
     rig.release(0, 3);
     QCOMPARE(log.events, QStringList({"released"}));

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "support/deferreddeletes.h"
+#include "support/signallog.h"
 #include "surface/button.h"
 #include "surface/buttonhandle.h"
 #include "surface/deviceidtable.h"
@@ -23,15 +24,13 @@ SerialMessage buttonMessage(std::vector<uint8_t> payload, uint8_t deviceId = kDe
 }
 
 // Both handle signals, in the order they came.
-class SignalLog : public QObject
+struct HandleSignals : SignalLog
 {
-public:
-    explicit SignalLog(ButtonHandle* handle)
+    explicit HandleSignals(ButtonHandle* handle)
     {
-        connect(handle, &ButtonHandle::buttonPressed, this, [this]() { events << "pressed"; });
-        connect(handle, &ButtonHandle::buttonReleased, this, [this]() { events << "released"; });
+        record(handle, &ButtonHandle::buttonPressed, "pressed");
+        record(handle, &ButtonHandle::buttonReleased, "released");
     }
-    QStringList events;
 };
 
 }  // namespace
@@ -110,7 +109,7 @@ void TestButton::pressAndReleaseReachTheHandle()
 {
     Button button(kDevice, kSection, ButtonType::Solo);
     const std::shared_ptr<ButtonHandle> handle = button.getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
 
     QVERIFY(button.handleMessage(buttonMessage({1})));
     QCOMPARE(button.pressed(), true);
@@ -123,7 +122,7 @@ void TestButton::aRepeatedButtonStateEmitsOnlyOnce()
 {
     Button button(kDevice, kSection, ButtonType::Solo);
     const std::shared_ptr<ButtonHandle> handle = button.getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
 
     // Both messages are the button's and are taken; only the change is signalled.
     QVERIFY(button.handleMessage(buttonMessage({1})));
@@ -149,7 +148,7 @@ void TestButton::anyNonzeroByteIsPressed()
     QFETCH(int, byte);
     Button button(kDevice, kSection, ButtonType::Solo);
     const std::shared_ptr<ButtonHandle> handle = button.getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
     QVERIFY(button.handleMessage(buttonMessage({static_cast<uint8_t>(byte), 0})));
     QCOMPARE(button.pressed(), true);
     QCOMPARE(log.events, QStringList{"pressed"});
@@ -159,7 +158,7 @@ void TestButton::aMissingByteKeepsTheStoredState()
 {
     Button button(kDevice, kSection, ButtonType::Solo);
     const std::shared_ptr<ButtonHandle> handle = button.getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
 
     QVERIFY(button.handleMessage(buttonMessage({})));
     QCOMPARE(button.pressed(), false);
@@ -186,7 +185,7 @@ void TestButton::messagesOfOtherDevicesOrTypesAreNotTaken()
     QFETCH(int, deviceId);
     Button button(kDevice, kSection, ButtonType::Solo);
     const std::shared_ptr<ButtonHandle> handle = button.getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
 
     QVERIFY(!button.handleMessage(
         SerialMessage(static_cast<uint8_t>(type), static_cast<uint8_t>(deviceId), {1, 1, 1})));
@@ -201,7 +200,7 @@ void TestButton::changesWithoutAHandleAreStoredSilently()
     QCOMPARE(button.pressed(), true);
 
     const std::shared_ptr<ButtonHandle> handle = button.getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
     // Already pressed: no change, so nothing to tell the new handle.
     QVERIFY(button.handleMessage(buttonMessage({1})));
     QCOMPARE(log.events, QStringList());
@@ -213,7 +212,7 @@ void TestButton::resendStateDoesNothing()
 {
     Button button(kDevice, kSection, ButtonType::Solo);
     const std::shared_ptr<ButtonHandle> handle = button.getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
     button.handleMessage(buttonMessage({1}));
     button.setLinkReady(false);
     button.setLinkReady(true);
@@ -225,9 +224,9 @@ void TestButton::secondHandleDetachesTheFirst()
 {
     Button button(kDevice, kSection, ButtonType::Solo);
     const std::shared_ptr<ButtonHandle> first = button.getHandle();
-    SignalLog firstLog(first.get());
+    HandleSignals firstLog(first.get());
     const std::shared_ptr<ButtonHandle> second = button.getHandle();
-    SignalLog secondLog(second.get());
+    HandleSignals secondLog(second.get());
 
     QVERIFY(second != first);
     QCOMPARE(first->button(), nullptr);
@@ -242,7 +241,7 @@ void TestButton::detachingTheCurrentHandleDropsIt()
     Button button(kDevice, kSection, ButtonType::Solo);
     std::shared_ptr<ButtonHandle> handle = button.getHandle();
     QPointer<ButtonHandle> watch(handle.get());
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
 
     handle->detach();
     QCOMPARE(handle->button(), nullptr);
@@ -261,7 +260,7 @@ void TestButton::releasingAStaleHandleKeepsTheCurrentOne()
     Button button(kDevice, kSection, ButtonType::Solo);
     const std::shared_ptr<ButtonHandle> first = button.getHandle();
     const std::shared_ptr<ButtonHandle> second = button.getHandle();
-    SignalLog log(second.get());
+    HandleSignals log(second.get());
 
     button.releaseHandle(first.get());
     QCOMPARE(second->button(), &button);
@@ -273,10 +272,10 @@ void TestButton::detachedHandleGetsNothingAndDetachesOnlyOnce()
 {
     Button button(kDevice, kSection, ButtonType::Solo);
     const std::shared_ptr<ButtonHandle> first = button.getHandle();
-    SignalLog firstLog(first.get());
+    HandleSignals firstLog(first.get());
     first->detach();
     const std::shared_ptr<ButtonHandle> second = button.getHandle();
-    SignalLog secondLog(second.get());
+    HandleSignals secondLog(second.get());
 
     // A second detach of the old handle must not release the new one.
     first->detach();

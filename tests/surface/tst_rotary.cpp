@@ -12,6 +12,7 @@
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
 #include "support/recordingsender.h"
+#include "support/signallog.h"
 #include "surface/deviceidtable.h"
 #include "surface/iglobalrotarybindingtarget.h"
 #include "surface/rotary.h"
@@ -98,17 +99,14 @@ struct RecordingRig : Rig<RecordingSender>
 };
 
 // The three handle signals, in the order they came.
-class SignalLog : public QObject
+struct HandleSignals : SignalLog
 {
-public:
-    explicit SignalLog(RotaryHandle* handle)
+    explicit HandleSignals(RotaryHandle* handle)
     {
-        connect(handle, &RotaryHandle::rotaryRotated, this,
-                [this](qint8 value) { events << QStringLiteral("rotated %1").arg(value); });
-        connect(handle, &RotaryHandle::rotaryTouched, this, [this]() { events << "touched"; });
-        connect(handle, &RotaryHandle::rotaryPressed, this, [this]() { events << "pressed"; });
+        recordWithValue(handle, &RotaryHandle::rotaryRotated, "rotated");
+        record(handle, &RotaryHandle::rotaryTouched, "touched");
+        record(handle, &RotaryHandle::rotaryPressed, "pressed");
     }
-    QStringList events;
 };
 
 // Starts a red rotary flashing at 400 ms at kStart.
@@ -232,7 +230,7 @@ void TestRotary::rotationWithoutPayloadIsStepZero()
 {
     RecordingRig rig;
     const std::shared_ptr<RotaryHandle> handle = rig.rotary->getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
     QVERIFY(rig.rotary->handleMessage(SerialMessage(18, rig.ids.rotary)));
     QCOMPARE(log.events, QStringList{"rotated 0"});
 }
@@ -243,7 +241,7 @@ void TestRotary::rotationWithoutAHandleIsTakenSilently()
     QVERIFY(rig.rotary->handleMessage(SerialMessage(18, rig.ids.rotary, {1})));
     // A handle given out afterwards hears only what comes after.
     const std::shared_ptr<RotaryHandle> handle = rig.rotary->getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
     QVERIFY(rig.rotary->handleMessage(SerialMessage(18, rig.ids.rotary, {2})));
     QCOMPARE(log.events, QStringList{"rotated 2"});
 }
@@ -252,7 +250,7 @@ void TestRotary::touchIsStoredAndSignalledEveryTime()
 {
     RecordingRig rig;
     const std::shared_ptr<RotaryHandle> handle = rig.rotary->getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
     QVERIFY(rig.rotary->handleMessage(SerialMessage(19, rig.ids.rotary, {1})));
     QCOMPARE(rig.rotary->touched(), true);
     QCOMPARE(handle->touched(), true);
@@ -267,7 +265,7 @@ void TestRotary::aTouchMessageWithoutAHandleChangesTheStateWithoutASignal()
 {
     RecordingRig rig;
     auto handle = rig.rotary->getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
     handle->detach();  // the rotary has no handle now
 
     QVERIFY(rig.rotary->handleMessage(SerialMessage(19, rig.ids.rotary, {1})));
@@ -281,7 +279,7 @@ void TestRotary::aMissingTouchOrPressByteKeepsTheStoredValue()
 {
     RecordingRig rig;
     const std::shared_ptr<RotaryHandle> handle = rig.rotary->getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
     rig.rotary->handleMessage(SerialMessage(19, rig.ids.rotary, {1}));
     rig.rotary->handleMessage(SerialMessage(20, rig.ids.button, {1}));
     QVERIFY(rig.rotary->handleMessage(SerialMessage(19, rig.ids.rotary)));
@@ -296,7 +294,7 @@ void TestRotary::pressComesOnTheButtonId()
     RecordingRig rig;  // under-screen rotary 3: push switch 24
     QCOMPARE(rig.ids.button, uint8_t(24));
     const std::shared_ptr<RotaryHandle> handle = rig.rotary->getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
     QVERIFY(rig.rotary->handleMessage(SerialMessage(20, 24, {0x10})));
     QCOMPARE(rig.rotary->pressed(), true);
     QCOMPARE(handle->pressed(), true);
@@ -327,7 +325,7 @@ void TestRotary::messagesNotForThisRotaryAreNotTaken()
     QFETCH(int, deviceId);
     RecordingRig rig;
     const std::shared_ptr<RotaryHandle> handle = rig.rotary->getHandle();
-    SignalLog log(handle.get());
+    HandleSignals log(handle.get());
     QVERIFY(!rig.rotary->handleMessage(
         SerialMessage(static_cast<uint8_t>(type), static_cast<uint8_t>(deviceId), {1, 1, 1, 1})));
     QCOMPARE(log.events, QStringList());
