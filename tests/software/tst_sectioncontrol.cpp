@@ -1,0 +1,164 @@
+#include <QtTest>
+
+#include "softwarecontroltest.h"
+
+class TestSectionControl : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    // Section.
+    void sectionControlAnswersPingWithItsTemperature();
+    void pingWithoutSectionControlIsAnsweredWith55PlusIndex();
+    void sectionControlOfAnotherSectionLeavesThePingToTheController();
+    void sectionControlTakesOnlyDevice0();
+    void sectionControlStartsCalibrationOnThePluginsRequest();
+    void sectionControlStopCalibrationReportsDone();
+    void sectionControlSectionIndexAndTemperatureEmitOnlyOnChange();
+    void sectionControlClampsTheTemperatureOnTheWire();
+};
+
+// ---------------------------------------------------------------------------------------
+// Section.
+
+void TestSectionControl::sectionControlAnswersPingWithItsTemperature()
+{
+    Rig rig;
+    SectionControl section;
+    section.setConnection(&rig.connection);
+    section.setSectionIndex(1);
+    section.setTemperature(40);
+    FakeSoftwareHandler after;
+    after.takeAll(true);
+    rig.controller->addSoftwareHandler(&after);
+
+    QVERIFY(section.handleSoftwareMessage(1, message(MessageType::Ping, 0)));
+    QCOMPARE(rig.receiver[1].chunks(), QList<QByteArray>{QByteArray::fromHex("0600000a22285a")});
+
+    rig.clearReceivers();
+    rig.fromPlugin(1, message(MessageType::Ping, 0));
+    // Answered once, by the section control (the controller adds no answer of its own).
+    QCOMPARE(rig.receiver[1].chunks(), QList<QByteArray>{QByteArray::fromHex("0600000a22285a")});
+    QCOMPARE(after.offerCount(), 0);
+    rig.controller->removeSoftwareHandler(&after);
+}
+
+void TestSectionControl::pingWithoutSectionControlIsAnsweredWith55PlusIndex()
+{
+    Rig rig;
+    ButtonControl button;  // a control that does not play the section itself
+    button.setType(ButtonBinding::Mute);
+    attach(button, rig, 1, 0);
+
+    rig.fromPlugin(1, message(MessageType::Ping, 0));
+    rig.fromPlugin(2, message(MessageType::Ping, 0));
+
+    QCOMPARE(rig.receiver[1].chunks(), QList<QByteArray>{QByteArray::fromHex("0600000a22386a")});
+    QCOMPARE(rig.receiver[2].chunks(), QList<QByteArray>{QByteArray::fromHex("0600000a22396b")});
+}
+
+void TestSectionControl::sectionControlOfAnotherSectionLeavesThePingToTheController()
+{
+    Rig rig;
+    SectionControl section;
+    section.setConnection(&rig.connection);
+    section.setSectionIndex(2);
+    section.setTemperature(40);
+
+    QVERIFY(!section.handleSoftwareMessage(0, message(MessageType::Ping, 0)));
+    rig.fromPlugin(0, message(MessageType::Ping, 0));
+
+    QCOMPARE(rig.receiver[0].chunks(), QList<QByteArray>{QByteArray::fromHex("0600000a223769")});
+    QCOMPARE(rig.receiver[2].count(), 0);
+}
+
+void TestSectionControl::sectionControlTakesOnlyDevice0()
+{
+    Rig rig;
+    SectionControl section;
+    section.setConnection(&rig.connection);
+    QSignalSpy calibrating(&section, &SectionControl::calibratingChanged);
+
+    QVERIFY(!section.handleSoftwareMessage(0, message(MessageType::Ping, 1)));
+    QVERIFY(!section.handleSoftwareMessage(0, message(MessageType::Calibration, 4)));
+    QVERIFY(!section.handleSoftwareMessage(0, message(MessageType::SurfaceBrightness, 0, {9})));
+    QVERIFY(!section.handleSoftwareMessage(0, message(MessageType::SerialError, 0)));
+
+    QCOMPARE(rig.receiver[0].count(), 0);
+    QCOMPARE(calibrating.count(), 0);
+}
+
+void TestSectionControl::sectionControlStartsCalibrationOnThePluginsRequest()
+{
+    Rig rig;
+    SectionControl section;
+    section.setConnection(&rig.connection);
+    section.setSectionIndex(2);
+    QSignalSpy calibrating(&section, &SectionControl::calibratingChanged);
+
+    QVERIFY(section.handleSoftwareMessage(2, message(MessageType::Calibration, 0)));
+    QCOMPARE(section.calibrating(), true);
+    QCOMPARE(calibrating.count(), 1);
+    // Each start is announced, a repeated one too.
+    rig.fromPlugin(2, message(MessageType::Calibration, 0));
+    QCOMPARE(calibrating.count(), 2);
+    QCOMPARE(rig.receiver[2].count(), 0);
+}
+
+void TestSectionControl::sectionControlStopCalibrationReportsDone()
+{
+    Rig rig;
+    SectionControl section;
+    section.setConnection(&rig.connection);
+    section.setSectionIndex(1);
+    rig.fromPlugin(1, message(MessageType::Calibration, 0));
+    QSignalSpy calibrating(&section, &SectionControl::calibratingChanged);
+
+    section.stopCalibration();
+
+    QCOMPARE(rig.receiver[1].chunks(), QList<QByteArray>{QByteArray::fromHex("03030006")});
+    QCOMPARE(section.calibrating(), false);
+    QCOMPARE(calibrating.count(), 1);
+}
+
+void TestSectionControl::sectionControlSectionIndexAndTemperatureEmitOnlyOnChange()
+{
+    SectionControl section;
+    QSignalSpy index(&section, &SectionControl::sectionIndexChanged);
+    QSignalSpy temperature(&section, &SectionControl::temperatureChanged);
+
+    section.setSectionIndex(0);
+    section.setTemperature(0);
+    QCOMPARE(index.count(), 0);
+    QCOMPARE(temperature.count(), 0);
+
+    section.setSectionIndex(2);
+    section.setSectionIndex(2);
+    section.setSectionIndex(256);
+    section.setSectionIndex(-1);
+    section.setTemperature(41);
+    section.setTemperature(41);
+    QCOMPARE(index.count(), 1);
+    QCOMPARE(temperature.count(), 1);
+    QCOMPARE(section.sectionIndex(), 2);
+    QCOMPARE(section.temperature(), 41);
+}
+
+void TestSectionControl::sectionControlClampsTheTemperatureOnTheWire()
+{
+    Rig rig;
+    SectionControl section;
+    section.setConnection(&rig.connection);
+
+    section.setTemperature(300);
+    rig.fromPlugin(0, message(MessageType::Ping, 0));
+    section.setTemperature(-4);
+    rig.fromPlugin(0, message(MessageType::Ping, 0));
+
+    QCOMPARE(section.temperature(), -4);
+    QCOMPARE(rig.receiver[0].chunks(), (QList<QByteArray>{QByteArray::fromHex("0600000a22ff31"),
+                                                          QByteArray::fromHex("0600000a220032")}));
+}
+
+QTEST_GUILESS_MAIN(TestSectionControl)
+#include "tst_sectioncontrol.moc"
