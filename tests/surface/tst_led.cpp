@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "serial/serialmessagequeue.h"
+#include "support/componentrig.h"
 #include "support/deferreddeletes.h"
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
@@ -31,37 +32,19 @@ QString ledMessage(const char* payloadHex, qint64 atNs)
 
 // One LED on the section's real queue and the surface's real task pool, under a manual
 // clock; the pool is ticked by hand at chosen instants.
-struct QueueRig
+struct QueueRig : ComponentRig<SerialMessageQueue>
 {
-    ManualClock clock{kStart};
-    std::shared_ptr<SerialMessageQueue> queue = std::make_shared<SerialMessageQueue>();
-    std::shared_ptr<TaskPool> pool = std::make_shared<TaskPool>();
+    QueueRig() : ComponentRig(kStart) {}
     std::shared_ptr<Led> led =
-        std::make_shared<Led>(kDevice, kSection, LedType::NextSnapsthotButton, queue, pool);
-
-    void tickAt(qint64 ns)
-    {
-        clock.setNs(ns);
-        pool->runPendingTasks();
-    }
-    QStringList drainUntil(qint64 ns) { return describe(drainReleased(*queue, clock, ns)); }
+        std::make_shared<Led>(kDevice, kSection, LedType::NextSnapsthotButton, sender, pool);
 };
 
 // The same with a sender that records every call, for counting sends.
-struct RecordingRig
+struct RecordingRig : ComponentRig<RecordingSender>
 {
-    ManualClock clock{kStart};
-    std::shared_ptr<RecordingSender> sender = std::make_shared<RecordingSender>();
-    std::shared_ptr<TaskPool> pool = std::make_shared<TaskPool>();
+    RecordingRig() : ComponentRig(kStart) {}
     std::shared_ptr<Led> led =
         std::make_shared<Led>(kDevice, kSection, LedType::NextSnapsthotButton, sender, pool);
-
-    void tickAt(qint64 ns)
-    {
-        clock.setNs(ns);
-        pool->runPendingTasks();
-    }
-    QStringList take() { return describe(sender->take()); }
 };
 
 // Starts a lit LED flashing at 500 ms at kStart and runs it to its first lit step (at

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "serial/serialmessagequeue.h"
+#include "support/componentrig.h"
 #include "support/deferreddeletes.h"
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
@@ -31,13 +32,10 @@ QString peakMessage(const char* payloadHex, qint64 atNs = kStart)
     return expectedMessage(kPeakType, kDevice, payloadHex, atNs);
 }
 
-struct RecordingRig
+struct RecordingRig : ComponentRig<RecordingSender>
 {
-    ManualClock clock{kStart};
-    std::shared_ptr<RecordingSender> sender = std::make_shared<RecordingSender>();
+    RecordingRig() : ComponentRig(kStart) {}
     Meter meter{kDevice, kSection, MeterType::MasterRight, sender};
-
-    QStringList take() { return describe(sender->take()); }
 };
 
 }  // namespace

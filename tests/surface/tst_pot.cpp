@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "serial/serialmessagequeue.h"
+#include "support/componentrig.h"
 #include "support/deferreddeletes.h"
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
@@ -40,30 +41,15 @@ SerialMessage valueMessage(std::vector<uint8_t> payload, uint8_t deviceId = kIds
 }
 
 template <typename Sender>
-struct Rig
+struct Rig : ComponentRig<Sender>
 {
-    void tickAt(qint64 ns)
-    {
-        clock.setNs(ns);
-        pool->runPendingTasks();
-    }
-
-    ManualClock clock{kStart};
-    std::shared_ptr<Sender> sender = std::make_shared<Sender>();
-    std::shared_ptr<TaskPool> pool = std::make_shared<TaskPool>();
-    std::shared_ptr<Pot> pot =
-        std::make_shared<Pot>(kIds.pot, kIds.light, kSection, PotType::Headphone, sender, pool);
+    Rig() : ComponentRig<Sender>(kStart) {}
+    std::shared_ptr<Pot> pot = std::make_shared<Pot>(kIds.pot, kIds.light, kSection,
+                                                     PotType::Headphone, this->sender, this->pool);
 };
 
-struct QueueRig : Rig<SerialMessageQueue>
-{
-    QStringList drainUntil(qint64 ns) { return describe(drainReleased(*sender, clock, ns)); }
-};
-
-struct RecordingRig : Rig<RecordingSender>
-{
-    QStringList take() { return describe(sender->take()); }
-};
+using QueueRig = Rig<SerialMessageQueue>;
+using RecordingRig = Rig<RecordingSender>;
 
 }  // namespace
 

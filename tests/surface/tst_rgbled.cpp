@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "serial/serialmessagequeue.h"
+#include "support/componentrig.h"
 #include "support/deferreddeletes.h"
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
@@ -25,22 +26,16 @@ QString colorMessage(const char* payloadHex, qint64 atNs)
     return expectedMessage(kColorType, kDevice, payloadHex, atNs);
 }
 
-struct QueueRig
+struct QueueRig : ComponentRig<SerialMessageQueue>
 {
-    ManualClock clock{kStart};
-    std::shared_ptr<SerialMessageQueue> queue = std::make_shared<SerialMessageQueue>();
-    RgbLed rgbLed{kDevice, kSection, RgbLedType::SnapshotLogo, queue};
-
-    QStringList drainUntil(qint64 ns) { return describe(drainReleased(*queue, clock, ns)); }
+    QueueRig() : ComponentRig(kStart) {}
+    RgbLed rgbLed{kDevice, kSection, RgbLedType::SnapshotLogo, sender};
 };
 
-struct RecordingRig
+struct RecordingRig : ComponentRig<RecordingSender>
 {
-    ManualClock clock{kStart};
-    std::shared_ptr<RecordingSender> sender = std::make_shared<RecordingSender>();
+    RecordingRig() : ComponentRig(kStart) {}
     RgbLed rgbLed{kDevice, kSection, RgbLedType::SnapshotLogo, sender};
-
-    QStringList take() { return describe(sender->take()); }
 };
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "serial/serialmessagequeue.h"
+#include "support/componentrig.h"
 #include "support/deferreddeletes.h"
 #include "support/logcapture.h"
 #include "support/manualclock.h"
@@ -61,42 +62,26 @@ public:
 };
 
 template <typename Sender>
-struct Rig
+struct Rig : ComponentRig<Sender>
 {
     explicit Rig(RotaryType type = RotaryType::UnderScreen, uint8_t index = 3)
-        : ids(idsOf(type, index)),
-          rotary(std::make_shared<Rotary>(ids.rotary, ids.light, ids.button, kSection, type, sender,
-                                          pool))
+        : ComponentRig<Sender>(kStart),
+          ids(idsOf(type, index)),
+          rotary(std::make_shared<Rotary>(ids.rotary, ids.light, ids.button, kSection, type,
+                                          this->sender, this->pool))
     {}
 
-    void tickAt(qint64 ns)
-    {
-        clock.setNs(ns);
-        pool->runPendingTasks();
-    }
     QString color(const char* payloadHex, qint64 atNs) const
     {
         return expectedMessage(kColorType, ids.light, payloadHex, atNs);
     }
 
-    ManualClock clock{kStart};
-    std::shared_ptr<Sender> sender = std::make_shared<Sender>();
-    std::shared_ptr<TaskPool> pool = std::make_shared<TaskPool>();
     Ids ids;
     std::shared_ptr<Rotary> rotary;
 };
 
-struct QueueRig : Rig<SerialMessageQueue>
-{
-    using Rig::Rig;
-    QStringList drainUntil(qint64 ns) { return describe(drainReleased(*sender, clock, ns)); }
-};
-
-struct RecordingRig : Rig<RecordingSender>
-{
-    using Rig::Rig;
-    QStringList take() { return describe(sender->take()); }
-};
+using QueueRig = Rig<SerialMessageQueue>;
+using RecordingRig = Rig<RecordingSender>;
 
 // The three handle signals, in the order they came.
 struct HandleSignals : SignalLog
