@@ -11,6 +11,7 @@
 #include "bindings/faderbinding.h"
 #include "bindings/surfaceconnection.h"
 #include "software/qmlcontrollerconnection.h"
+#include "support/bindingtestrig.h"
 #include "support/deferreddeletes.h"
 #include "support/fakesoftwarehandler.h"
 #include "support/manualclock.h"
@@ -28,13 +29,11 @@ constexpr uint8_t kFaderBackstop = 8;
 constexpr uint8_t kFaderDetent = 9;
 constexpr uint8_t kFaderDriveMode = 10;
 
+// A frame as the tests of the bindings write them (BindingTestRig::frame).
 QString frame(int section, int type, int device, const char* payloadHex)
 {
-    return QStringLiteral("section %1 type %2 device %3 payload %4")
-        .arg(section)
-        .arg(type)
-        .arg(device)
-        .arg(QString::fromLatin1(payloadHex));
+    return BindingTestRig::frame(static_cast<uint8_t>(section), static_cast<uint8_t>(type),
+                                 static_cast<uint8_t>(device), payloadHex);
 }
 
 // The smallest binding: it counts its updates and, following the binding contract, looks

@@ -15,6 +15,7 @@
 #include "bindings/responsecurve.h"
 #include "bindings/surfaceconnection.h"
 #include "software/qmlcontrollerconnection.h"
+#include "support/bindingtestrig.h"
 #include "support/deferreddeletes.h"
 #include "support/fakesoftwarehandler.h"
 #include "support/logcapture.h"
@@ -36,13 +37,11 @@ constexpr uint8_t kFaderTouch = 16;
 constexpr float kInf = std::numeric_limits<float>::infinity();
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 
+// A frame as the tests of the bindings write them (BindingTestRig::frame).
 QString frame(int section, int type, int device, const char* payloadHex)
 {
-    return QStringLiteral("section %1 type %2 device %3 payload %4")
-        .arg(section)
-        .arg(type)
-        .arg(device)
-        .arg(QString::fromLatin1(payloadHex));
+    return BindingTestRig::frame(static_cast<uint8_t>(section), static_cast<uint8_t>(type),
+                                 static_cast<uint8_t>(device), payloadHex);
 }
 
 // The bit pattern, so that 0.0 and -0.0 and values one ulp apart all differ.
