@@ -42,9 +42,8 @@ WorksurfaceFunctions::WorksurfaceFunctions()
                      &WorksurfaceFunctions::setFaderRestMode);
 
     m_thread.setObjectName(QStringLiteral("WorksurfaceThread"));
-    // The thread object lives on this (the QML) thread, but started and finished are
-    // emitted from the surface thread itself, so both slots arrive queued and run here,
-    // where the whole surface model lives.
+    // Emitted on the surface thread, both arrive queued and run here, on the QML thread
+    // (docs/architecture.md, Threads).
     QObject::connect(&m_thread, &QThread::started, this,
                      &WorksurfaceFunctions::onStartSurfaceThread);
     QObject::connect(&m_thread, &QThread::finished, this,
