@@ -262,6 +262,11 @@ void SectionUpdater::handleAck()
             }
             break;
         case BootloaderCommand::AutoBaud:
+            if (m_probeOnly) {
+                // The section sits in its bootloader; a probe leaves it exactly there.
+                setState(InBootloader);
+                break;
+            }
             if (m_logger) {
                 m_logger->info(kPrefix + QStringLiteral("Starting WS update"));
             }
