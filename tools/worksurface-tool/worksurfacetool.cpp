@@ -105,8 +105,19 @@ QString generalHelp()
         "Usage: worksurface-tool COMMAND [options]\n"
         "Probe, flash, monitor and decode worksurface sections.\n\nCommands:\n");
     for (const CommandInfo& info : kCommands) {
-        text += QStringLiteral("  %1\n").arg(QString::fromLatin1(info.name).leftJustified(9) +
-                                             QLatin1String(info.summary));
+        // Summaries wrapped to 80 columns beside their command.
+        QString line = QStringLiteral("  ") + QString::fromLatin1(info.name).leftJustified(10);
+        const int indent = line.size();
+        for (const QString& word : QString::fromLatin1(info.summary).split(' ')) {
+            if (line.size() > indent && line.size() + 1 + word.size() > 79) {
+                text += line + '\n';
+                line = QString(indent, ' ');
+            } else if (line.size() > indent) {
+                line += ' ';
+            }
+            line += word;
+        }
+        text += line + '\n';
     }
     text += QStringLiteral(
         "\nCommon options: --model K40|K60, --ports DEV,DEV[,DEV], --section N, "
@@ -548,8 +559,11 @@ int WorksurfaceTool::flash()
         bool barDrawn = false;
         int pass = 0;
         QElapsedTimer transfer;
+        // The section owes an answer unless the updater itself is waiting (the second
+        // between the acknowledged reset and its next probe).
         const auto idleTooLong = [&] {
-            return MonotonicClock::nowNs() - s->lastActivityNs() > m_options.timeoutMs * kNsPerMs;
+            return !s->updaterHasPendingAutoUpdate() &&
+                   MonotonicClock::nowNs() - s->lastActivityNs() > m_options.timeoutMs * kNsPerMs;
         };
         const auto showProgress = [&] {
             if (!s->hasProgress()) {
