@@ -822,6 +822,8 @@ void tst_WorksurfaceTool::decodeReadsStandardInputAsJson()
     // Split inside the noise and inside the second frame.
     m_process->write(capture.left(7));
     m_process->waitForBytesWritten(5000);
+    // The rest comes late: the tool reads on until the pipe is closed.
+    QTest::qWait(300);
     m_process->write(capture.mid(7));
     m_process->closeWriteChannel();
     const Run r = finish(*m_process, kRunTimeout);

@@ -150,6 +150,7 @@ void SectionSession::sectionUpdateProgress(uint8_t sectionIndex, uint8_t value)
         // A transfer begins (again, when the updater's own retry writes the image anew).
         ++m_updatePasses;
         m_blocks = 0;
+        m_transferStartNs = MonotonicClock::nowNs();
     }
     m_percent = value;
     m_hasProgress = true;

@@ -79,6 +79,8 @@ public:
     int percent() const { return m_percent; }
     qint64 blocksSent() const { return m_blocks; }
     bool hasProgress() const { return m_hasProgress; }
+    // Monotonic time at which the current transfer was announced.
+    qint64 transferStartNs() const { return m_transferStartNs; }
     // Monotonic time of the last byte in or out.
     qint64 lastActivityNs() const { return m_lastActivityNs; }
 
@@ -120,6 +122,7 @@ private:
     int m_percent = 0;
     bool m_hasProgress = false;
     qint64 m_blocks = 0;
+    qint64 m_transferStartNs = 0;
     uint8_t m_lastPacketCommand = 0;
     qint64 m_lastActivityNs = 0;
 };

@@ -558,7 +558,6 @@ int WorksurfaceTool::flash()
         qint64 lastBlocks = -1;
         bool barDrawn = false;
         int pass = 0;
-        QElapsedTimer transfer;
         // The section owes an answer unless the updater itself is waiting (the second
         // between the acknowledged reset and its next probe).
         const auto idleTooLong = [&] {
@@ -573,7 +572,6 @@ int WorksurfaceTool::flash()
                 pass = s->updatePasses();
                 lastPercent = -1;
                 lastDecade = -1;
-                transfer.start();
                 if (!m_output->isJson()) {
                     if (barDrawn) {
                         m_output->raw("\n");
@@ -603,9 +601,12 @@ int WorksurfaceTool::flash()
                 }
             } else if (bar) {
                 if (percent != lastPercent) {
+                    // At least a millisecond: a small image may pass within one.
+                    const qint64 elapsedMs = qMax<qint64>(
+                        1, (MonotonicClock::nowNs() - s->transferStartNs()) / kNsPerMs);
                     m_output->raw(
-                        '\r' + ProgressBar::line(index, percent, bytes, total, transfer.elapsed())
-                                   .toLocal8Bit());
+                        '\r' +
+                        ProgressBar::line(index, percent, bytes, total, elapsedMs).toLocal8Bit());
                     barDrawn = true;
                 }
             } else if (percent / 10 > lastDecade) {
@@ -780,7 +781,9 @@ int WorksurfaceTool::decode()
     FrameDecoder decoder([&](const FrameDecoder::Event& event) {
         printer.print(event.offset, section, true, event);
     });
-    while (!file.atEnd()) {
+    // Read until the end of the stream; a pipe may deliver its bytes late, so an empty
+    // read, not atEnd(), ends it.
+    for (;;) {
         const QByteArray chunk = file.read(65536);
         if (chunk.isEmpty()) {
             break;
