@@ -445,7 +445,7 @@ void tst_WorksurfaceTool::flashWritesAHundredByteImageByteForByte()
 
     // The second between the acknowledged reset and the updater's next probe is the
     // updater's own wait, not the section's silence: a shorter time-out does not end it.
-    const Run r = run({"flash", path, "--timeout", "0.5", "--section", "0", "--ports", sim});
+    const Run r = run({"flash", path, "--timeout", "0.8", "--section", "0", "--ports", sim});
     QCOMPARE(r.exitCode, 0);
     QCOMPARE(m_sim->downloadSize(), 128u);
     QCOMPARE(m_sim->image(), image + QByteArray(28, '\xff'));
@@ -852,6 +852,8 @@ void tst_WorksurfaceTool::exerciseSendsThePatternToASection()
     const Run r =
         run({"exercise", "--step-ms", "0", "--section", "0", "--ports", m_sim->slavePath()});
     QCOMPARE(r.exitCode, 0);
+    // The last frames may still wait in the pty for the simulator to read them.
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedMessages(12).size(), 40, 5000);
 
     // Every fader to the bottom, the top and back, in that order.
     QList<SerialMessage> faders = m_sim->receivedMessages(7);

@@ -904,7 +904,7 @@ int WorksurfaceTool::exercise()
             }
         }
         // Let the last writes leave the port before it closes.
-        waitUntil([] { return false; }, 50);
+        waitUntil([] { return false; }, 200);
         s->onTraffic = nullptr;
         s->close();
         if (!alive) {
