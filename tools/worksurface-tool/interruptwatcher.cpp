@@ -51,6 +51,8 @@ void InterruptWatcher::onReadable()
     }
     if (!m_interrupted) {
         m_interrupted = true;
+        // A second Ctrl-C ends the program at once, should the clean ending hang.
+        ::signal(SIGINT, SIG_DFL);
         emit interrupted();
     }
 }

@@ -87,6 +87,11 @@ void SectionSession::close()
     }
 }
 
+void SectionSession::flushTraffic()
+{
+    m_decoder.finish();
+}
+
 QString SectionSession::portError() const
 {
     return m_serial ? m_serial->errorString() : QString();

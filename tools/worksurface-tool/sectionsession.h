@@ -58,6 +58,9 @@ public:
     // False when the port could not be opened (see portError()).
     bool open(bool probeOnly);
     void close();
+    // End of the traffic: received bytes that never completed a frame are reported as
+    // noise.
+    void flushTraffic();
     QString portError() const;
 
     uint8_t linkState() const;

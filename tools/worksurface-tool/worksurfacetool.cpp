@@ -754,6 +754,7 @@ int WorksurfaceTool::monitor()
         },
         INT_MAX);
     for (auto& s : sessions) {
+        s->flushTraffic();
         s->onTraffic = nullptr;
         s->close();
     }
