@@ -7,6 +7,8 @@
 #include <memory>
 #include <vector>
 
+#include "toolcommandline.h"
+
 class SectionSession;
 class ToolOutput;
 
@@ -27,21 +29,6 @@ public:
     int run(const QStringList& arguments);
 
 private:
-    struct Options
-    {
-        QString command;
-        uint8_t mode = 2;
-        QStringList ports;
-        int section = -1;  // all of the model's
-        int timeoutMs = 3000;
-        bool json = false;
-        bool raw = false;
-        bool verbose = false;
-        int stepMs = 300;
-        QString file;
-    };
-
-    int parse(const QStringList& arguments, Options& options);
     // The asked-for sections with their devices.
     std::vector<std::pair<uint8_t, QString>> sections() const;
     std::shared_ptr<Velmora::Worksurface::ISettings> settings(const QString& firmware) const;
@@ -61,7 +48,7 @@ private:
     // "silent".
     QString awaitApplication(SectionSession& session);
 
-    Options m_options;
+    ToolCommandLine::Options m_options;
     std::unique_ptr<ToolOutput> m_output;
     std::shared_ptr<Velmora::Worksurface::TaskPool> m_pool;
     std::shared_ptr<Velmora::Worksurface::Logger> m_logger;
