@@ -92,10 +92,12 @@ private slots:
     void flashOfASilentSectionExitsWithThree();
     void flashOfAMissingDeviceExitsWithTwo();
     void flashDrawsAProgressBarOnATerminal();
+    void flashGivesUpOnASectionThatStaysInItsBootloader();
 
     // monitor
     void monitorShowsTrafficInOrderAndEndsCleanlyOnSigint();
     void monitorAsJsonWithRawBytes();
+    void monitorLeavesASectionInItsBootloaderAlone();
 
     // decode
     void decodeNamesEveryMessageTypeAndPlacesSplitNoise();
@@ -649,6 +651,31 @@ void tst_WorksurfaceTool::flashDrawsAProgressBarOnATerminal()
     QCOMPARE(lines.at(2), QStringLiteral("section 0  done  version 35"));
 }
 
+void tst_WorksurfaceTool::flashGivesUpOnASectionThatStaysInItsBootloader()
+{
+    const QByteArray image = imageOfSize(200);
+    const QString path = writeImage(image);
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    // A section whose reset does not start its application.
+    connect(m_sim.get(), &PtySectionSimulator::modeChanged, this, [this] {
+        if (m_sim->mode() == PtySectionSimulator::Mode::Application) {
+            m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+        }
+    });
+    const Run r = run({"flash", path, "--json", "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(r.exitCode, 3);
+    QCOMPARE(r.out.last(), QStringLiteral(R"({"section":0,"event":"failed","exit":3})"));
+    // The updater's own retry wrote the image a second time; after that the tool only
+    // probed, and left the section where it was.
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::Download), 2);
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::Reset), 2);
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::AutoBaud), 3);
+    QCOMPARE(m_sim->receivedBytes().right(2), QByteArray::fromHex("5555"));
+    QCOMPARE(r.out.count(QStringLiteral(
+                 R"({"section":0,"event":"progress","percent":100,"bytes":200,"total":200})")),
+             2);
+}
+
 // --- monitor -----------------------------------------------------------------------------
 
 void tst_WorksurfaceTool::monitorShowsTrafficInOrderAndEndsCleanlyOnSigint()
@@ -744,6 +771,24 @@ void tst_WorksurfaceTool::monitorAsJsonWithRawBytes()
     QVERIFY(lines.contains(QStringLiteral(
         R"("section":0,"dir":"in","type":7,"typeName":"fader position",)"
         R"("device":10,"control":"master fader","value":511,"hex":"05070a01ff16"})")));
+}
+
+void tst_WorksurfaceTool::monitorLeavesASectionInItsBootloaderAlone()
+{
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    QProcess* process = start({"monitor", "--section", "0", "--ports", m_sim->slavePath()});
+    QString err;
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (err += QString::fromLocal8Bit(process->readAllStandardError()))
+            .contains(QLatin1String("section 0 is in its bootloader: left there")),
+        10000);
+    ::kill(static_cast<pid_t>(process->processId()), SIGINT);
+    const Run r = finish(*process, 10000);
+    QCOMPARE(r.exitCode, 0);
+    QVERIFY(r.out.isEmpty());
+    // The probe, and nothing after it.
+    QCOMPARE(m_sim->receivedBytes(), QByteArray::fromHex("5555"));
+    QCOMPARE(m_sim->mode(), PtySectionSimulator::Mode::Bootloader);
 }
 
 // --- decode ------------------------------------------------------------------------------

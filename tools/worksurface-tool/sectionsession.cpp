@@ -87,6 +87,13 @@ void SectionSession::close()
     }
 }
 
+void SectionSession::setProbeOnly(bool probeOnly)
+{
+    if (m_updater) {
+        m_updater->setProbeOnly(probeOnly);
+    }
+}
+
 void SectionSession::flushTraffic()
 {
     m_decoder.finish();

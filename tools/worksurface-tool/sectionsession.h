@@ -58,6 +58,9 @@ public:
     // False when the port could not be opened (see portError()).
     bool open(bool probeOnly);
     void close();
+    // See SectionUpdater::setProbeOnly(): from now on a section found in its bootloader is
+    // left there.
+    void setProbeOnly(bool probeOnly);
     // End of the traffic: received bytes that never completed a frame are reported as
     // noise.
     void flushTraffic();

@@ -395,7 +395,13 @@ int WorksurfaceTool::flash()
                 outcome = Outcome::Application;
                 break;
             }
-            if (s->updatePasses() > kMaxUpdatePasses) {
+            if (s->updatePasses() >= kMaxUpdatePasses && s->updaterHasPendingAutoUpdate()) {
+                // The last transfer is through and the section reset: the updater's next
+                // probe only looks, so a section still in its bootloader is not written a
+                // third time.
+                s->setProbeOnly(true);
+            }
+            if (s->updaterState() == SectionUpdater::InBootloader) {
                 outcome = Outcome::StaysInBootloader;
                 break;
             }
