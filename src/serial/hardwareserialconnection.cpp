@@ -127,6 +127,11 @@ int HardwareSerialConnection::bufferedByteCount() const
     return m_outputBuffer.size();
 }
 
+QString HardwareSerialConnection::errorString() const
+{
+    return m_port->errorString();
+}
+
 void HardwareSerialConnection::writeLocked(const QByteArray& data)
 {
     if (!m_port->isOpen() || data.isEmpty()) {

@@ -42,6 +42,9 @@ public:
 
     // Bytes waiting in the output buffer for the next flush (diagnostics).
     int bufferedByteCount() const;
+    // Why the port last failed (the operating system's words), e.g. after an open that
+    // left the connection closed.
+    QString errorString() const;
 
 public slots:
     // On the port's readyRead: hands every available byte to the data receiver.

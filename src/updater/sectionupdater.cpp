@@ -245,6 +245,11 @@ void SectionUpdater::handleAck()
             }
             break;
         case BootloaderCommand::AutoBaud:
+            if (m_probeOnly) {
+                // The section sits in its bootloader; a probe leaves it exactly there.
+                setState(InBootloader);
+                break;
+            }
             log(&Logger::info, QStringLiteral("Starting WS update"));
             beginUpdate();
             break;

@@ -35,7 +35,9 @@ public:
         Exchanging = 0,        // a packet was sent and its acknowledgement is awaited
         WaitingForStatus = 1,  // GetStatus was acknowledged; the status reply is awaited
         Failed = 3,
-        Idle = 4  // not in a bootloader exchange
+        Idle = 4,  // not in a bootloader exchange
+        // Probe only: the section answered AutoBaud from its bootloader and is left there.
+        InBootloader = 5
     };
 
     static constexpr int kBlockSize = 64;
@@ -60,6 +62,12 @@ public:
     // The auto-update step, run by the pending StartAutoUpdateTask a second after the
     // bootloader acknowledged the reset.
     void runAutoUpdate();
+
+    // Probe only (the bench tool's probe and monitor): a section found in its bootloader is
+    // reported (state InBootloader, which still counts as active, so the link keeps its
+    // bytes away from the frame parser) and neither updated nor reset. Off by default.
+    void setProbeOnly(bool probeOnly) { m_probeOnly = probeOnly; }
+    bool isProbeOnly() const { return m_probeOnly; }
 
     int32_t state() const { return m_state; }
     const BootloaderPacket& lastPacket() const { return m_lastPacket; }
@@ -99,6 +107,7 @@ private:
     int32_t m_state = Idle;
     uint8_t m_resendCount = 0;
     std::shared_ptr<StartAutoUpdateTask> m_autoUpdateTask;
+    bool m_probeOnly = false;
 
     // Guards dataReceived against being entered again from a listener call (an in-process
     // section may answer a packet synchronously): the nested call only appends, and the

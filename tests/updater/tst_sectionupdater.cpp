@@ -90,6 +90,8 @@ private slots:
     void inProcessSectionAnsweringAtOnceCompletesTheUpdate();
     void destroyedUpdaterDropsItsPendingAutoUpdate();
     void startDuringAnUpdateClosesTheImageAndStartsOver();
+    void probeOnlyLeavesASectionInItsBootloaderWithoutSendingMore();
+    void probeOnlyEndsInIdleWhenTheApplicationAnswers();
 
     // Acknowledgements and resends.
     void nakIsAnsweredByResendingTheLastPacketUnchanged();
@@ -263,6 +265,51 @@ void tst_SectionUpdater::runToWaitingForFirstBlockStatus(const QByteArray& conte
     feed(statusReply(BootloaderCommand::Success));  // -> SendData
     ack();                                          // -> GetStatus
     ack();                                          // -> state 1
+}
+
+// ---------------------------------------------------------------------------------------
+// Probe only (the bench tool)
+
+void tst_SectionUpdater::probeOnlyLeavesASectionInItsBootloaderWithoutSendingMore()
+{
+    writeFirmware(imageOfSize(100));
+    QVERIFY(!m_updater->isProbeOnly());
+    m_updater->setProbeOnly(true);
+    QVERIFY(m_updater->isProbeOnly());
+
+    m_updater->start(m_listener.get());
+    ack();  // the bootloader answers AutoBaud
+
+    QCOMPARE(m_listener->events, QStringList({"state", sendHex("5555"), "state"}));
+    QCOMPARE(m_updater->state(), int(SectionUpdater::InBootloader));
+    QVERIFY(m_updater->isActive());
+    QVERIFY(!m_updater->isUpdating());
+    QVERIFY(!m_updater->hasPendingAutoUpdate());
+    QCOMPARE(m_listener->statesSeen, (QList<QPair<bool, bool>>{{true, false}, {true, false}}));
+    QVERIFY(m_log->texts().isEmpty());
+
+    // Later answers change nothing and send nothing: no update, no reset.
+    ack();
+    feed(kNak);
+    feed(statusReply(BootloaderCommand::Success));
+    tickAt(m_clock->nowNs() + 2000 * kMs);
+    QCOMPARE(m_listener->sent,
+             QList<QByteArray>({QByteArray::fromHex("5555"), QByteArray::fromHex("cc")}));
+    QCOMPARE(m_updater->state(), int(SectionUpdater::InBootloader));
+    QVERIFY(m_listener->failures.isEmpty());
+}
+
+void tst_SectionUpdater::probeOnlyEndsInIdleWhenTheApplicationAnswers()
+{
+    m_updater->setProbeOnly(true);
+    m_updater->start(m_listener.get());
+    feed(kNotBootLoader);
+
+    QCOMPARE(m_listener->events, QStringList({"state", sendHex("5555"), "state"}));
+    QCOMPARE(m_updater->state(), int(SectionUpdater::Idle));
+    QVERIFY(!m_updater->isActive());
+    QCOMPARE(m_log->texts(),
+             QStringList({"WS UPDATER: Received not in bootloader. Finished updating"}));
 }
 
 // ---------------------------------------------------------------------------------------

@@ -1,0 +1,21 @@
+# Installs the build tree into a scratch DESTDIR and checks that the bench tool lands in
+# bin/ under the install prefix and runs from there.
+#   cmake -DBUILD_DIR=<build> -DPREFIX=<install prefix> -DSCRATCH=<dir> -P check-install.cmake
+file(REMOVE_RECURSE "${SCRATCH}")
+execute_process(COMMAND "${CMAKE_COMMAND}" -E env "DESTDIR=${SCRATCH}"
+                        "${CMAKE_COMMAND}" --install "${BUILD_DIR}"
+                RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
+if(NOT result EQUAL 0)
+    message(FATAL_ERROR "cmake --install failed:\n${output}")
+endif()
+set(tool "${SCRATCH}${PREFIX}/bin/worksurface-tool")
+if(NOT EXISTS "${tool}")
+    message(FATAL_ERROR "not installed: ${tool}\n${output}")
+endif()
+execute_process(COMMAND "${tool}" --version RESULT_VARIABLE result OUTPUT_VARIABLE version
+                ERROR_VARIABLE version)
+if(NOT result EQUAL 0 OR NOT version MATCHES "^worksurface-tool [0-9]")
+    message(FATAL_ERROR "installed tool does not run: ${result}\n${version}")
+endif()
+file(REMOVE_RECURSE "${SCRATCH}")
+message(STATUS "installed into ${PREFIX}/bin")

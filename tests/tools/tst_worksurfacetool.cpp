@@ -1,0 +1,956 @@
+// The bench tool end to end: the built worksurface-tool runs as its own process against
+// sections played by pty section simulators in this process (pointed at with --ports), so
+// every command goes through real serial devices. The simulators answer on this process's
+// event loop, so the tool is waited for with QSignalSpy::wait, never with a blocking wait.
+// These are real waits for real process and pty I/O; each is bounded.
+
+#include <fcntl.h>
+#include <pty.h>
+#include <termios.h>
+#include <unistd.h>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QSocketNotifier>
+#include <QTemporaryDir>
+#include <QtTest>
+#include <csignal>
+#include <memory>
+
+#include "support/ptysectionsimulator.h"
+#include "updater/bootloaderpacket.h"
+
+using namespace Velmora::Worksurface;
+
+namespace {
+
+constexpr int kRunTimeout = 60000;
+constexpr const char* kPortsVariable = "TARVIX_WORKSURFACE_SERIAL_PORTS";
+
+struct Run
+{
+    int exitCode = -1;
+    QProcess::ExitStatus exitStatus = QProcess::CrashExit;
+    QStringList out;  // standard output, line by line
+    QString err;
+};
+
+QByteArray frame(uint8_t type, uint8_t device, const QByteArray& payload = QByteArray())
+{
+    return PtySectionSimulator::encodeFrame(type, device, payload);
+}
+
+// Image bytes that differ from their neighbours and from the 0xFF padding.
+QByteArray imageOfSize(int size)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (int i = 0; i < size; ++i) {
+        bytes[i] = static_cast<char>((i * 7 + 3) % 251);
+    }
+    return bytes;
+}
+
+}  // namespace
+
+class tst_WorksurfaceTool : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    // Command line
+    void helpListsEveryCommandAndEveryExitCode();
+    void everyCommandHasItsHelp_data();
+    void everyCommandHasItsHelp();
+    void versionPrintsTheToolsVersion();
+    void usageErrorsExitWithOne_data();
+    void usageErrorsExitWithOne();
+
+    // ports
+    void portsReportsEachSectionsDeviceAsText();
+    void portsReportsEachSectionsDeviceAsJson();
+    void portsTakeTheEnvironmentsDevicesUnlessPortsOverridesThem();
+
+    // probe
+    void probeReportsTheApplicationWithVersionAndTemperature();
+    void probeReportsTheApplicationAsJson();
+    void probeLeavesASectionInItsBootloaderUntouched();
+    void probeReportsASilentSection();
+    void probeReportsAMissingDeviceAsPortError();
+    void probeOfSeveralSectionsReturnsTheFirstFailureAndReportsAll();
+
+    // flash
+    void flashWritesAHundredByteImageByteForByte();
+    void flashWritesA256KiBImageByteForByteWithJsonProgress();
+    void flashRefusesASectionRunningItsApplication();
+    void flashStopsOnANakStormWithExitFive();
+    void flashStopsOnAnErrorStatusWithExitSix();
+    void flashWithAMissingFileExitsWithFourWithoutOpeningAPort();
+    void flashOfASilentSectionExitsWithThree();
+    void flashOfAMissingDeviceExitsWithTwo();
+    void flashDrawsAProgressBarOnATerminal();
+    void flashGivesUpOnASectionThatStaysInItsBootloader();
+
+    // monitor
+    void monitorShowsTrafficInOrderAndEndsCleanlyOnSigint();
+    void monitorAsJsonWithRawBytes();
+    void monitorLeavesASectionInItsBootloaderAlone();
+
+    // decode
+    void decodeNamesEveryMessageTypeAndPlacesSplitNoise();
+    void decodeReadsStandardInputAsJson();
+    void decodeOfAMissingFileExitsWithFour();
+
+    // exercise
+    void exerciseSendsThePatternToASection();
+
+private:
+    Run run(const QStringList& arguments, int timeoutMs = kRunTimeout);
+    // Starts the tool without waiting for it.
+    QProcess* start(const QStringList& arguments);
+    static Run finish(QProcess& process, int timeoutMs);
+    QString writeImage(const QByteArray& image);
+    QString missingDevice() const { return m_dir->filePath(QStringLiteral("no-such-tty")); }
+
+    std::unique_ptr<QTemporaryDir> m_dir;
+    std::unique_ptr<PtySectionSimulator> m_sim;
+    std::unique_ptr<QProcess> m_process;
+    QProcessEnvironment m_env;
+};
+
+void tst_WorksurfaceTool::initTestCase()
+{
+    qRegisterMetaType<QProcess::ExitStatus>();
+}
+
+void tst_WorksurfaceTool::init()
+{
+    m_dir = std::make_unique<QTemporaryDir>();
+    QVERIFY(m_dir->isValid());
+    m_sim = std::make_unique<PtySectionSimulator>();
+    QVERIFY2(m_sim->isOpen(), qPrintable(m_sim->errorString()));
+    m_env = QProcessEnvironment::systemEnvironment();
+    m_env.remove(QString::fromLatin1(kPortsVariable));
+}
+
+void tst_WorksurfaceTool::cleanup()
+{
+    if (m_process && m_process->state() != QProcess::NotRunning) {
+        m_process->kill();
+        m_process->waitForFinished(5000);
+    }
+    m_process.reset();
+    m_sim.reset();
+    m_dir.reset();
+}
+
+QProcess* tst_WorksurfaceTool::start(const QStringList& arguments)
+{
+    m_process = std::make_unique<QProcess>();
+    m_process->setProcessEnvironment(m_env);
+    m_process->start(QStringLiteral(TARVIX_TOOL_PATH), arguments);
+    return m_process.get();
+}
+
+Run tst_WorksurfaceTool::finish(QProcess& process, int timeoutMs)
+{
+    Run result;
+    if (process.state() != QProcess::NotRunning) {
+        QSignalSpy finished(&process,
+                            QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished));
+        // The simulators answer on this event loop while the tool runs.
+        finished.wait(timeoutMs);
+    }
+    if (process.state() != QProcess::NotRunning) {
+        return result;
+    }
+    result.exitCode = process.exitCode();
+    result.exitStatus = process.exitStatus();
+    const QString out = QString::fromLocal8Bit(process.readAllStandardOutput());
+    result.out = out.split('\n');
+    if (!result.out.isEmpty() && result.out.last().isEmpty()) {
+        result.out.removeLast();
+    }
+    result.err = QString::fromLocal8Bit(process.readAllStandardError());
+    return result;
+}
+
+Run tst_WorksurfaceTool::run(const QStringList& arguments, int timeoutMs)
+{
+    return finish(*start(arguments), timeoutMs);
+}
+
+QString tst_WorksurfaceTool::writeImage(const QByteArray& image)
+{
+    const QString path = m_dir->filePath(QStringLiteral("worksurface-new.bin"));
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(image) != image.size()) {
+        qFatal("cannot write the test image");
+    }
+    return path;
+}
+
+// --- Command line ------------------------------------------------------------------------
+
+void tst_WorksurfaceTool::helpListsEveryCommandAndEveryExitCode()
+{
+    const Run r = run({"--help"});
+    QCOMPARE(r.exitCode, 0);
+    const QString help = r.out.join('\n');
+    for (const char* command : {"ports", "probe", "flash", "monitor", "decode", "exercise"}) {
+        QVERIFY2(help.contains(QStringLiteral("\n  %1 ").arg(QLatin1String(command))), command);
+    }
+    for (const char* line :
+         {"  0  success", "  1  usage error", "  2  a port could not be opened",
+          "  3  a section did not answer in time", "  4  the firmware file",
+          "  5  resends exhausted during an update", "  6  the bootloader reported an error status",
+          "  7  flash found a section running its application instead of its bootloader"}) {
+        QVERIFY2(help.contains(QLatin1String(line)), line);
+    }
+}
+
+void tst_WorksurfaceTool::everyCommandHasItsHelp_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QStringList>("options");
+    const QStringList common{"--model", "--ports", "--section", "--timeout", "--json"};
+    QTest::newRow("ports") << "ports" << common;
+    QTest::newRow("probe") << "probe" << common;
+    QTest::newRow("flash") << "flash" << common;
+    QTest::newRow("monitor") << "monitor" << (common + QStringList{"--raw"});
+    QTest::newRow("decode") << "decode" << (common + QStringList{"--raw"});
+    QTest::newRow("exercise") << "exercise" << (common + QStringList{"--step-ms"});
+}
+
+void tst_WorksurfaceTool::everyCommandHasItsHelp()
+{
+    QFETCH(QString, command);
+    QFETCH(QStringList, options);
+    const Run r = run({command, "--help"});
+    QCOMPARE(r.exitCode, 0);
+    const QString help = r.out.join('\n');
+    QVERIFY(help.contains(QLatin1String("Exit codes:")));
+    QVERIFY(help.contains(QLatin1String("  7  flash found a section running its application")));
+    for (const QString& option : options) {
+        QVERIFY2(help.contains(option), qPrintable(option));
+    }
+}
+
+void tst_WorksurfaceTool::versionPrintsTheToolsVersion()
+{
+    const Run r = run({"--version"});
+    QCOMPARE(r.exitCode, 0);
+    QCOMPARE(r.out, QStringList({"worksurface-tool 1.0"}));
+}
+
+void tst_WorksurfaceTool::usageErrorsExitWithOne_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QString>("message");
+    QTest::newRow("no command") << QStringList{} << "worksurface-tool: no command given";
+    QTest::newRow("unknown command")
+        << QStringList{"blink"} << "worksurface-tool: unknown command: blink";
+    QTest::newRow("unknown option")
+        << QStringList{"probe", "--fast"} << "worksurface-tool: Unknown option 'fast'.";
+    QTest::newRow("unknown model") << QStringList{"probe", "--model", "K50"}
+                                   << "worksurface-tool: unknown model: K50 (K40 or K60)";
+    QTest::newRow("section beyond the model")
+        << QStringList{"probe", "--model", "K40", "--section", "2"}
+        << "worksurface-tool: bad --section: 2 (the K40 has sections 0 to 1)";
+    QTest::newRow("bad time-out") << QStringList{"probe", "--timeout", "soon"}
+                                  << "worksurface-tool: bad --timeout: soon";
+    QTest::newRow("flash without file")
+        << QStringList{"flash"} << "worksurface-tool: flash needs one FILE";
+    QTest::newRow("probe with a file")
+        << QStringList{"probe", "x.bin"} << "worksurface-tool: unexpected argument: x.bin";
+    QTest::newRow("raw outside monitor")
+        << QStringList{"probe", "--raw"} << "worksurface-tool: Unknown option 'raw'.";
+}
+
+void tst_WorksurfaceTool::usageErrorsExitWithOne()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, message);
+    const Run r = run(arguments);
+    QCOMPARE(r.exitCode, 1);
+    QVERIFY(r.out.isEmpty());
+    QCOMPARE(r.err.split('\n').first(), message);
+}
+
+// --- ports -------------------------------------------------------------------------------
+
+void tst_WorksurfaceTool::portsReportsEachSectionsDeviceAsText()
+{
+    const QString sim = m_sim->slavePath();
+    const Run r = run({"ports", "--model", "K40", "--ports", sim + "," + missingDevice()});
+    QCOMPARE(r.exitCode, 2);
+    QCOMPARE(r.out, QStringList({
+                        QStringLiteral("section 0  %1  exists  openable").arg(sim),
+                        QStringLiteral("section 1  %1  missing  not openable: No such file or "
+                                       "directory")
+                            .arg(missingDevice()),
+                    }));
+
+    const Run one = run({"ports", "--model", "K40", "--section", "0", "--ports", sim});
+    QCOMPARE(one.exitCode, 0);
+    QCOMPARE(one.out, QStringList({QStringLiteral("section 0  %1  exists  openable").arg(sim)}));
+    // Opened for the check only: the section heard nothing.
+    QVERIFY(m_sim->receivedBytes().isEmpty());
+}
+
+void tst_WorksurfaceTool::portsReportsEachSectionsDeviceAsJson()
+{
+    const QString sim = m_sim->slavePath();
+    const Run r =
+        run({"ports", "--json", "--model", "K40", "--ports", sim + "," + missingDevice()});
+    QCOMPARE(r.exitCode, 2);
+    QCOMPARE(
+        r.out,
+        QStringList({
+            QStringLiteral(R"({"section":0,"device":"%1","exists":true,"openable":true})").arg(sim),
+            QStringLiteral(R"({"section":1,"device":"%1","exists":false,"openable":false,)"
+                           R"("error":"No such file or directory"})")
+                .arg(missingDevice()),
+        }));
+}
+
+void tst_WorksurfaceTool::portsTakeTheEnvironmentsDevicesUnlessPortsOverridesThem()
+{
+    const QString sim = m_sim->slavePath();
+    // The plugin's own naming: the variable's entries, then the model's devices.
+    m_env.insert(QString::fromLatin1(kPortsVariable), QStringLiteral(" ,%1").arg(sim));
+    const Run r = run({"ports", "--json", "--model", "K40"});
+    QCOMPARE(r.out.size(), 2);
+    QVERIFY2(r.out.at(0).startsWith(QLatin1String(R"({"section":0,"device":"/dev/ttymxc1",)")),
+             qPrintable(r.out.at(0)));
+    QCOMPARE(
+        r.out.at(1),
+        QStringLiteral(R"({"section":1,"device":"%1","exists":true,"openable":true})").arg(sim));
+
+    const Run overridden = run(
+        {"ports", "--json", "--model", "K60", "--section", "1", "--ports", "," + missingDevice()});
+    QCOMPARE(overridden.out.size(), 1);
+    QVERIFY2(overridden.out.at(0).startsWith(
+                 QStringLiteral(R"({"section":1,"device":"%1",)").arg(missingDevice())),
+             qPrintable(overridden.out.at(0)));
+}
+
+// --- probe -------------------------------------------------------------------------------
+
+void tst_WorksurfaceTool::probeReportsTheApplicationWithVersionAndTemperature()
+{
+    m_sim->setVersionReport(34, 41);
+    const QString sim = m_sim->slavePath();
+    const Run r = run({"probe", "--section", "0", "--ports", sim});
+    QCOMPARE(r.exitCode, 0);
+    QCOMPARE(r.out, QStringList({QStringLiteral("section 0  %1  application  version 34  "
+                                                "temperature 41")
+                                     .arg(sim)}));
+    // The bootloader probe, then a ping; nothing else.
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::AutoBaud), 1);
+    QVERIFY(m_sim->pingCount() >= 1);
+    QVERIFY(m_sim->receivedPackets().isEmpty());
+    QCOMPARE(m_sim->receivedBytes().left(6), QByteArray::fromHex("555503000003"));
+}
+
+void tst_WorksurfaceTool::probeReportsTheApplicationAsJson()
+{
+    m_sim->setVersionReport(34, 41);
+    const QString sim = m_sim->slavePath();
+    const Run r = run({"probe", "--json", "--section", "0", "--ports", sim});
+    QCOMPARE(r.exitCode, 0);
+    QCOMPARE(r.out, QStringList({QStringLiteral(R"({"section":0,"device":"%1","state":)"
+                                                R"("application","version":34,"temperature":41})")
+                                     .arg(sim)}));
+}
+
+void tst_WorksurfaceTool::probeLeavesASectionInItsBootloaderUntouched()
+{
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    const QString sim = m_sim->slavePath();
+    const Run r = run({"probe", "--section", "0", "--ports", sim});
+    QCOMPARE(r.exitCode, 3);
+    QCOMPARE(r.out, QStringList({QStringLiteral("section 0  %1  bootloader").arg(sim)}));
+    // Only the probe went out: no update began, no reset, no ping.
+    QCOMPARE(m_sim->receivedBytes(), QByteArray::fromHex("5555"));
+    QCOMPARE(m_sim->mode(), PtySectionSimulator::Mode::Bootloader);
+
+    const Run json = run({"probe", "--json", "--section", "0", "--ports", sim});
+    QCOMPARE(json.exitCode, 3);
+    QCOMPARE(json.out,
+             QStringList(
+                 {QStringLiteral(R"({"section":0,"device":"%1","state":"bootloader"})").arg(sim)}));
+    QCOMPARE(m_sim->receivedBytes(), QByteArray::fromHex("55555555"));
+}
+
+void tst_WorksurfaceTool::probeReportsASilentSection()
+{
+    m_sim->setSilent(true);
+    const QString sim = m_sim->slavePath();
+    const Run r = run({"probe", "--timeout", "0.3", "--section", "0", "--ports", sim});
+    QCOMPARE(r.exitCode, 3);
+    QCOMPARE(r.out, QStringList({QStringLiteral("section 0  %1  silent").arg(sim)}));
+
+    const Run json = run({"probe", "--json", "--timeout", "0.3", "--section", "0", "--ports", sim});
+    QCOMPARE(json.exitCode, 3);
+    QCOMPARE(
+        json.out,
+        QStringList({QStringLiteral(R"({"section":0,"device":"%1","state":"silent"})").arg(sim)}));
+}
+
+void tst_WorksurfaceTool::probeReportsAMissingDeviceAsPortError()
+{
+    const Run r = run({"probe", "--section", "0", "--ports", missingDevice()});
+    QCOMPARE(r.exitCode, 2);
+    QCOMPARE(r.out, QStringList({QStringLiteral("section 0  %1  port-error  No such file or "
+                                                "directory")
+                                     .arg(missingDevice())}));
+    const Run json = run({"probe", "--json", "--section", "0", "--ports", missingDevice()});
+    QCOMPARE(json.exitCode, 2);
+    QCOMPARE(json.out, QStringList({QStringLiteral(R"({"section":0,"device":"%1","state":)"
+                                                   R"("port-error","error":"No such file or )"
+                                                   R"(directory"})")
+                                        .arg(missingDevice())}));
+}
+
+void tst_WorksurfaceTool::probeOfSeveralSectionsReturnsTheFirstFailureAndReportsAll()
+{
+    PtySectionSimulator silent;
+    QVERIFY(silent.isOpen());
+    silent.setSilent(true);
+    m_sim->setVersionReport(34, 41);
+    const QString ports =
+        QStringList{m_sim->slavePath(), missingDevice(), silent.slavePath()}.join(',');
+    const Run r = run({"probe", "--timeout", "0.3", "--ports", ports});
+    QCOMPARE(r.exitCode, 2);
+    QCOMPARE(r.out, QStringList({
+                        QStringLiteral("section 0  %1  application  version 34  temperature 41")
+                            .arg(m_sim->slavePath()),
+                        QStringLiteral("section 1  %1  port-error  No such file or directory")
+                            .arg(missingDevice()),
+                        QStringLiteral("section 2  %1  silent").arg(silent.slavePath()),
+                    }));
+}
+
+// --- flash -------------------------------------------------------------------------------
+
+void tst_WorksurfaceTool::flashWritesAHundredByteImageByteForByte()
+{
+    const QByteArray image = imageOfSize(100);
+    const QString path = writeImage(image);
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    m_sim->setVersionReport(35, 40);
+    const QString sim = m_sim->slavePath();
+
+    // The second between the acknowledged reset and the updater's next probe is the
+    // updater's own wait, not the section's silence: a shorter time-out does not end it.
+    const Run r = run({"flash", path, "--timeout", "0.8", "--section", "0", "--ports", sim});
+    QCOMPARE(r.exitCode, 0);
+    QCOMPARE(m_sim->downloadSize(), 128u);
+    QCOMPARE(m_sim->image(), image + QByteArray(28, '\xff'));
+    QCOMPARE(r.out,
+             QStringList({
+                 QStringLiteral("section 0  %1  updating from %2 (100 bytes)").arg(sim, path),
+                 "section 0    0 %  0/100 bytes",
+                 "section 0   64 %  64/100 bytes",
+                 "section 0  100 %  100/100 bytes",
+                 "section 0  done  version 35",
+             }));
+    // Back in its application after the reset, which the tool saw by its version.
+    QCOMPARE(m_sim->mode(), PtySectionSimulator::Mode::Application);
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::Reset), 1);
+}
+
+void tst_WorksurfaceTool::flashWritesA256KiBImageByteForByteWithJsonProgress()
+{
+    const QByteArray image = imageOfSize(256 * 1024);
+    const QString path = writeImage(image);
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    m_sim->setVersionReport(35, 40);
+
+    const Run r = run({"flash", path, "--json", "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(r.exitCode, 0);
+    QCOMPARE(m_sim->downloadSize(), 262144u);
+    QVERIFY(m_sim->image() == image);
+
+    QVERIFY(r.out.size() >= 3);
+    QCOMPARE(
+        r.out.first(),
+        QStringLiteral(R"({"section":0,"event":"progress","percent":0,"bytes":0,"total":262144})"));
+    QCOMPARE(
+        r.out.at(r.out.size() - 2),
+        QStringLiteral(
+            R"({"section":0,"event":"progress","percent":100,"bytes":262144,"total":262144})"));
+    QCOMPARE(r.out.last(), QStringLiteral(R"({"section":0,"event":"done","version":35})"));
+    // One object per percent, each with the bytes sent so far.
+    QCOMPARE(r.out.size(), 101 + 1);
+    const QRegularExpression progress(
+        R"(^\{"section":0,"event":"progress","percent":(\d+),"bytes":(\d+),"total":262144\}$)");
+    int lastPercent = -1;
+    for (int i = 0; i + 1 < r.out.size(); ++i) {
+        const QRegularExpressionMatch m = progress.match(r.out.at(i));
+        QVERIFY2(m.hasMatch(), qPrintable(r.out.at(i)));
+        const int percent = m.captured(1).toInt();
+        const qint64 bytes = m.captured(2).toLongLong();
+        QCOMPARE(percent, lastPercent + 1);
+        QCOMPARE(bytes * 100 / 262144, qint64(percent));
+        QCOMPARE(bytes % 64, qint64(0));
+        lastPercent = percent;
+    }
+}
+
+void tst_WorksurfaceTool::flashRefusesASectionRunningItsApplication()
+{
+    const QString path = writeImage(imageOfSize(100));
+    const QString sim = m_sim->slavePath();
+    const Run r = run({"flash", path, "--section", "0", "--ports", sim});
+    QCOMPARE(r.exitCode, 7);
+    QCOMPARE(r.out, QStringList({"section 0  failed  running its application, not its "
+                                 "bootloader: not flashed (exit 7)"}));
+    // The probe was answered as an application: nothing of an update went out.
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::AutoBaud), 1);
+    QVERIFY(!m_sim->receivedBytes().contains(QByteArray::fromHex("032020")));
+
+    const Run json = run({"flash", path, "--json", "--section", "0", "--ports", sim});
+    QCOMPARE(json.exitCode, 7);
+    QCOMPARE(json.out, QStringList({R"({"section":0,"event":"failed","exit":7})"}));
+}
+
+void tst_WorksurfaceTool::flashStopsOnANakStormWithExitFive()
+{
+    const QString path = writeImage(imageOfSize(300));
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    m_sim->nakCommand(BootloaderCommand::SendData, -1);
+    const Run r = run({"flash", path, "--json", "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(r.exitCode, 5);
+    QCOMPARE(r.out.last(), QStringLiteral(R"({"section":0,"event":"failed","reason":1,"exit":5})"));
+    // The first block, then five resends; then the section is reset.
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::SendData), 6);
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::Reset), 1);
+
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    const Run text = run({"flash", path, "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(text.exitCode, 5);
+    QCOMPARE(text.out.last(), QStringLiteral("section 0  failed  resends exhausted (exit 5)"));
+}
+
+void tst_WorksurfaceTool::flashStopsOnAnErrorStatusWithExitSix()
+{
+    const QString path = writeImage(imageOfSize(300));
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    m_sim->enqueueStatusReply(BootloaderCommand::FlashFailure);
+    const Run r = run({"flash", path, "--json", "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(r.exitCode, 6);
+    QCOMPARE(r.out, QStringList({
+                        R"({"section":0,"event":"progress","percent":0,"bytes":0,"total":300})",
+                        R"({"section":0,"event":"failed","reason":2,"exit":6})",
+                    }));
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::SendData), 0);
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::Reset), 1);
+
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    m_sim->enqueueStatusReply(BootloaderCommand::FlashFailure);
+    const Run text = run({"flash", path, "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(text.exitCode, 6);
+    QCOMPARE(text.out.last(),
+             QStringLiteral("section 0  failed  the bootloader reported an error status (exit 6)"));
+}
+
+void tst_WorksurfaceTool::flashWithAMissingFileExitsWithFourWithoutOpeningAPort()
+{
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    const QString missing = m_dir->filePath(QStringLiteral("missing.bin"));
+    const QString ports = m_sim->slavePath() + "," + m_sim->slavePath();
+    const Run r = run({"flash", missing, "--model", "K40", "--ports", ports});
+    QCOMPARE(r.exitCode, 4);
+    QCOMPARE(r.out, QStringList({
+                        QStringLiteral("section 0  failed  cannot read %1 (exit 4)").arg(missing),
+                        QStringLiteral("section 1  failed  cannot read %1 (exit 4)").arg(missing),
+                    }));
+    const Run json =
+        run({"flash", missing, "--json", "--section", "1", "--model", "K40", "--ports", ports});
+    QCOMPARE(json.exitCode, 4);
+    QCOMPARE(json.out, QStringList({R"({"section":1,"event":"failed","reason":0,"exit":4})"}));
+    QVERIFY(m_sim->receivedBytes().isEmpty());
+}
+
+void tst_WorksurfaceTool::flashOfASilentSectionExitsWithThree()
+{
+    const QString path = writeImage(imageOfSize(100));
+    m_sim->setSilent(true);
+    const Run r =
+        run({"flash", path, "--timeout", "0.3", "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(r.exitCode, 3);
+    QCOMPARE(r.out, QStringList({"section 0  failed  no answer in time (exit 3)"}));
+    const Run json = run({"flash", path, "--json", "--timeout", "0.3", "--section", "0", "--ports",
+                          m_sim->slavePath()});
+    QCOMPARE(json.exitCode, 3);
+    QCOMPARE(json.out, QStringList({R"({"section":0,"event":"failed","exit":3})"}));
+}
+
+void tst_WorksurfaceTool::flashOfAMissingDeviceExitsWithTwo()
+{
+    const QString path = writeImage(imageOfSize(100));
+    const Run r = run({"flash", path, "--json", "--section", "0", "--ports", missingDevice()});
+    QCOMPARE(r.exitCode, 2);
+    QCOMPARE(r.out, QStringList({R"({"section":0,"event":"failed","exit":2,"error":"No such )"
+                                 R"(file or directory"})"}));
+}
+
+void tst_WorksurfaceTool::flashDrawsAProgressBarOnATerminal()
+{
+    // The tool's standard output is the slave of a pseudo-terminal of our own.
+    int master = -1;
+    int slave = -1;
+    QVERIFY(::openpty(&master, &slave, nullptr, nullptr, nullptr) == 0);
+    const QString terminal = QString::fromLocal8Bit(::ttyname(slave));
+    ::fcntl(master, F_SETFL, ::fcntl(master, F_GETFL) | O_NONBLOCK);
+    QByteArray screen;
+    QSocketNotifier notifier(master, QSocketNotifier::Read);
+    connect(&notifier, &QSocketNotifier::activated, this, [&] {
+        char buffer[4096];
+        ssize_t n;
+        while ((n = ::read(master, buffer, sizeof buffer)) > 0) {
+            screen.append(buffer, static_cast<int>(n));
+        }
+    });
+
+    const QString path = writeImage(imageOfSize(1000));
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    m_sim->setVersionReport(35, 40);
+    m_process = std::make_unique<QProcess>();
+    m_process->setProcessEnvironment(m_env);
+    m_process->setStandardOutputFile(terminal);
+    m_process->start(QStringLiteral(TARVIX_TOOL_PATH),
+                     {"flash", path, "--section", "0", "--ports", m_sim->slavePath()});
+    const Run r = finish(*m_process, kRunTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(screen.contains("done  version 35"), 5000);
+    ::close(slave);
+    ::close(master);
+
+    QCOMPARE(r.exitCode, 0);
+    QCOMPARE(m_sim->image(), imageOfSize(1000) + QByteArray(24, '\xff'));
+    // The bar redraws one line with carriage returns; the terminal turns line ends into
+    // CR LF.
+    const QString text = QString::fromLocal8Bit(screen);
+    const QStringList lines = text.split(QStringLiteral("\r\n"), Qt::SkipEmptyParts);
+    QCOMPARE(lines.size(), 3);
+    QCOMPARE(lines.at(0), QStringLiteral("section 0  %1  updating from %2 (1000 bytes)")
+                              .arg(m_sim->slavePath(), path));
+    const QStringList redraws = lines.at(1).split('\r', Qt::SkipEmptyParts);
+    QVERIFY(redraws.size() >= 2);
+    QVERIFY2(redraws.first().startsWith(QLatin1String("section 0  [--------------------]   0 %  "
+                                                      "0/1000 bytes")),
+             qPrintable(redraws.first()));
+    const QRegularExpression last(
+        R"(^section 0  \[####################\] 100 %  1000/1000 bytes  \d+\.\d KiB/s  0:00 left$)");
+    QVERIFY2(last.match(redraws.last()).hasMatch(), qPrintable(redraws.last()));
+    QCOMPARE(lines.at(2), QStringLiteral("section 0  done  version 35"));
+}
+
+void tst_WorksurfaceTool::flashGivesUpOnASectionThatStaysInItsBootloader()
+{
+    const QByteArray image = imageOfSize(200);
+    const QString path = writeImage(image);
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    // A section whose reset does not start its application.
+    connect(m_sim.get(), &PtySectionSimulator::modeChanged, this, [this] {
+        if (m_sim->mode() == PtySectionSimulator::Mode::Application) {
+            m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+        }
+    });
+    const Run r = run({"flash", path, "--json", "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(r.exitCode, 3);
+    QCOMPARE(r.out.last(), QStringLiteral(R"({"section":0,"event":"failed","exit":3})"));
+    // The updater's own retry wrote the image a second time; after that the tool only
+    // probed, and left the section where it was.
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::Download), 2);
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::Reset), 2);
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::AutoBaud), 3);
+    QCOMPARE(m_sim->receivedBytes().right(2), QByteArray::fromHex("5555"));
+    QCOMPARE(r.out.count(QStringLiteral(
+                 R"({"section":0,"event":"progress","percent":100,"bytes":200,"total":200})")),
+             2);
+}
+
+// --- monitor -----------------------------------------------------------------------------
+
+void tst_WorksurfaceTool::monitorShowsTrafficInOrderAndEndsCleanlyOnSigint()
+{
+    m_sim->setVersionReport(34, 41);
+    QProcess* process = start({"monitor", "--section", "0", "--ports", m_sim->slavePath()});
+    QString out;
+    const auto readOut = [&] {
+        out += QString::fromLocal8Bit(process->readAllStandardOutput());
+        return out;
+    };
+    // The link is up once the section has answered a ping.
+    QTRY_VERIFY_WITH_TIMEOUT(readOut().contains(QLatin1String("version 34 temperature 41")), 10000);
+
+    m_sim->sendFaderPosition(3, 399);
+    m_sim->sendFaderTouch(3, true);
+    m_sim->sendButton(2, true);
+    // A noise burst and, in the same write, the frame after it.
+    m_sim->sendRaw(QByteArray::fromHex("fffefdfcfb") + frame(18, 12, QByteArray::fromHex("fe")));
+    QTRY_VERIFY_WITH_TIMEOUT(readOut().contains(QLatin1String("steps -2")), 10000);
+    // Noise at the very end: its last three bytes are too few for the parser to look at
+    // until more arrives, and are shown when the monitor ends.
+    m_sim->sendRaw(QByteArray::fromHex("fafaf9f8f7"));
+    QTRY_VERIFY_WITH_TIMEOUT(readOut().contains(QLatin1String("noise  fafa\n")), 10000);
+
+    ::kill(static_cast<pid_t>(process->processId()), SIGINT);
+    const Run r = finish(*process, 10000);
+    QCOMPARE(r.exitStatus, QProcess::NormalExit);
+    QCOMPARE(r.exitCode, 0);
+    QVERIFY2(r.err.contains(QLatin1String("monitor ended")), qPrintable(r.err));
+    out += r.out.join('\n');
+
+    // Times, then the rest of each line exactly.
+    const QRegularExpression timed(R"(^ *\d+\.\d{3}  (.*)$)");
+    QStringList lines;
+    for (const QString& line : out.split('\n', Qt::SkipEmptyParts)) {
+        const QRegularExpressionMatch m = timed.match(line);
+        QVERIFY2(m.hasMatch(), qPrintable(line));
+        lines << m.captured(1);
+    }
+    QCOMPARE(lines.at(0), QStringLiteral("section 0  out  ping  device 0  section"));
+    QCOMPARE(lines.at(1),
+             QStringLiteral("section 0  in   ping  device 0  section  version 34 temperature 41"));
+    QStringList reports;
+    for (const QString& line : lines) {
+        if (!line.contains(QLatin1String(" ping "))) {
+            reports << line;
+        }
+    }
+    QCOMPARE(reports, QStringList({
+                          "section 0  in   fader position  device 3  fader 3  position 399",
+                          "section 0  in   fader touch  device 3  fader 3  touch on",
+                          "section 0  in   button  device 2  mute 2  pressed",
+                          "section 0  in   noise  fffefdfcfb",
+                          "section 0  in   rotary step  device 12  side rotary 2  steps -2",
+                          "section 0  in   noise  fafa",
+                          "section 0  in   noise  f9f8f7",
+                      }));
+}
+
+void tst_WorksurfaceTool::monitorAsJsonWithRawBytes()
+{
+    m_sim->setVersionReport(34, 41);
+    QProcess* process =
+        start({"monitor", "--json", "--raw", "--section", "0", "--ports", m_sim->slavePath()});
+    QString out;
+    const auto readOut = [&] {
+        out += QString::fromLocal8Bit(process->readAllStandardOutput());
+        return out;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(readOut().contains(QLatin1String("\"temperature\":41")), 10000);
+    m_sim->sendRaw(QByteArray::fromHex("ffff") + frame(7, 10, QByteArray::fromHex("01ff")));
+    QTRY_VERIFY_WITH_TIMEOUT(readOut().contains(QLatin1String("master fader")), 10000);
+    ::kill(static_cast<pid_t>(process->processId()), SIGINT);
+    const Run r = finish(*process, 10000);
+    QCOMPARE(r.exitCode, 0);
+
+    const QRegularExpression timed(R"(^\{"t":\d+\.\d{3},(.*)$)");
+    QStringList lines;
+    for (const QString& line : out.split('\n', Qt::SkipEmptyParts)) {
+        const QRegularExpressionMatch m = timed.match(line);
+        QVERIFY2(m.hasMatch(), qPrintable(line));
+        lines << m.captured(1);
+    }
+    QVERIFY(lines.size() >= 4);
+    QCOMPARE(lines.at(0), QStringLiteral(R"("section":0,"dir":"out","type":0,"typeName":"ping",)"
+                                         R"("device":0,"control":"section","hex":"03000003"})"));
+    QCOMPARE(lines.at(1),
+             QStringLiteral(R"("section":0,"dir":"in","type":0,"typeName":"ping","device":0,)"
+                            R"("control":"section","value":{"version":34,"temperature":41},)"
+                            R"("hex":"0600000a22295b"})"));
+    QVERIFY(lines.contains(QStringLiteral(R"("section":0,"dir":"in","noise":"ffff"})")));
+    QVERIFY(lines.contains(QStringLiteral(
+        R"("section":0,"dir":"in","type":7,"typeName":"fader position",)"
+        R"("device":10,"control":"master fader","value":511,"hex":"05070a01ff16"})")));
+}
+
+void tst_WorksurfaceTool::monitorLeavesASectionInItsBootloaderAlone()
+{
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    QProcess* process = start({"monitor", "--section", "0", "--ports", m_sim->slavePath()});
+    QString err;
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (err += QString::fromLocal8Bit(process->readAllStandardError()))
+            .contains(QLatin1String("section 0 is in its bootloader: left there")),
+        10000);
+    ::kill(static_cast<pid_t>(process->processId()), SIGINT);
+    const Run r = finish(*process, 10000);
+    QCOMPARE(r.exitCode, 0);
+    QVERIFY(r.out.isEmpty());
+    // The probe, and nothing after it.
+    QCOMPARE(m_sim->receivedBytes(), QByteArray::fromHex("5555"));
+    QCOMPARE(m_sim->mode(), PtySectionSimulator::Mode::Bootloader);
+}
+
+// --- decode ------------------------------------------------------------------------------
+
+void tst_WorksurfaceTool::decodeNamesEveryMessageTypeAndPlacesSplitNoise()
+{
+    QByteArray capture;
+    QStringList expected;
+    const auto add = [&](const QByteArray& bytes, const QString& words) {
+        expected << QStringLiteral("%1  section 2  in   %2").arg(capture.size(), 8).arg(words);
+        capture += bytes;
+    };
+    add(frame(0, 0, QByteArray::fromHex("0a2228")),
+        "ping  device 0  section  version 34 temperature 40");
+    add(frame(1, 0), "reserved 1  device 0");
+    add(frame(2, 0), "serial error  device 0  section");
+    add(QByteArray::fromHex("fefd"), "noise  fefd");
+    add(frame(3, 0), "calibration  device 0  section");
+    add(frame(4, 0), "bootloader  device 0  section");
+    add(frame(5, 0, QByteArray::fromHex("0102")), "echo  device 0  section");
+    add(frame(6, 0, QByteArray::fromHex("80")), "surface brightness  device 0  section  level 128");
+    add(frame(7, 10, QByteArray::fromHex("01ff")),
+        "fader position  device 10  master fader  position 511");
+    // A frame with a broken checksum is noise up to the next good frame.
+    add(QByteArray::fromHex("050703018f00"), "noise  050703018f00");
+    add(frame(8, 2, QByteArray::fromHex("ffff")),
+        "fader backstop  device 2  fader 2  position none");
+    add(frame(9, 2, QByteArray::fromHex("00c8")), "fader detent  device 2  fader 2  position 200");
+    add(frame(10, 2, QByteArray::fromHex("00")), "fader drive mode  device 2  fader 2  mode 0");
+    add(frame(11, 12, QByteArray::fromHex("ff00")), "led  device 12  solo 2 led  level 255");
+    add(frame(11, 26, QByteArray::fromHex("0000")), "led  device 26  layer down led  level 0");
+    add(frame(12, 3, QByteArray::fromHex("00ff0000")),
+        "rgb colour  device 3  rotary 3 ring  colour #00ff00");
+    add(frame(12, 17, QByteArray::fromHex("0000ff00")),
+        "rgb colour  device 17  main logo  colour #0000ff");
+    add(frame(13, 1, QByteArray::fromHex("10")),
+        "meter level  device 1  master meter right  level 16");
+    add(frame(14, 0, QByteArray::fromHex("18")),
+        "meter peak  device 0  master meter left  level 24");
+    add(frame(15, 0, QByteArray::fromHex("00")), "reserved 15  device 0");
+    add(frame(16, 3, QByteArray::fromHex("00")), "fader touch  device 3  fader 3  touch off");
+    add(frame(17, 0, QByteArray::fromHex("0100")), "pot value  device 0  headphone pot  value 256");
+    add(QByteArray::fromHex("ff"), "noise  ff");
+    add(frame(18, 4, QByteArray::fromHex("03")), "rotary step  device 4  rotary 4  steps +3");
+    add(frame(19, 15, QByteArray::fromHex("01")),
+        "rotary touch  device 15  side rotary 5  touch on");
+    add(frame(20, 2, QByteArray::fromHex("00")), "button  device 2  mute 2  released");
+    add(frame(20, 39, QByteArray::fromHex("01")), "button  device 39  next snapshot  pressed");
+    add(frame(20, 36, QByteArray::fromHex("01")), "button  device 36  side rotary 5 push  pressed");
+    add(frame(21, 0, QByteArray::fromHex("000000")), "reserved 21  device 0");
+    add(frame(22, 0, QByteArray::fromHex("ff")),
+        "surface over-brightness  device 0  section  level 255");
+    add(frame(7, 99, QByteArray::fromHex("0001")), "fader position  device 99  position 1");
+    // The capture ends inside a frame: what is left is noise.
+    add(QByteArray::fromHex("0510"), "noise  0510");
+
+    const QString path = m_dir->filePath(QStringLiteral("capture.bin"));
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(capture);
+    file.close();
+
+    const Run r = run({"decode", path, "--section", "2"});
+    QCOMPARE(r.exitCode, 0);
+    QCOMPARE(r.out, expected);
+
+    // --raw adds each frame's bytes.
+    const Run raw = run({"decode", path, "--section", "2", "--raw"});
+    QCOMPARE(raw.out.size(), expected.size());
+    QCOMPARE(raw.out.at(0), expected.at(0) + QStringLiteral("  [0600000a22285a]"));
+}
+
+void tst_WorksurfaceTool::decodeReadsStandardInputAsJson()
+{
+    const QByteArray capture = frame(7, 3, QByteArray::fromHex("018f")) +
+                               QByteArray::fromHex("fffe") +
+                               frame(20, 40, QByteArray::fromHex("01"));
+    m_process = std::make_unique<QProcess>();
+    m_process->setProcessEnvironment(m_env);
+    m_process->start(QStringLiteral(TARVIX_TOOL_PATH), {"decode", "--json", "--raw"});
+    QVERIFY(m_process->waitForStarted(10000));
+    // Split inside the noise and inside the second frame.
+    m_process->write(capture.left(7));
+    m_process->waitForBytesWritten(5000);
+    // The rest comes late: the tool reads on until the pipe is closed.
+    QTest::qWait(300);
+    m_process->write(capture.mid(7));
+    m_process->closeWriteChannel();
+    const Run r = finish(*m_process, kRunTimeout);
+    QCOMPARE(r.exitCode, 0);
+    QCOMPARE(r.out,
+             QStringList({
+                 R"({"offset":0,"section":0,"dir":"in","type":7,"typeName":"fader position",)"
+                 R"("device":3,"control":"fader 3","value":399,"hex":"050703018f9f"})",
+                 R"({"offset":6,"section":0,"dir":"in","noise":"fffe"})",
+                 R"({"offset":8,"section":0,"dir":"in","type":20,"typeName":"button",)"
+                 R"("device":40,"control":"layer up","value":"pressed","hex":"0414280141"})",
+             }));
+}
+
+void tst_WorksurfaceTool::decodeOfAMissingFileExitsWithFour()
+{
+    const Run r = run({"decode", m_dir->filePath(QStringLiteral("none.bin"))});
+    QCOMPARE(r.exitCode, 4);
+    QVERIFY(r.out.isEmpty());
+}
+
+// --- exercise ----------------------------------------------------------------------------
+
+void tst_WorksurfaceTool::exerciseSendsThePatternToASection()
+{
+    const Run r =
+        run({"exercise", "--step-ms", "0", "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(r.exitCode, 0);
+    // The last frames may still wait in the pty for the simulator to read them.
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedMessages(12).size(), 40, 5000);
+
+    // Every fader to the bottom, the top and back, in that order.
+    QList<SerialMessage> faders = m_sim->receivedMessages(7);
+    QCOMPARE(faders.size(), 30);
+    for (int i = 0; i < 30; ++i) {
+        const uint16_t position = (i / 10 == 1) ? 511 : 0;
+        QCOMPARE(faders.at(i), SerialMessage(7, uint8_t(i % 10),
+                                             {uint8_t(position >> 8), uint8_t(position & 0xFF)}));
+    }
+    // Every LED on in turn: mute 0, solo 0, mute 1, ... each switched off with the next.
+    const QList<SerialMessage> leds = m_sim->receivedMessages(11);
+    QCOMPARE(leds.size(), 40);
+    QCOMPARE(leds.at(0), SerialMessage(11, 0, {255, 0}));
+    QCOMPARE(leds.at(1), SerialMessage(11, 0, {0, 0}));
+    QCOMPARE(leds.at(2), SerialMessage(11, 10, {255, 0}));
+    QCOMPARE(leds.last(), SerialMessage(11, 19, {0, 0}));
+    // Every ring red, green, blue, then dark.
+    const QList<SerialMessage> rings = m_sim->receivedMessages(12);
+    QCOMPARE(rings.size(), 40);
+    QCOMPARE(rings.at(0), SerialMessage(12, 0, {255, 0, 0, 0}));
+    QCOMPARE(rings.at(10), SerialMessage(12, 0, {0, 255, 0, 0}));
+    QCOMPARE(rings.at(29), SerialMessage(12, 9, {0, 0, 255, 0}));
+    QCOMPARE(rings.at(39), SerialMessage(12, 9, {0, 0, 0, 0}));
+    // A strip section has no meters.
+    QVERIFY(m_sim->receivedMessages(13).isEmpty());
+
+    // What was sent is printed as it went out.
+    QVERIFY(r.out.size() >= 110);
+    const QRegularExpression timed(R"(^ *\d+\.\d{3}  (.*)$)");
+    QStringList lines;
+    for (const QString& line : r.out) {
+        const QRegularExpressionMatch m = timed.match(line);
+        QVERIFY2(m.hasMatch(), qPrintable(line));
+        if (!line.contains(QLatin1String(" ping "))) {
+            lines << m.captured(1);
+        }
+    }
+    QCOMPARE(lines.size(), 110);
+    QCOMPARE(lines.first(),
+             QStringLiteral("section 0  out  fader position  device 0  fader 0  position 0"));
+    QCOMPARE(lines.at(10),
+             QStringLiteral("section 0  out  fader position  device 0  fader 0  position 511"));
+    QCOMPARE(lines.at(30), QStringLiteral("section 0  out  led  device 0  mute 0 led  level 255"));
+    QCOMPARE(lines.last(),
+             QStringLiteral("section 0  out  rgb colour  device 9  rotary 9 ring  colour #000000"));
+}
+
+QTEST_GUILESS_MAIN(tst_WorksurfaceTool)
+#include "tst_worksurfacetool.moc"

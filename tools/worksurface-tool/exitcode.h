@@ -1,0 +1,17 @@
+#pragma once
+
+// The tool's exit codes, the same for every command. With several sections the first
+// failure's code is returned (every section is still reported).
+namespace ExitCode {
+enum : int
+{
+    Success = 0,
+    Usage = 1,             // bad command line
+    PortError = 2,         // a port could not be opened
+    NoAnswer = 3,          // a section did not answer in time
+    FileError = 4,         // the firmware file (decode: the capture) is missing or unreadable
+    ResendsExhausted = 5,  // the bootloader kept refusing a packet during an update
+    BootloaderError = 6,   // the bootloader reported an error status
+    NotInBootloader = 7,   // flash found a section running its application
+};
+}  // namespace ExitCode

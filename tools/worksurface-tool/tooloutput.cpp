@@ -1,0 +1,36 @@
+#include "tooloutput.h"
+
+#include <unistd.h>
+#include <cstdio>
+
+#include "jsonline.h"
+
+ToolOutput::ToolOutput(bool json) : m_json(json) {}
+
+bool ToolOutput::isTerminal()
+{
+    return ::isatty(STDOUT_FILENO) == 1;
+}
+
+void ToolOutput::text(const QString& line)
+{
+    raw(line.toLocal8Bit() + '\n');
+}
+
+void ToolOutput::json(const JsonLine& line)
+{
+    raw(line.toJson() + '\n');
+}
+
+void ToolOutput::raw(const QByteArray& bytes)
+{
+    std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stdout);
+    std::fflush(stdout);
+}
+
+void ToolOutput::note(const QString& line)
+{
+    const QByteArray bytes = line.toLocal8Bit() + '\n';
+    std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stderr);
+    std::fflush(stderr);
+}

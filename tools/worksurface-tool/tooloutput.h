@@ -1,0 +1,29 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+class JsonLine;
+
+// Standard output of the tool: text lines for people, or one JSON object per line with
+// --json. Every line is flushed at once, so a script reading a pipe sees it as it happens.
+// Notes for people (what the tool is waiting for, why a section was skipped) go to
+// standard error in both modes.
+class ToolOutput
+{
+public:
+    explicit ToolOutput(bool json);
+
+    bool isJson() const { return m_json; }
+    // Standard output is a terminal (the flash command draws a progress bar there).
+    static bool isTerminal();
+
+    void text(const QString& line);
+    void json(const JsonLine& line);
+    // Without a line end: the progress bar redraws its line with a carriage return.
+    void raw(const QByteArray& bytes);
+    static void note(const QString& line);
+
+private:
+    bool m_json;
+};
