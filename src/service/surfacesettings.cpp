@@ -9,7 +9,7 @@
 
 SurfaceSettings::SurfaceSettings(std::shared_ptr<Velmora::Worksurface::ISettings> settings,
                                  QObject* parent)
-    : QObject(parent), m_settings(std::move(settings))
+    : SurfaceLinkSettings(settings, parent), m_settings(std::move(settings))
 {}
 
 SurfaceSettings::SurfaceType SurfaceSettings::type() const
