@@ -230,6 +230,8 @@ void HardwareSerialConnection::closeVanishedPort()
 {
     if (m_port->isOpen()) {
         m_portError = QStringLiteral("Device gone: %1").arg(m_portName);
+        // Whatever opens the port next is news.
+        m_lastOpen = LastOpen::None;
     }
     close();
 }
