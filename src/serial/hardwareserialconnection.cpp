@@ -1,6 +1,7 @@
 #include "serial/hardwareserialconnection.h"
 
 #include <QDebug>
+#include <QFileInfo>
 #include <QMetaEnum>
 #include <QMutexLocker>
 
@@ -123,6 +124,13 @@ void HardwareSerialConnection::open()
 
 void HardwareSerialConnection::reopen()
 {
+    if (!m_port->isOpen() && m_lastOpen == LastOpen::Failed &&
+        m_lastOpenError == QSerialPort::DeviceNotFoundError && !QFileInfo::exists(m_portName)) {
+        // Still not there. QSerialPort would find that out only after creating its lock file
+        // and syncing it to disk, some milliseconds of the model thread (and a write to the
+        // board's flash) per attempt; the outcome is the same.
+        return;
+    }
     m_reopening = true;
     open();
     m_reopening = false;
