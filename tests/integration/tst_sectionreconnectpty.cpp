@@ -80,6 +80,7 @@ private slots:
     void aThousandRetriesAddNoTaskAndNoLogLine();
     void noRetryWhileAnUpdateRuns();
     void failedUpdatesAreToldWithTheirReasonAndASuccessResetsTheFailure();
+    void aNewConnectStartsTheModelsOverAndASectionTheModelLacksIsClosed();
 
 private:
     // Connects a K40 hardware surface; waits for section 1 to come up unless told not to.
@@ -514,6 +515,40 @@ void TestSectionReconnectPty::failedUpdatesAreToldWithTheirReasonAndASuccessRese
     QCOMPARE(changed.count(), 4);
     QCOMPARE(sim->image(), QByteArray(100, char(0x42)) + QByteArray(28, char(0xFF)));
     QCOMPARE(first()->updateProgress(), 100);
+}
+
+void TestSectionReconnectPty::aNewConnectStartsTheModelsOverAndASectionTheModelLacksIsClosed()
+{
+    const QString thirdPath = m_dir->filePath(QStringLiteral("ttyWS2"));
+    qputenv(kPortsVariable, QStringList({m_devicePath, m_other->slavePath(), thirdPath})
+                                .join(QLatin1Char(','))
+                                .toLocal8Bit());
+    m_service->settings()->setType(SurfaceSettings::Hardware);
+    m_service->settings()->setMode(SurfaceSettings::K60);
+    m_service->connect();
+    QTRY_VERIFY_WITH_TIMEOUT(m_service->connection()->surface() != nullptr, kTimeout);
+    m_pool = m_service->taskPool();
+    pass();
+    SectionInfoModel* third = m_service->section(2);
+    QCOMPARE(third->linkState(), int(SectionInfoModel::Connecting));
+    QCOMPARE(third->portName(), thirdPath);
+    QCOMPARE(third->portError(), QStringLiteral("Device not found: %1").arg(thirdPath));
+
+    // A K40 has no third section: after the next connect() its model shows no link at all.
+    QSignalSpy surfaceChanged(m_service->connection(), &SurfaceConnection::surfaceChanged);
+    QSignalSpy portChanged(third, &SectionInfoModel::portNameChanged);
+    m_service->settings()->setMode(SurfaceSettings::K40);
+    m_service->connect();
+    QTRY_COMPARE_WITH_TIMEOUT(surfaceChanged.count(), 1, kTimeout);
+    m_pool = m_service->taskPool();
+    pass();
+    QCOMPARE(third->linkState(), int(SectionInfoModel::Closed));
+    QCOMPARE(third->portName(), QString());
+    QCOMPARE(third->portError(), QString());
+    QCOMPARE(portChanged.count(), 1);
+    // The sections the new surface has follow their new links.
+    QCOMPARE(first()->portName(), m_devicePath);
+    QCOMPARE(first()->linkState(), int(SectionInfoModel::Connecting));
 }
 
 QTEST_GUILESS_MAIN(TestSectionReconnectPty)
