@@ -1,8 +1,10 @@
 // Plays an arbitrary section against one section link: received bytes in chunks of any
 // size, task passes at times moved on by amounts from the input, updater state changes,
-// calibration, queue traffic, closes and reopens. The link must never crash or hang, its
-// parser must never hold more than one partial frame, and what it keeps (tasks, queue
-// entries) must stay bounded by what the input asked for.
+// calibration, queue traffic, closes and reopens, a line that vanishes or refuses to open,
+// and changes of the reconnect interval, so that the link's own reconnection attempts
+// interleave with all of that. The link must never crash or hang, its parser must never
+// hold more than one partial frame, what it keeps (tasks, queue entries) must stay bounded
+// by what the input asked for, and it must make at most one reconnection attempt per tick.
 //
 // Input: a sequence of commands. Each command is one byte whose low three bits select it,
 // followed by its arguments:
@@ -11,7 +13,9 @@
 //   5     advance the clock by 0..255 ms, then tick the pool
 //   6     set the updater's flags from the next byte and let it report its state
 //   7     a control operation chosen by the next byte (enqueue, calibration, close, open,
-//         progress, a line that refuses to open)
+//         progress, a line that refuses to open; with bit 3 set, stopping calibration
+//         becomes a new reconnect interval of 10 times the next byte in ms, 255 meaning -1,
+//         and closing becomes the line vanishing under the link)
 // The component on the section's root handler takes messages for even device ids.
 
 #include <QByteArray>
@@ -114,9 +118,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
                                                     std::move(fakeUpdater), logger);
     line->setDataReceiver(link.get());
     link->setStateListener(&listener);
+    link->setReconnectSettings(settings);
     link->open();
 
     std::size_t commands = 0;
+    std::size_t ticks = 0;
     Input input(data, size);
     while (!input.atEnd()) {
         ++commands;
@@ -136,11 +142,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
                 const qint64 ms = (high << 8) | input.byte();
                 g_clock->advanceMs(ms);
                 pool->runPendingTasks();
+                ++ticks;
                 break;
             }
             case 5:
                 g_clock->advanceMs(input.byte());
                 pool->runPendingTasks();
+                ++ticks;
                 break;
             case 6: {
                 const uint8_t flags = input.byte();
@@ -163,10 +171,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
                         link->startCalibration();
                         break;
                     case 2:
-                        link->stopCalibration();
+                        if (operation & 0x08) {
+                            const uint8_t tenths = input.byte();
+                            settings->setReconnectInterval(tenths == 255 ? -1 : tenths * 10);
+                        } else {
+                            link->stopCalibration();
+                        }
                         break;
                     case 3:
-                        link->close();
+                        if (operation & 0x08) {
+                            // The device went away: the line closes by itself.
+                            line->setOpen(false);
+                        } else {
+                            link->close();
+                        }
                         break;
                     case 4:
                         link->open();
@@ -195,6 +213,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         // (a restart is an open too, and takes at least one command to bring about).
         if (pool->taskCount() > commands + 1) {
             violated("supervision tasks", static_cast<long long>(pool->taskCount()));
+        }
+        // Reconnection reopens from within a pass and never twice in one tick.
+        if (link->reconnectAttempts() > ticks) {
+            violated("reconnection attempts", static_cast<long long>(link->reconnectAttempts()));
         }
         // Coalescing: one entry per (type, device id) at most.
         if (queue->size() > std::size_t{MessageType::NoMessage} * 256) {

@@ -16,7 +16,9 @@
 //   6     tick the pool without moving the clock, and deliver the handles' queued requests
 //   7     a surface or handle operation chosen by the next byte
 // The first byte also chooses whether the sections' firmware image exists, so that a
-// section which answers the bootloader probe may receive a real update.
+// section which answers the bootloader probe may receive a real update (bit 0), and the
+// links' reconnect interval (bits 1 and 2: 0, 200, 400 or 600 ms), so that links restart
+// by themselves between the bytes and clock jumps.
 
 #include <QByteArray>
 #include <QColor>
@@ -250,9 +252,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     settings->setSectionCount(kSections);
     settings->setMasterSectionIndex(kMaster);
     settings->setDebugEnabled(false);
-    if (input.byte() & 1) {
+    const uint8_t setup = input.byte();
+    if (setup & 1) {
         settings->setFirmwarePath(*g_firmwarePath);
     }
+    settings->setReconnectInterval((setup & 0x06) * 100);
     auto logger = std::make_shared<Logger>(settings);
     auto pool = std::make_shared<TaskPool>();
     SectionInfoModel models[] = {SectionInfoModel(0, nullptr), SectionInfoModel(1, nullptr),
@@ -319,6 +323,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         for (const auto& model : models) {
             if (model.updateProgress() < 0 || model.updateProgress() > 100) {
                 violated("update progress out of range", model.updateProgress());
+            }
+            if (model.linkState() < 0 || model.linkState() > SectionInfoModel::NoResponse) {
+                violated("model link state out of range", model.linkState());
             }
         }
         // A command adds a handful of tasks at most: a supervision task per section (an

@@ -42,6 +42,11 @@ public:
     virtual uint8_t masterSectionIndex() const = 0;
     virtual QString serialPortName(uint8_t section) const = 0;
     virtual QString firmwarePath() const = 0;
+    // How often, in milliseconds, a section's link tries to come back by itself after its
+    // device failed or it stopped answering (0: it does not; the application reconnects).
+    virtual int reconnectInterval() const = 0;
+    // Negative values are taken as 0.
+    virtual void setReconnectInterval(int intervalMs) = 0;
 };
 
 }  // namespace Velmora::Worksurface

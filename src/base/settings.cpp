@@ -134,4 +134,14 @@ QString Settings::firmwarePath() const
     return QString();
 }
 
+int Settings::reconnectInterval() const
+{
+    return m_reconnectInterval.load();
+}
+
+void Settings::setReconnectInterval(int intervalMs)
+{
+    m_reconnectInterval.store(intervalMs < 0 ? 0 : intervalMs);
+}
+
 }  // namespace Velmora::Worksurface

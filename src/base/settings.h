@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <atomic>
 #include <cstdint>
 
 #include "base/isettings.h"
@@ -29,6 +30,8 @@ public:
     uint8_t masterSectionIndex() const override;
     QString serialPortName(uint8_t section) const override;
     QString firmwarePath() const override;
+    int reconnectInterval() const override;
+    void setReconnectInterval(int intervalMs) override;
 
 private:
     // A surface started before QML chooses a model has no sections: hardware, no model,
@@ -36,6 +39,8 @@ private:
     uint8_t m_type = 0;
     uint8_t m_mode = 0;
     uint8_t m_debugEnabled = 1;
+    // Read by every link's supervision pass, written from QML.
+    std::atomic<int> m_reconnectInterval{0};
 };
 
 }  // namespace Velmora::Worksurface

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 
-SectionInfoModel::SectionInfoModel(int index, QObject* parent) : QObject(parent), m_index(index) {}
+SectionInfoModel::SectionInfoModel(int index, QObject* parent)
+    : SectionLinkNotifier(parent), m_index(index)
+{}
 
 void SectionInfoModel::updateInfo(uint8_t version, uint8_t temperature)
 {
@@ -35,5 +37,48 @@ void SectionInfoModel::setUpdateProgress(uint8_t percent)
     if (clamped != m_updateProgress) {
         m_updateProgress = clamped;
         emit updateProgressChanged();
+    }
+}
+
+void SectionInfoModel::setLinkState(uint8_t state)
+{
+    if (state != m_linkState) {
+        m_linkState = state;
+        emit linkStateChanged();
+    }
+}
+
+void SectionInfoModel::setPort(const QString& portName, const QString& portError)
+{
+    if (portName != m_portName) {
+        m_portName = portName;
+        emit portNameChanged();
+    }
+    if (portError != m_portError) {
+        m_portError = portError;
+        emit portErrorChanged();
+    }
+}
+
+void SectionInfoModel::setUpdateResult(int failureReason)
+{
+    const int failure = failureReason < 0 ? -1 : failureReason;
+    if (failure != m_lastUpdateFailure) {
+        m_lastUpdateFailure = failure;
+        emit lastUpdateFailureChanged();
+    }
+    if (failure >= 0) {
+        // Every failure is told, also one with the same reason as the last.
+        emit updateFailed(failure);
+    }
+}
+
+void SectionInfoModel::resetLink()
+{
+    setLinkState(Closed);
+    setPort(QString(), QString());
+    if (m_lastUpdateFailure != -1) {
+        m_lastUpdateFailure = -1;
+        emit lastUpdateFailureChanged();
     }
 }

@@ -10,7 +10,7 @@
 using namespace Velmora::Worksurface;
 
 SurfaceSettings::SurfaceSettings(std::shared_ptr<ISettings> settings, QObject* parent)
-    : QObject(parent), m_settings(std::move(settings))
+    : SurfaceLinkSettings(settings, parent), m_settings(std::move(settings))
 {}
 
 SurfaceSettings::SurfaceType SurfaceSettings::type() const

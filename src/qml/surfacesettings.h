@@ -5,11 +5,13 @@
 #include <memory>
 
 #include "base/isettings.h"
+#include "qml/surfacelinksettings.h"
 
 // Surface.settings: the QML face of the worksurface configuration. It keeps no value of
 // its own; every read and write goes to the shared settings the core reads, so a change is
 // seen by the core at once (the running surface is rebuilt only by the next connect()).
-class SurfaceSettings : public QObject
+// reconnectInterval comes from SurfaceLinkSettings.
+class SurfaceSettings : public SurfaceLinkSettings
 {
     Q_OBJECT
     Q_PROPERTY(SurfaceType type READ type WRITE setType NOTIFY typeChanged)

@@ -119,6 +119,7 @@ void WorksurfaceFunctions::stopSurfaceThread()
 
 void WorksurfaceFunctions::onStartSurfaceThread()
 {
+    resetSectionLinks();
     if (m_taskPool) {
         m_taskPool->stop();
     }
@@ -149,6 +150,15 @@ void WorksurfaceFunctions::onStartSurfaceThread()
     m_connection->installSurface(surface);
     if (ISurface* current = m_connection->surface()) {
         current->start();
+    }
+}
+
+void WorksurfaceFunctions::resetSectionLinks()
+{
+    // The models follow the links of the surface built now; those of a section the model
+    // has no more stay Closed.
+    for (SectionInfoModel* info : m_sectionInfos) {
+        info->resetLink();
     }
 }
 

@@ -99,6 +99,8 @@ private slots:
 
 private:
     void stopSurfaceThread();
+    // Every section model back to "no link yet", before a new surface is built.
+    void resetSectionLinks();
 
     QThread m_thread;
     std::shared_ptr<Velmora::Worksurface::ISettings> m_settings;

@@ -1,6 +1,7 @@
 #include "serial/hardwareserialconnection.h"
 
 #include <QDebug>
+#include <QFileInfo>
 #include <QMetaEnum>
 #include <QMutexLocker>
 
@@ -15,6 +16,23 @@ const char* errorName(QSerialPort::SerialPortError error)
 {
     const char* key = QMetaEnum::fromType<QSerialPort::SerialPortError>().valueToKey(error);
     return key ? key : "";
+}
+
+// Why the device failed, in a few words, naming the device: what QML shows as the link's
+// port error.
+QString describeOpenError(QSerialPort::SerialPortError error, const QString& portName)
+{
+    switch (error) {
+        case QSerialPort::DeviceNotFoundError:
+            return QStringLiteral("Device not found: %1").arg(portName);
+        case QSerialPort::PermissionError:
+            return QStringLiteral("Permission denied: %1").arg(portName);
+        case QSerialPort::OpenError:
+            return QStringLiteral("Device already open: %1").arg(portName);
+        default:
+            return QStringLiteral("Cannot open %1 (%2)")
+                .arg(portName, QString::fromLatin1(errorName(error)));
+    }
 }
 
 }  // namespace
@@ -61,9 +79,13 @@ void HardwareSerialConnection::open()
     }
     m_port->setPortName(m_portName);
     if (!m_port->open(QIODevice::ReadWrite)) {
-        qCritical() << "Unable to open WS section" << logIndex()
-                    << "serial port with name: " << m_portName;
-        qCritical() << "Error was:" << errorName(m_port->error());
+        const QSerialPort::SerialPortError error = m_port->error();
+        if (isNews(error)) {
+            qCritical() << "Unable to open WS section" << logIndex()
+                        << "serial port with name: " << m_portName;
+            qCritical() << "Error was:" << errorName(error);
+        }
+        noteOpenFailure(error, describeOpenError(error, m_portName));
         return;
     }
     // The line settings are applied to the open device, in this order; the first that
@@ -82,13 +104,65 @@ void HardwareSerialConnection::open()
                 m_port->close();
             }
         }
-        qCritical() << "Unable to set WS section" << logIndex()
-                    << "serial port properties for port: " << m_portName;
-        qCritical() << "Error was:" << errorName(error);
+        if (isNews(error)) {
+            qCritical() << "Unable to set WS section" << logIndex()
+                        << "serial port properties for port: " << m_portName;
+            qCritical() << "Error was:" << errorName(error);
+        }
+        noteOpenFailure(error, QStringLiteral("Cannot set up %1 (%2)")
+                                   .arg(m_portName, QString::fromLatin1(errorName(error))));
         return;
     }
     m_outputBuffer.clear();
-    qDebug() << "WS section" << logIndex() << "serial port:" << m_portName << "ready and open.";
+    if (isNews(QSerialPort::NoError)) {
+        qDebug() << "WS section" << logIndex() << "serial port:" << m_portName << "ready and open.";
+    }
+    m_lastOpen = LastOpen::Opened;
+    m_lastOpenError = QSerialPort::NoError;
+    m_portError.clear();
+}
+
+void HardwareSerialConnection::reopen()
+{
+    if (!m_port->isOpen() && m_lastOpen == LastOpen::Failed &&
+        m_lastOpenError == QSerialPort::DeviceNotFoundError && !QFileInfo::exists(m_portName)) {
+        // Still not there. QSerialPort would find that out only after creating its lock file
+        // and syncing it to disk, some milliseconds of the model thread (and a write to the
+        // board's flash) per attempt; the outcome is the same.
+        return;
+    }
+    m_reopening = true;
+    open();
+    m_reopening = false;
+}
+
+bool HardwareSerialConnection::isNews(QSerialPort::SerialPortError error) const
+{
+    if (!m_reopening) {
+        return true;
+    }
+    if (error == QSerialPort::NoError) {
+        return m_lastOpen != LastOpen::Opened;
+    }
+    return m_lastOpen != LastOpen::Failed || error != m_lastOpenError;
+}
+
+void HardwareSerialConnection::noteOpenFailure(QSerialPort::SerialPortError error,
+                                               const QString& portError)
+{
+    m_lastOpen = LastOpen::Failed;
+    m_lastOpenError = error;
+    m_portError = portError;
+}
+
+QString HardwareSerialConnection::portName() const
+{
+    return m_portName;
+}
+
+QString HardwareSerialConnection::portError() const
+{
+    return m_portError;
 }
 
 void HardwareSerialConnection::close()
@@ -167,11 +241,20 @@ void HardwareSerialConnection::readSerialData()
 // the port again if the section has come back.
 void HardwareSerialConnection::closeVanishedPort()
 {
+    if (m_port->isOpen()) {
+        m_portError = QStringLiteral("Device gone: %1").arg(m_portName);
+        // Whatever opens the port next is news.
+        m_lastOpen = LastOpen::None;
+    }
     close();
 }
 
 void HardwareSerialConnection::handleSerialPortError(QSerialPort::SerialPortError error)
 {
+    if (error != QSerialPort::NoError && !isNews(error)) {
+        // A reconnection attempt that fails as the one before it did: already said.
+        return;
+    }
     switch (error) {
         case QSerialPort::NoError:
             break;

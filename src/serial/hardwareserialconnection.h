@@ -39,6 +39,9 @@ public:
     void writeRaw(const BootloaderPacket& packet) override;
     void sendMessage(const SerialMessage& message) override;
     void flush() override;
+    QString portName() const override;
+    QString portError() const override;
+    void reopen() override;
 
     // Bytes waiting in the output buffer for the next flush (diagnostics).
     int bufferedByteCount() const;
@@ -60,6 +63,17 @@ private:
     // Writes data to the port; the caller holds m_mutex.
     void writeLocked(const QByteArray& data);
     int logIndex() const { return m_sectionIndex; }
+    // How the last open ended, so that a reopen() can leave out what it would only repeat.
+    enum class LastOpen
+    {
+        None,
+        Opened,
+        Failed,
+    };
+    // Whether a line about an open that ended with `error` (NoError: it opened) is news in
+    // the current attempt.
+    bool isNews(QSerialPort::SerialPortError error) const;
+    void noteOpenFailure(QSerialPort::SerialPortError error, const QString& portError);
 
     uint8_t m_sectionIndex;
     QString m_portName;
@@ -68,6 +82,11 @@ private:
     QByteArray m_outputBuffer;
     mutable QMutex m_mutex;
     uint64_t m_messageCount = 0;
+    QString m_portError;
+    LastOpen m_lastOpen = LastOpen::None;
+    QSerialPort::SerialPortError m_lastOpenError = QSerialPort::NoError;
+    // Set while reopen() runs.
+    bool m_reopening = false;
 };
 
 }  // namespace Velmora::Worksurface

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QString>
 #include <cstdint>
 
 #include "serial/serialmessage.h"
@@ -26,6 +27,15 @@ public:
     virtual void writeRaw(const BootloaderPacket& packet) = 0;
     virtual void sendMessage(const SerialMessage& message) = 0;
     virtual void flush() = 0;
+
+    // The device the connection opens; empty for a link without one (the software link).
+    virtual QString portName() const { return QString(); }
+    // Why the device last failed to open or to stay open, naming it; empty while it is open
+    // or before the first open.
+    virtual QString portError() const { return QString(); }
+    // Another attempt in a series of reconnection attempts: opens like open(), but says
+    // only what is new (a failure that repeats the previous one is not logged again).
+    virtual void reopen() { open(); }
 };
 
 }  // namespace Velmora::Worksurface

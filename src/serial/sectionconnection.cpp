@@ -8,6 +8,8 @@
 #include "serial/iserialconnection.h"
 #include "serial/iserialmessagehandler.h"
 #include "serial/iserialmessagequeue.h"
+#include "base/isettings.h"
+#include "base/logger.h"
 #include "tasks/itaskpool.h"
 #include "tasks/monotonicclock.h"
 #include "updater/isectionupdater.h"
@@ -211,6 +213,7 @@ void SectionConnection::badDataReceived(const QByteArray& data)
 void SectionConnection::run()
 {
     const int64_t now = MonotonicClock::nowNs();
+    superviseReconnect(now);
 
     // Keep-alive: only once the section has answered (or while we wait for it to answer
     // again); a section still starting up or in its bootloader is left alone.
@@ -276,6 +279,7 @@ void SectionConnection::run()
 
 void SectionConnection::updaterStateChanged()
 {
+    trackUpdateResult();
     if (m_updater->isUpdating()) {
         setState(Updating);
     } else if (m_updater->isActive()) {
@@ -301,8 +305,118 @@ void SectionConnection::sendBootloaderPacket(const BootloaderPacket& packet)
 void SectionConnection::failed(int reason)
 {
     // The updater has already reset the section and logged why; the link recovers through
-    // the usual state machine.
-    Q_UNUSED(reason);
+    // the usual state machine. QML learns why.
+    m_updateFailed = true;
+    if (m_stateListener) {
+        m_stateListener->sectionUpdateResult(m_sectionIndex, reason);
+    }
+}
+
+void SectionConnection::trackUpdateResult()
+{
+    const bool updating = m_updater->isUpdating();
+    if (updating && !m_updateRunning) {
+        m_updateRunning = true;
+        m_updateFailed = false;
+    } else if (!updating && m_updateRunning) {
+        m_updateRunning = false;
+        if (!m_updateFailed && m_stateListener) {
+            m_stateListener->sectionUpdateResult(m_sectionIndex, -1);
+        }
+    }
+}
+
+void SectionConnection::setReconnectSettings(std::shared_ptr<const ISettings> settings)
+{
+    m_reconnectSettings = std::move(settings);
+}
+
+void SectionConnection::reportPort()
+{
+    const QString name = m_connection->portName();
+    const QString error = m_connection->portError();
+    if (m_portReported && name == m_reportedPortName && error == m_reportedPortError) {
+        return;
+    }
+    m_portReported = true;
+    m_reportedPortName = name;
+    m_reportedPortError = error;
+    if (m_stateListener) {
+        m_stateListener->sectionPortChanged(m_sectionIndex, name, error);
+    }
+}
+
+void SectionConnection::superviseReconnect(int64_t nowNs)
+{
+    reportPort();
+    const uint8_t state = m_state.load();
+    if (state == Connecting && m_supervisedState != Connecting) {
+        m_attemptNs = nowNs;
+    }
+    m_supervisedState = state;
+
+    const int intervalMs = m_reconnectSettings ? m_reconnectSettings->reconnectInterval() : 0;
+    if (intervalMs <= 0) {
+        m_outage = false;
+        return;
+    }
+    const QString section = number(m_sectionIndex);
+    if (m_outage && state == Connected) {
+        m_outage = false;
+        m_logger->info(QStringLiteral("Section %1 is back after %2 s")
+                           .arg(section)
+                           .arg((nowNs - m_outageStartNs) / (1000 * kNsPerMs)));
+        return;
+    }
+    // An application that closed the link wants it closed; an update owns the line.
+    if (state == Closed || state == Updating || m_updater->isUpdating()) {
+        return;
+    }
+
+    const bool portDown = !m_connection->isOpen();
+    const bool stalled = state == Connecting && msSince(nowNs, m_attemptNs) >= intervalMs;
+    if (!m_outage && (portDown || stalled)) {
+        m_outage = true;
+        m_outageStartNs = portDown ? nowNs : m_attemptNs;
+        const QString port = m_connection->portName();
+        QString what = m_connection->portError();
+        if (what.isEmpty()) {
+            what = port.isEmpty() ? QStringLiteral("no answer")
+                                  : QStringLiteral("no answer on %1").arg(port);
+        }
+        m_logger->warning(QStringLiteral("Section %1 link is down (%2). Retrying every %3 ms.")
+                              .arg(section, what)
+                              .arg(intervalMs));
+    }
+    if (portDown && state != Connecting) {
+        // The device went away under a running link: it is reconnecting from now on, the
+        // first attempt one interval later.
+        m_attemptNs = nowNs;
+        m_supervisedState = Connecting;
+        setState(Connecting);
+        return;
+    }
+    if (stalled) {
+        reopenLink(nowNs);
+    }
+}
+
+void SectionConnection::reopenLink(int64_t nowNs)
+{
+    ++m_reconnectAttempts;
+    m_attemptNs = nowNs;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_connection->isOpen()) {
+            m_connection->close();
+        }
+        clear();
+        m_connection->reopen();
+    }
+    reportPort();
+    // Probes the section's bootloader again; its answer, or the section's first message,
+    // brings the link up as after open().
+    m_updater->start(this);
 }
 
 }  // namespace Velmora::Worksurface

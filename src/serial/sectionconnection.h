@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QString>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -16,6 +17,7 @@ namespace Velmora::Worksurface {
 
 class ISectionStateListener;
 class ISectionUpdater;
+class ISettings;
 class ISerialConnection;
 class ISerialMessageHandler;
 class ISerialMessageQueue;
@@ -31,6 +33,14 @@ class Logger;
 // the link's state machine: a section silent for 10 s (counted from 10 s after it came up)
 // is marked NoResponse, one silent for 20 s is restarted. While a firmware update runs,
 // received bytes go to the updater instead of the parser.
+//
+// Reconnecting: with settings whose reconnectInterval() is above 0, the task also brings
+// the link back by itself. A port that failed to open, or closed because its device went
+// away, is opened again every interval until it opens; a link that has stayed Connecting
+// for an interval (the section missed the bootloader probe, e.g. it was still booting) is
+// restarted, probing again, every interval. Such a restart reuses the running task: it
+// schedules nothing. Nothing is retried while an update runs, and the log gets one warning
+// when the outage begins and one line when the section is back, not a line per attempt.
 //
 // Always held by a shared_ptr: open() hands the task pool a weak reference to this object.
 //
@@ -89,6 +99,12 @@ public:
     void enqueueMessage(const SerialMessage& message) override;
     void setStateListener(ISectionStateListener* listener) override;
 
+    // Where the task reads the reconnect interval, on every pass (so a change applies to a
+    // running link at once). Without settings the link does not reconnect by itself.
+    void setReconnectSettings(std::shared_ptr<const ISettings> settings);
+    // Reconnection attempts made so far (diagnostics and tests).
+    uint64_t reconnectAttempts() const { return m_reconnectAttempts; }
+
     // ISerialDataReceiver
     void dataReceived(const QByteArray& data) override;
 
@@ -111,6 +127,15 @@ private:
     void handleLinkMessage(const SerialMessage& message);
     void sendDirect(const SerialMessage& message);
     static int64_t msSince(int64_t nowNs, int64_t thenNs);
+    // Tells the listener when the connection's device or its error changed.
+    void reportPort();
+    // One pass of the reconnection supervision (see the class comment).
+    void superviseReconnect(int64_t nowNs);
+    // Closes the line if it is open and opens it again with a new bootloader probe, staying
+    // Connecting; schedules nothing.
+    void reopenLink(int64_t nowNs);
+    // Notes the start and the end of a firmware update, telling the listener of a success.
+    void trackUpdateResult();
 
     const uint8_t m_sectionIndex;
     std::mutex m_mutex;
@@ -127,6 +152,19 @@ private:
     std::atomic<uint8_t> m_state{Closed};
     int64_t m_lastPingNs = 0;
     int64_t m_lastReceiveNs = 0;
+
+    // Reconnection, all on the model thread.
+    std::shared_ptr<const ISettings> m_reconnectSettings;
+    uint8_t m_supervisedState = Closed;  // the state the previous pass saw
+    int64_t m_attemptNs = 0;             // entered Connecting, or the last attempt
+    bool m_outage = false;
+    int64_t m_outageStartNs = 0;
+    uint64_t m_reconnectAttempts = 0;
+    bool m_portReported = false;
+    QString m_reportedPortName;
+    QString m_reportedPortError;
+    bool m_updateRunning = false;
+    bool m_updateFailed = false;
 };
 
 }  // namespace Velmora::Worksurface

@@ -26,6 +26,7 @@ std::shared_ptr<ISectionConnection> ConnectionFactory::createConnection(
     auto connection = std::make_shared<SectionConnection>(sectionIndex, rootHandler, queue, serial,
                                                           m_taskPool, std::move(updater), m_logger);
     serial->setDataReceiver(connection.get());
+    connection->setReconnectSettings(settings);
     return connection;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QString>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -35,6 +36,11 @@ public:
     virtual void setUpdating(bool updating) = 0;
     virtual void setUpdateProgress(uint8_t percent) = 0;
     virtual void setFaderRestMode(RestMode mode) = 0;
+    // What the section's link reports, passed on to the section's information (see
+    // ISectionInfo); a section without one ignores it.
+    virtual void setLinkState(uint8_t) {}
+    virtual void setPort(const QString& /*portName*/, const QString& /*portError*/) {}
+    virtual void setUpdateResult(int /*failureReason*/) {}
 };
 
 }  // namespace Velmora::Worksurface

@@ -37,6 +37,27 @@ void Section::setUpdateProgress(uint8_t percent)
     }
 }
 
+void Section::setLinkState(uint8_t state)
+{
+    if (m_info) {
+        m_info->setLinkState(state);
+    }
+}
+
+void Section::setPort(const QString& portName, const QString& portError)
+{
+    if (m_info) {
+        m_info->setPort(portName, portError);
+    }
+}
+
+void Section::setUpdateResult(int failureReason)
+{
+    if (m_info) {
+        m_info->setUpdateResult(failureReason);
+    }
+}
+
 void Section::setFaderRestMode(RestMode mode)
 {
     for (const auto& fader : m_faders) {

@@ -36,6 +36,9 @@ public:
     void setUpdating(bool updating) override;
     void setUpdateProgress(uint8_t percent) override;
     void setFaderRestMode(RestMode mode) override;
+    void setLinkState(uint8_t state) override;
+    void setPort(const QString& portName, const QString& portError) override;
+    void setUpdateResult(int failureReason) override;
 
     bool handleMessage(const SerialMessage& message) override;
     void setLinkReady(bool) override {}

@@ -200,6 +200,21 @@ void Surface::sectionStateChanged(uint8_t section, uint8_t state)
     emit isCalibratingChanged();
     if (ISection* found = findSection(section)) {
         found->setUpdating(state == ISectionConnection::Updating);
+        found->setLinkState(state);
+    }
+}
+
+void Surface::sectionPortChanged(uint8_t section, const QString& portName, const QString& portError)
+{
+    if (ISection* found = findSection(section)) {
+        found->setPort(portName, portError);
+    }
+}
+
+void Surface::sectionUpdateResult(uint8_t section, int failureReason)
+{
+    if (ISection* found = findSection(section)) {
+        found->setUpdateResult(failureReason);
     }
 }
 

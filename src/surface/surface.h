@@ -42,6 +42,9 @@ public:
     void sectionStateChanged(uint8_t section, uint8_t state) override;
     void sectionUpdateProgress(uint8_t section, uint8_t value) override;
     void sentMessageCount(uint64_t) override {}
+    void sectionPortChanged(uint8_t section, const QString& portName,
+                            const QString& portError) override;
+    void sectionUpdateResult(uint8_t section, int failureReason) override;
 
     const std::vector<std::shared_ptr<ISection>>& sections() const { return m_sections; }
     const std::vector<std::shared_ptr<ISectionConnection>>& connections() const

@@ -130,6 +130,121 @@ private slots:
         QCOMPARE(meta.method(meta.methodOffset()).name(), QByteArray("updatingChanged"));
         QCOMPARE(meta.method(meta.methodOffset() + 3).name(), QByteArray("temperatureChanged"));
     }
+
+    void linkStartsClosedWithoutPortAndWithoutFailure()
+    {
+        SectionInfoModel model(1, nullptr);
+        QCOMPARE(model.linkState(), int(SectionInfoModel::Closed));
+        QCOMPARE(model.portName(), QString());
+        QCOMPARE(model.portError(), QString());
+        QCOMPARE(model.lastUpdateFailure(), -1);
+    }
+
+    void linkStateEnumHasTheConnectionsStatesAndValues()
+    {
+        const QMetaEnum states = QMetaEnum::fromType<SectionInfoModel::LinkState>();
+        QCOMPARE(QByteArray(states.name()), QByteArray("LinkState"));
+        QCOMPARE(states.keyCount(), 7);
+        const char* keys[] = {"Connected",   "Closed",      "Connecting", "Updating",
+                              "Calibrating", "SerialError", "NoResponse"};
+        for (int value = 0; value < 7; ++value) {
+            QCOMPARE(states.keyToValue(keys[value]), value);
+        }
+    }
+
+    void linkPropertiesAreReadOnlyAndNotifyAfterTheFirstFour()
+    {
+        const QMetaObject& meta = SectionInfoModel::staticMetaObject;
+        const QStringList expected{"linkState:int:linkStateChanged()",
+                                   "portName:QString:portNameChanged()",
+                                   "portError:QString:portErrorChanged()",
+                                   "lastUpdateFailure:int:lastUpdateFailureChanged()"};
+        QStringList found;
+        for (int i = meta.propertyOffset() + 4; i < meta.propertyCount(); ++i) {
+            const QMetaProperty property = meta.property(i);
+            QVERIFY(!property.isWritable());
+            found << QString("%1:%2:%3")
+                         .arg(property.name(), property.typeName(),
+                              QString::fromLatin1(property.notifySignal().methodSignature()));
+        }
+        QCOMPARE(found, expected);
+        QVERIFY(meta.indexOfSignal("updateFailed(int)") >= 0);
+    }
+
+    void linkStateNotifiesOnlyOnChange()
+    {
+        SectionInfoModel model(0, nullptr);
+        ISectionInfo& info = model;
+        QSignalSpy spy(&model, &SectionInfoModel::linkStateChanged);
+        info.setLinkState(SectionInfoModel::Closed);
+        QCOMPARE(spy.count(), 0);
+        info.setLinkState(SectionInfoModel::Connecting);
+        info.setLinkState(SectionInfoModel::Connecting);
+        info.setLinkState(SectionInfoModel::Connected);
+        QCOMPARE(spy.count(), 2);
+        QCOMPARE(model.linkState(), int(SectionInfoModel::Connected));
+    }
+
+    void portNameAndErrorNotifyEachOnItsOwnChange()
+    {
+        SectionInfoModel model(0, nullptr);
+        ISectionInfo& info = model;
+        QSignalSpy names(&model, &SectionInfoModel::portNameChanged);
+        QSignalSpy errors(&model, &SectionInfoModel::portErrorChanged);
+        info.setPort("/dev/ttymxc1", QString());
+        QCOMPARE(names.count(), 1);
+        QCOMPARE(errors.count(), 0);
+        info.setPort("/dev/ttymxc1", "Device not found: /dev/ttymxc1");
+        QCOMPARE(names.count(), 1);
+        QCOMPARE(errors.count(), 1);
+        QCOMPARE(model.portError(), QString("Device not found: /dev/ttymxc1"));
+        info.setPort("/dev/ttymxc1", QString());
+        QCOMPARE(errors.count(), 2);
+        QCOMPARE(model.portError(), QString());
+    }
+
+    void failedUpdateIsSignalledEveryTimeAndASuccessResetsTheFailure()
+    {
+        SectionInfoModel model(0, nullptr);
+        ISectionInfo& info = model;
+        QSignalSpy failed(&model, &SectionInfoModel::updateFailed);
+        QSignalSpy changed(&model, &SectionInfoModel::lastUpdateFailureChanged);
+        info.setUpdateResult(2);
+        info.setUpdateResult(2);
+        QCOMPARE(failed.count(), 2);
+        QCOMPARE(failed.at(1).at(0).toInt(), 2);
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(model.lastUpdateFailure(), 2);
+        info.setUpdateResult(-1);
+        QCOMPARE(failed.count(), 2);
+        QCOMPARE(changed.count(), 2);
+        QCOMPARE(model.lastUpdateFailure(), -1);
+    }
+
+    void resetLinkForgetsTheLinkButKeepsWhatTheSectionReported()
+    {
+        SectionInfoModel model(0, nullptr);
+        ISectionInfo& info = model;
+        info.updateInfo(7, 40);
+        info.setUpdateProgress(55);
+        info.setLinkState(SectionInfoModel::NoResponse);
+        info.setPort("/dev/ttymxc0", "Device gone: /dev/ttymxc0");
+        info.setUpdateResult(0);
+        QSignalSpy state(&model, &SectionInfoModel::linkStateChanged);
+        QSignalSpy failure(&model, &SectionInfoModel::lastUpdateFailureChanged);
+        QSignalSpy failed(&model, &SectionInfoModel::updateFailed);
+        model.resetLink();
+        QCOMPARE(model.linkState(), int(SectionInfoModel::Closed));
+        QCOMPARE(model.portName(), QString());
+        QCOMPARE(model.portError(), QString());
+        QCOMPARE(model.lastUpdateFailure(), -1);
+        QCOMPARE(state.count(), 1);
+        QCOMPARE(failure.count(), 1);
+        QCOMPARE(failed.count(), 0);
+        QCOMPARE(model.version(), 7);
+        QCOMPARE(model.temperature(), 40);
+        QCOMPARE(model.updateProgress(), 55);
+    }
 };
 
 QTEST_GUILESS_MAIN(TestSectionInfoModel)

@@ -106,6 +106,10 @@ private slots:
     void enumerateUpdatePathsIsWrittenEvenWithDebugOff();
     void enumerateUpdatePathsIsInvokableFromQml();
 
+    void reconnectIntervalIsAnInheritedNotifyingIntPropertyStartingAtZero();
+    void reconnectIntervalNotifiesOnlyOnChangeAndGoesToTheSharedSettings();
+    void negativeReconnectIntervalIsTakenAsZero();
+
 private:
     QByteArray m_savedHome;
 };
@@ -474,6 +478,54 @@ void TestSurfaceSettings::enumerateUpdatePathsIsInvokableFromQml()
     LogCapture log;
     QVERIFY(QMetaObject::invokeMethod(&settings, "enumerateUpdatePaths"));
     QCOMPARE(log.lines().size(), 2);
+}
+
+void TestSurfaceSettings::reconnectIntervalIsAnInheritedNotifyingIntPropertyStartingAtZero()
+{
+    const QMetaObject& meta = SurfaceSettings::staticMetaObject;
+    const int index = meta.indexOfProperty("reconnectInterval");
+    QVERIFY(index >= 0);
+    QVERIFY(index < meta.propertyOffset());
+    const QMetaProperty property = meta.property(index);
+    QCOMPARE(QByteArray(property.typeName()), QByteArray("int"));
+    QVERIFY(property.isWritable());
+    QCOMPARE(property.notifySignal().methodSignature(), QByteArray("reconnectIntervalChanged()"));
+
+    SurfaceSettings settings(std::make_shared<Settings>());
+    QCOMPARE(settings.reconnectInterval(), 0);
+    QCOMPARE(settings.property("reconnectInterval").toInt(), 0);
+}
+
+void TestSurfaceSettings::reconnectIntervalNotifiesOnlyOnChangeAndGoesToTheSharedSettings()
+{
+    auto shared = std::make_shared<Settings>();
+    SurfaceSettings settings(shared);
+    SignalRecorder recorder(&settings);
+    QSignalSpy spy(&settings, &SurfaceSettings::reconnectIntervalChanged);
+
+    settings.setReconnectInterval(2000);
+    QCOMPARE(spy.count(), 1);
+    QCOMPARE(shared->reconnectInterval(), 2000);
+    settings.setReconnectInterval(2000);
+    QCOMPARE(spy.count(), 1);
+    QVERIFY(settings.setProperty("reconnectInterval", 500));
+    QCOMPARE(spy.count(), 2);
+    QCOMPARE(shared->reconnectInterval(), 500);
+    // None of the other settings' signals.
+    QCOMPARE(recorder.names(), QStringList());
+}
+
+void TestSurfaceSettings::negativeReconnectIntervalIsTakenAsZero()
+{
+    auto shared = std::make_shared<Settings>();
+    SurfaceSettings settings(shared);
+    settings.setReconnectInterval(300);
+    QSignalSpy spy(&settings, &SurfaceSettings::reconnectIntervalChanged);
+    settings.setReconnectInterval(-5);
+    QCOMPARE(settings.reconnectInterval(), 0);
+    QCOMPARE(spy.count(), 1);
+    settings.setReconnectInterval(-1);
+    QCOMPARE(spy.count(), 1);
 }
 
 QTEST_GUILESS_MAIN(TestSurfaceSettings)

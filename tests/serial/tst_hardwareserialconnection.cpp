@@ -13,6 +13,7 @@
 
 #include <QMetaEnum>
 #include <QSignalSpy>
+#include <QTemporaryDir>
 #include <QtTest/QtTest>
 #include <memory>
 
@@ -99,6 +100,13 @@ private slots:
 
     void errorTableLogLines_data();
     void errorTableLogLines();
+
+    void portNameIsTheDeviceAndPortErrorIsEmptyBeforeAndWhileOpen();
+    void missingDeviceGivesPortErrorNamingItUntilItOpens();
+    void reopenDoesNotRepeatTheLinesOfAnIdenticalFailure();
+    void openAfterFailuresStillLogsEverything();
+    void reopenOfAnOpenPortSaysNothingAndAfterAFailureSaysReady();
+    void goneDeviceGivesDeviceGonePortError();
 
 private:
     std::unique_ptr<PtySectionSimulator> m_sim;
@@ -602,6 +610,93 @@ void TestHardwareSerialConnection::errorTableLogLines()
     for (const LogCapture::Line& line : log.lines()) {
         QCOMPARE(line.level, QtDebugMsg);
     }
+}
+
+void TestHardwareSerialConnection::portNameIsTheDeviceAndPortErrorIsEmptyBeforeAndWhileOpen()
+{
+    QCOMPARE(m_connection->portName(), m_sim->slavePath());
+    QCOMPARE(m_connection->portError(), QString());
+    m_connection->open();
+    QVERIFY(m_connection->isOpen());
+    QCOMPARE(m_connection->portError(), QString());
+}
+
+void TestHardwareSerialConnection::missingDeviceGivesPortErrorNamingItUntilItOpens()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("ttyLater"));
+    HardwareSerialConnection connection(1, path);
+    connection.open();
+    QVERIFY(!connection.isOpen());
+    QCOMPARE(connection.portError(), QStringLiteral("Device not found: %1").arg(path));
+    QVERIFY(QFile::link(m_sim->slavePath(), path));
+    connection.reopen();
+    QVERIFY(connection.isOpen());
+    QCOMPARE(connection.portError(), QString());
+}
+
+void TestHardwareSerialConnection::reopenDoesNotRepeatTheLinesOfAnIdenticalFailure()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("ttyMissing"));
+    HardwareSerialConnection connection(1, path);
+    LogCapture log;
+    connection.open();
+    QCOMPARE(log.lines().size(), 3);
+    for (int i = 0; i < 5; ++i) {
+        connection.reopen();
+    }
+    QVERIFY(!connection.isOpen());
+    QCOMPARE(log.lines().size(), 3);
+    QCOMPARE(connection.portError(), QStringLiteral("Device not found: %1").arg(path));
+}
+
+void TestHardwareSerialConnection::openAfterFailuresStillLogsEverything()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("ttyMissing"));
+    HardwareSerialConnection connection(1, path);
+    LogCapture log;
+    connection.open();
+    connection.open();
+    // A plain open is not an attempt of a series: each says everything.
+    QCOMPARE(log.lines().size(), 6);
+    QCOMPARE(log.count(QtCriticalMsg, QStringLiteral("Error was: DeviceNotFoundError")), 2);
+}
+
+void TestHardwareSerialConnection::reopenOfAnOpenPortSaysNothingAndAfterAFailureSaysReady()
+{
+    m_connection->open();
+    LogCapture log;
+    m_connection->close();
+    m_connection->reopen();
+    QVERIFY(m_connection->isOpen());
+    QVERIFY(log.lines().isEmpty());
+
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("ttyLater"));
+    HardwareSerialConnection connection(1, path);
+    connection.open();
+    QVERIFY(QFile::link(m_sim->slavePath(), path));
+    m_connection->close();
+    log.clear();
+    connection.reopen();
+    QVERIFY(connection.isOpen());
+    QCOMPARE(log.lines(),
+             (QList<LogCapture::Line>{
+                 {QtDebugMsg,
+                  QStringLiteral("WS section 1 serial port: %1 ready and open.").arg(quoted(path))},
+             }));
+}
+
+void TestHardwareSerialConnection::goneDeviceGivesDeviceGonePortError()
+{
+    m_connection->open();
+    QVERIFY(m_connection->isOpen());
+    m_sim->hangUp();
+    QTRY_VERIFY_WITH_TIMEOUT(!m_connection->isOpen(), Timeout);
+    QCOMPARE(m_connection->portError(),
+             QStringLiteral("Device gone: %1").arg(m_connection->portName()));
 }
 
 QTEST_GUILESS_MAIN(TestHardwareSerialConnection)

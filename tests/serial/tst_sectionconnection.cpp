@@ -199,6 +199,13 @@ class TestSectionConnection : public QObject
     Q_OBJECT
 
 private slots:
+    void withoutReconnectIntervalAStalledLinkIsNeverRestarted();
+    void stalledLinkIsReprobedOnceItHasBeenConnectingForTheInterval();
+    void reprobesRepeatEveryIntervalWithOneWarningAndNoNewTask();
+    void vanishedLineIsReopenedAfterOneIntervalAndTheReturnIsLogged();
+    void noRetryWhileUpdatingOrAfterClose();
+    void updateFailuresAndSuccessesReachTheListener();
+    void portIsReportedOnceWhileItDoesNotChange();
     // Construction, open and close.
     void freshConnectionIsClosedAndKnowsItsIndex();
     void openOpensLineSetsConnectingStartsUpdaterAndSchedulesTask();
@@ -1334,6 +1341,154 @@ void TestSectionConnection::elevenBadBytesSendSerialErrorToSectionTenDoNot()
         QCOMPARE(rig.line->flushCount(), 0);
         QVERIFY(rig.line->sentMessages().empty());
     }
+}
+
+void TestSectionConnection::withoutReconnectIntervalAStalledLinkIsNeverRestarted()
+{
+    Rig rig;
+    rig.link->setReconnectSettings(rig.settings);
+    rig.link->open();
+    rig.tickEvery(51 * kMs, kStartNs + 60000 * kMs);
+    QCOMPARE(rig.line->openCount(), 1);
+    QCOMPARE(rig.updater->startCount(), 1);
+    QCOMPARE(rig.state(), int(State::Connecting));
+    QVERIFY(rig.log.lines().isEmpty());
+}
+
+void TestSectionConnection::stalledLinkIsReprobedOnceItHasBeenConnectingForTheInterval()
+{
+    Rig rig;
+    rig.settings->setReconnectInterval(1000);
+    rig.link->setReconnectSettings(rig.settings);
+    rig.link->open();
+    // The first pass sees the link Connecting: the interval counts from there.
+    const qint64 firstPass = kStartNs + 50 * kMs + 1;
+    rig.tickAt(firstPass);
+    rig.tickAt(firstPass + 999 * kMs + 999999);
+    QCOMPARE(rig.updater->startCount(), 1);
+    QCOMPARE(rig.line->closeCount(), 0);
+    rig.tickAt(firstPass + 999 * kMs + 999999 + 50 * kMs + 1);
+    QCOMPARE(rig.line->closeCount(), 1);
+    QCOMPARE(rig.line->openCount(), 2);
+    QCOMPARE(rig.updater->startCount(), 2);
+    QCOMPARE(rig.link->reconnectAttempts(), uint64_t{1});
+    // Still Connecting: no Closed in between.
+    QCOMPARE(rig.states(), QList<int>({State::Connecting}));
+    QCOMPARE(rig.log.lines(),
+             (QList<LogCapture::Line>{logLine(
+                 QtWarningMsg, "Section 2 link is down (no answer). Retrying every 1000 ms.")}));
+}
+
+void TestSectionConnection::reprobesRepeatEveryIntervalWithOneWarningAndNoNewTask()
+{
+    Rig rig;
+    rig.settings->setReconnectInterval(500);
+    rig.link->setReconnectSettings(rig.settings);
+    rig.link->open();
+    const std::size_t tasks = rig.pool->taskCount();
+    rig.tickEvery(51 * kMs, kStartNs + 10000 * kMs);
+    // Every 510 ms (ten 51 ms passes) from the first pass at 51 ms.
+    QCOMPARE(rig.link->reconnectAttempts(), uint64_t{19});
+    QCOMPARE(rig.updater->startCount(), 20);
+    QCOMPARE(rig.pool->taskCount(), tasks);
+    QCOMPARE(rig.log.lines().size(), 1);
+
+    // The section answers: the link is up, and the next pass says since when it was down.
+    rig.receive(handledFrame());
+    QCOMPARE(rig.state(), int(State::Connected));
+    rig.tickEvery(51 * kMs, rig.clock.nowNs() + 51 * kMs);
+    QCOMPARE(rig.log.lines().size(), 2);
+    QCOMPARE(rig.log.lines().at(1), logLine(QtInfoMsg, "Section 2 is back after 9 s"));
+}
+
+void TestSectionConnection::vanishedLineIsReopenedAfterOneIntervalAndTheReturnIsLogged()
+{
+    Rig rig;
+    rig.settings->setReconnectInterval(2000);
+    rig.link->setReconnectSettings(rig.settings);
+    rig.link->open();
+    rig.receive(handledFrame());
+    QCOMPARE(rig.state(), int(State::Connected));
+    rig.tickAt(kStartNs + 100 * kMs);
+
+    // The device goes away under the running link.
+    rig.line->setOpen(false);
+    const qint64 gone = kStartNs + 200 * kMs;
+    rig.tickAt(gone);
+    QCOMPARE(rig.state(), int(State::Connecting));
+    QCOMPARE(rig.log.lines(),
+             (QList<LogCapture::Line>{logLine(
+                 QtWarningMsg, "Section 2 link is down (no answer). Retrying every 2000 ms.")}));
+    rig.tickAt(gone + 1999 * kMs);
+    QCOMPARE(rig.line->openCount(), 1);
+    // The next pass, 51 ms on.
+    rig.tickAt(gone + 2050 * kMs);
+    QCOMPARE(rig.line->openCount(), 2);
+    QVERIFY(rig.line->isOpen());
+    QCOMPARE(rig.updater->startCount(), 2);
+    rig.receive(handledFrame());
+    rig.tickAt(gone + 3500 * kMs);
+    QCOMPARE(rig.log.lines().size(), 2);
+    QCOMPARE(rig.log.lines().at(1), logLine(QtInfoMsg, "Section 2 is back after 3 s"));
+    QCOMPARE(rig.states(), QList<int>({State::Connecting, State::Connected, State::Connecting,
+                                       State::Connected}));
+}
+
+void TestSectionConnection::noRetryWhileUpdatingOrAfterClose()
+{
+    Rig rig;
+    rig.settings->setReconnectInterval(100);
+    rig.link->setReconnectSettings(rig.settings);
+    rig.link->open();
+    rig.updater->setActive(true);
+    rig.updater->setUpdating(true);
+    rig.link->updaterStateChanged();
+    QCOMPARE(rig.state(), int(State::Updating));
+    rig.line->setOpen(false);
+    rig.tickEvery(51 * kMs, kStartNs + 5000 * kMs);
+    QCOMPARE(rig.line->openCount(), 1);
+    QCOMPARE(rig.updater->startCount(), 1);
+
+    rig.updater->setUpdating(false);
+    rig.updater->setActive(false);
+    rig.link->close();
+    rig.tickEvery(51 * kMs, kStartNs + 10000 * kMs);
+    QCOMPARE(rig.line->openCount(), 1);
+    QCOMPARE(rig.state(), int(State::Closed));
+    QVERIFY(rig.log.lines().isEmpty());
+}
+
+void TestSectionConnection::updateFailuresAndSuccessesReachTheListener()
+{
+    Rig rig;
+    rig.link->open();
+    // Fails before it begins (no firmware): the reason only.
+    rig.link->failed(0);
+    QCOMPARE(rig.listener.updateResults(), std::vector<int>({0}));
+
+    // Runs and fails: the reason, and no success when it ends.
+    rig.updater->setActive(true);
+    rig.updater->setUpdating(true);
+    rig.link->updaterStateChanged();
+    rig.link->failed(2);
+    rig.updater->setUpdating(false);
+    rig.link->updaterStateChanged();
+    QCOMPARE(rig.listener.updateResults(), std::vector<int>({0, 2}));
+
+    // Runs and ends without a failure: a success.
+    rig.updater->setUpdating(true);
+    rig.link->updaterStateChanged();
+    rig.updater->setUpdating(false);
+    rig.link->updaterStateChanged();
+    QCOMPARE(rig.listener.updateResults(), std::vector<int>({0, 2, -1}));
+}
+
+void TestSectionConnection::portIsReportedOnceWhileItDoesNotChange()
+{
+    Rig rig;
+    rig.link->open();
+    rig.tickEvery(51 * kMs, kStartNs + 1000 * kMs);
+    QCOMPARE(rig.listener.portReports(), std::vector<QString>({QStringLiteral("|")}));
 }
 
 QTEST_GUILESS_MAIN(TestSectionConnection)

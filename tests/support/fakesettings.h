@@ -26,6 +26,11 @@ public:
     uint8_t masterSectionIndex() const override { return m_masterSectionIndex; }
     QString serialPortName(uint8_t section) const override;
     QString firmwarePath() const override { return m_firmwarePath; }
+    int reconnectInterval() const override { return m_reconnectInterval; }
+    void setReconnectInterval(int intervalMs) override
+    {
+        m_reconnectInterval = intervalMs < 0 ? 0 : intervalMs;
+    }
 
     void setMaxResendCount(uint8_t count) { m_maxResendCount = count; }
     void setSectionCount(uint8_t count) { m_sectionCount = count; }
@@ -49,4 +54,5 @@ private:
     uint8_t m_masterSectionIndex = 255;
     std::map<uint8_t, QString> m_portNames;
     QString m_firmwarePath;
+    int m_reconnectInterval = 0;
 };

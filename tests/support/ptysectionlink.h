@@ -16,9 +16,8 @@
 #include "tasks/taskpool.h"
 #include "updater/sectionupdater.h"
 
-// A section connection whose updater failures are recorded: the section connection itself
-// ignores them (the updater has already reset the section and logged why), so this is the
-// only place a test sees the reason.
+// A section connection whose updater failures are recorded in order, also when no state
+// listener is set (the section connection only passes them on to its listener).
 class FailureRecordingSectionConnection : public Velmora::Worksurface::SectionConnection
 {
 public:

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QString>
+
 #include <cstdint>
 #include <functional>
 #include <utility>
@@ -34,6 +36,17 @@ public:
         m_progressReports.push_back({sectionIndex, value});
     }
     void sentMessageCount(uint64_t count) override { m_sentCounts.push_back(count); }
+    void sectionPortChanged(uint8_t, const QString& portName, const QString& portError) override
+    {
+        m_portReports.push_back(portName + QLatin1Char('|') + portError);
+    }
+    void sectionUpdateResult(uint8_t, int failureReason) override
+    {
+        m_updateResults.push_back(failureReason);
+    }
+    // Each port report as "name|error".
+    const std::vector<QString>& portReports() const { return m_portReports; }
+    const std::vector<int>& updateResults() const { return m_updateResults; }
 
     // The states alone, in the order they were reported.
     std::vector<uint8_t> states() const
@@ -69,11 +82,15 @@ public:
         m_stateReports.clear();
         m_progressReports.clear();
         m_sentCounts.clear();
+        m_portReports.clear();
+        m_updateResults.clear();
     }
 
 private:
     std::vector<Report> m_stateReports;
     std::vector<Report> m_progressReports;
     std::vector<uint64_t> m_sentCounts;
+    std::vector<QString> m_portReports;
+    std::vector<int> m_updateResults;
     std::function<void(uint8_t, uint8_t)> m_onStateChanged;
 };

@@ -48,15 +48,24 @@ Rectangle {
                 spacing: 3
 
                 Text {
+                    // The link's own state names, in SectionInfoModel.LinkState's order.
+                    readonly property var linkNames: ["connected", "closed", "connecting", "updating",
+                                                      "calibrating", "serial error", "no response"]
+                    readonly property bool linkUp: section.info.linkState === SectionInfoModel.Connected
                     text: {
-                        var link = section.info.updating ? "updating " + section.info.updateProgress + "%"
-                                 : section.info.version > 0 ? "up" : "waiting for the section"
+                        var info = section.info
+                        var link = info.updating ? "updating " + info.updateProgress + "%"
+                                 : (linkNames[info.linkState] || "state " + info.linkState)
+                        if (!info.updating && info.lastUpdateFailure >= 0)
+                            link += " (last update failed: reason " + info.lastUpdateFailure + ")"
                         return "Section " + section.sectionIndex + (section.isMaster ? " (master)" : "")
-                            + "   firmware " + (section.info.version > 0 ? section.info.version : "\u2013")
-                            + "   " + (section.info.version > 0 ? section.info.temperature + " \u00b0C" : "")
+                            + "   firmware " + (info.version > 0 ? info.version : "\u2013")
+                            + "   " + (info.version > 0 ? info.temperature + " \u00b0C" : "")
                             + "   link " + link
+                            + (info.portName !== "" ? "   " + info.portName : "")
+                            + (info.portError !== "" ? "   \u26a0 " + info.portError : "")
                     }
-                    color: section.info.version > 0 ? Theme.text : Theme.dim
+                    color: linkUp ? Theme.text : section.info.portError !== "" ? Theme.mute : Theme.dim
                     font.pixelSize: Theme.small + 1
                 }
                 Row {

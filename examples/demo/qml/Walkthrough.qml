@@ -134,10 +134,12 @@ Item {
                 var ok = Surface.sectionCount > 0
                 for (var s = 0; s < Surface.sectionCount; ++s) {
                     var info = Surface.section(s)
-                    ok = ok && info.version > 0
-                    got.push("section " + s + " v" + info.version + " " + info.temperature + " C")
+                    ok = ok && info.version > 0 && info.linkState === SectionInfoModel.Connected
+                         && info.portName === "" && info.portError === ""
+                    got.push("section " + s + " v" + info.version + " " + info.temperature + " C"
+                             + " linkState " + info.linkState)
                 }
-                return { ok: ok, got: "ping answers: " + got.join(", ") }
+                return { ok: ok, got: "ping answers, links Connected (0): " + got.join(", ") }
             }
         },
         {
