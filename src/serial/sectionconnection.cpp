@@ -3,13 +3,12 @@
 #include <QString>
 #include <utility>
 
+#include "base/isettings.h"
 #include "base/logger.h"
 #include "serial/isectionstatelistener.h"
 #include "serial/iserialconnection.h"
 #include "serial/iserialmessagehandler.h"
 #include "serial/iserialmessagequeue.h"
-#include "base/isettings.h"
-#include "base/logger.h"
 #include "tasks/itaskpool.h"
 #include "tasks/monotonicclock.h"
 #include "updater/isectionupdater.h"
