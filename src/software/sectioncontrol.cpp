@@ -65,9 +65,12 @@ void SectionControl::setTemperature(int temperature)
 
 void SectionControl::stopCalibration()
 {
-    sendToPlugin(SerialMessage(MessageType::Calibration, kSectionDevice));
+    // The section ends its calibration before it tells the plugin: the plugin's answer
+    // comes back synchronously and may start the next calibration (a QML handler on
+    // Surface.isCalibratingChanged that calibrates), which must not be overwritten here.
     m_calibrating = false;
     emit calibratingChanged();
+    sendToPlugin(SerialMessage(MessageType::Calibration, kSectionDevice));
 }
 
 bool SectionControl::handleSoftwareMessage(uint8_t sectionIndex, const SerialMessage& message)

@@ -2,6 +2,7 @@
 
 #include <QColor>
 #include <QObject>
+#include <atomic>
 #include <cstdint>
 
 namespace Velmora::Worksurface {
@@ -41,5 +42,7 @@ private:
     // The LED cuts its handle off without a release when the LED itself goes away.
     friend class Velmora::Worksurface::RgbLed;
 
-    Velmora::Worksurface::IRgbLed* m_rgbLed;
+    // Atomic: the LED clears it when it goes (on the model thread) while the user-interface
+    // side may be calling through it.
+    std::atomic<Velmora::Worksurface::IRgbLed*> m_rgbLed;
 };
