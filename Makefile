@@ -7,7 +7,7 @@ CMAKE ?= cmake
 CTEST ?= ctest
 SHELL := /bin/bash
 
-.PHONY: all deps build build-no-tests test demo sanitize fuzz-smoke bench format format-check clean
+.PHONY: all deps build build-no-tests test demo sanitize tsan fuzz-smoke bench format format-check clean
 
 all: build
 
@@ -48,6 +48,11 @@ demo: deps
 
 sanitize:
 	$(MAKE) test PRESET=asan
+
+# The suite under ThreadSanitizer (data races and lock-order inversions); tests/tsan.supp
+# names the Qt-internal reports only. See docs/threads.md.
+tsan:
+	$(MAKE) test PRESET=tsan
 
 fuzz-smoke: deps
 	$(CMAKE) --preset fuzz

@@ -53,6 +53,12 @@ WorksurfaceFunctions::WorksurfaceFunctions()
 WorksurfaceFunctions::~WorksurfaceFunctions()
 {
     stopSurfaceThread();
+    // The software controls may outlive this object and keep the controller connection;
+    // what they report from now on must not reach the links of the surface that goes with
+    // this object (the queued thread-finished slot that would have closed them is dropped).
+    if (m_controllerConnection) {
+        m_controllerConnection->clearDataReceivers();
+    }
     m_logger.reset();
     m_controllerConnection.reset();
     m_taskPool.reset();

@@ -19,6 +19,13 @@ public:
     virtual ~ISoftwareControllerConnection() = default;
     virtual void addSoftwareHandler(ISoftwareSerialMessageHandler* handler) = 0;
     virtual void setDataReceiver(uint8_t sectionIndex, ISerialDataReceiver* receiver) = 0;
+    // Forgets the section's receiver only if it is `receiver` (a receiver on its way out);
+    // one registered since for the same section stays.
+    virtual void removeDataReceiver(uint8_t sectionIndex, ISerialDataReceiver* receiver)
+    {
+        (void)sectionIndex;
+        (void)receiver;
+    }
     virtual void sendBootloaderReply(uint8_t sectionIndex, const BootloaderPacket& packet) = 0;
     virtual void sendToPlugin(uint8_t sectionIndex, const SerialMessage& message) = 0;
     virtual void messageFromPlugin(uint8_t sectionIndex, const SerialMessage& message) = 0;

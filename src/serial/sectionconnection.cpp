@@ -60,10 +60,10 @@ int64_t SectionConnection::msSince(int64_t nowNs, int64_t thenNs)
     return (nowNs - thenNs) / kNsPerMs;
 }
 
-void SectionConnection::setState(uint8_t state)
+bool SectionConnection::setStateLocked(uint8_t state)
 {
     if (state == m_state.load()) {
-        return;
+        return false;
     }
     if (state == Connected) {
         // A section that has just come up (or back) gets a grace period: the silence checks
@@ -71,8 +71,39 @@ void SectionConnection::setState(uint8_t state)
         m_lastReceiveNs = MonotonicClock::nowNs() + kGracePeriodMs * kNsPerMs;
     }
     m_state.store(state);
-    if (m_stateListener) {
-        m_stateListener->sectionStateChanged(m_sectionIndex, state);
+    // Told once the mutex is released (tellListener), in the order the changes happened.
+    m_pendingStates.push_back(state);
+    return true;
+}
+
+void SectionConnection::setState(uint8_t state)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        setStateLocked(state);
+    }
+    tellListener();
+}
+
+void SectionConnection::tellListener()
+{
+    // One change at a time, each taken out under the mutex and told without it: a listener
+    // that changes the state again from inside sectionStateChanged (calibrate from a QML
+    // handler) is told of that change from its own call, after the one it is handling, so
+    // the listener sees every change in the order it happened and no lock is held meanwhile.
+    for (;;) {
+        uint8_t state = 0;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_pendingStates.empty()) {
+                return;
+            }
+            state = m_pendingStates.front();
+            m_pendingStates.pop_front();
+        }
+        if (m_stateListener) {
+            m_stateListener->sectionStateChanged(m_sectionIndex, state);
+        }
     }
 }
 
@@ -87,14 +118,19 @@ void SectionConnection::open()
     // Throws std::bad_weak_ptr before anything changes when this object is not held by a
     // shared_ptr: the pool could never reach it.
     const std::shared_ptr<ITask> self = shared_from_this();
+    TARVIX_ASSERT_THREAD(m_affinity);
 
-    std::lock_guard<std::mutex> lock(m_mutex);
+    // No lock is held while the line, the updater, the listener or the task pool is called:
+    // each of them may call back into this link (the software line answers at once, a QML
+    // handler may calibrate), and the pool's lock is taken before ours while a pass runs.
     if (m_connection->isOpen()) {
         return;
     }
     // Half a frame from before a restart must not be glued to the first bytes after it.
     clear();
     m_connection->open();
+    // The listener hears of Connecting before the updater starts, as it always has; it is
+    // only no longer called with the mutex held.
     setState(Connecting);
     // The updater probes the section's bootloader first; its answer (or the section's
     // first message) moves the link out of Connecting.
@@ -105,7 +141,7 @@ void SectionConnection::open()
 
 void SectionConnection::close()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    TARVIX_ASSERT_THREAD(m_affinity);
     if (m_connection->isOpen()) {
         m_connection->close();
     }
@@ -114,11 +150,16 @@ void SectionConnection::close()
 
 void SectionConnection::startCalibration()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_state.load() != Connected) {
-        return;
+    TARVIX_ASSERT_THREAD(m_affinity);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_state.load() != Connected || !setStateLocked(Calibrating)) {
+            return;
+        }
     }
-    setState(Calibrating);
+    // The listener hears of Calibrating before the section is told, as it always has; it is
+    // only no longer called with the mutex held.
+    tellListener();
     // Straight to the line: the queue is not drained while calibrating.
     sendDirect(SerialMessage(MessageType::Calibration, 0));
 }
@@ -126,7 +167,7 @@ void SectionConnection::startCalibration()
 void SectionConnection::stopCalibration()
 {
     // The section reports the end of calibration itself; nothing to send. Taking the lock
-    // only waits for a pass or a state change in progress to finish.
+    // only waits for a state change in progress to finish.
     std::lock_guard<std::mutex> lock(m_mutex);
 }
 
@@ -142,8 +183,12 @@ void SectionConnection::setStateListener(ISectionStateListener* listener)
 
 void SectionConnection::dataReceived(const QByteArray& data)
 {
+    TARVIX_ASSERT_THREAD(m_affinity);
     // Any bytes at all, even garbage, show that the section is alive.
-    m_lastReceiveNs = MonotonicClock::nowNs();
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_lastReceiveNs = MonotonicClock::nowNs();
+    }
     if (m_updater->isActive()) {
         m_updater->dataReceived(data);
         return;
@@ -172,8 +217,12 @@ void SectionConnection::handleLinkMessage(const SerialMessage& message)
             // The section's receiver is out of step: flush it with a run of zero bytes, then
             // give it a second before traffic resumes.
             sendDirect(SerialMessage::makeZeroFill());
-            setState(SerialError);
-            m_errorRetryNs = MonotonicClock::nowNs() + kSerialErrorRetryMs * kNsPerMs;
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                setStateLocked(SerialError);
+                m_errorRetryNs = MonotonicClock::nowNs() + kSerialErrorRetryMs * kNsPerMs;
+            }
+            tellListener();
             m_rootHandler->setLinkReady(false);
             return;
         case MessageType::Calibration:
@@ -211,67 +260,81 @@ void SectionConnection::badDataReceived(const QByteArray& data)
 
 void SectionConnection::run()
 {
+    TARVIX_ASSERT_THREAD(m_affinity);
     const int64_t now = MonotonicClock::nowNs();
     superviseReconnect(now);
 
     // Keep-alive: only once the section has answered (or while we wait for it to answer
     // again); a section still starting up or in its bootloader is left alone.
     const uint8_t current = m_state.load();
-    if (msSince(now, m_lastPingNs) > kPingIntervalMs &&
-        (current == Connected || current == NoResponse)) {
+    bool ping = false;
+    {
         std::lock_guard<std::mutex> lock(m_mutex);
+        if (msSince(now, m_lastPingNs) > kPingIntervalMs &&
+            (current == Connected || current == NoResponse)) {
+            m_lastPingNs = now;
+            ping = true;
+        }
+    }
+    // The line is driven without the mutex: the software line answers from inside the
+    // flush, and the answer comes back through dataReceived.
+    if (ping) {
         sendDirect(SerialMessage(MessageType::Ping, 0));
-        m_lastPingNs = now;
     }
 
     if (m_state.load() == SerialError) {
-        if (m_errorRetryNs < now) {
+        bool retry = false;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            retry = m_errorRetryNs < now;
+        }
+        if (retry) {
             setState(Connected);
         }
         return;
     }
 
     if (m_state.load() == Connected) {
+        bool silent = false;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            if (msSince(now, m_lastReceiveNs) > kNoResponseMs) {
-                m_logger->warning(QStringLiteral("Section %1 has not received response in "
-                                                 "timely manner. Setting state to NoResponse.")
-                                      .arg(number(m_sectionIndex)));
-                setState(NoResponse);
-                return;
-            }
-            // A bounded burst per pass keeps one busy section from hogging the model thread;
-            // whatever is left goes out on the next pass.
-            for (int i = 0; i < kMaxMessagesPerPass; ++i) {
-                if (m_queue->hasNoDueMessage()) {
-                    break;
-                }
-                const SerialMessage message = m_queue->takeNextMessage();
-                if (message.isValid()) {
-                    m_connection->sendMessage(message);
-                }
-            }
-            m_connection->flush();
+            silent = msSince(now, m_lastReceiveNs) > kNoResponseMs;
         }
+        if (silent) {
+            m_logger->warning(QStringLiteral("Section %1 has not received response in "
+                                             "timely manner. Setting state to NoResponse.")
+                                  .arg(number(m_sectionIndex)));
+            setState(NoResponse);
+            return;
+        }
+        // A bounded burst per pass keeps one busy section from hogging the model thread;
+        // whatever is left goes out on the next pass. The queue has its own lock.
+        for (int i = 0; i < kMaxMessagesPerPass; ++i) {
+            if (m_queue->hasNoDueMessage()) {
+                break;
+            }
+            const SerialMessage message = m_queue->takeNextMessage();
+            if (message.isValid()) {
+                m_connection->sendMessage(message);
+            }
+        }
+        m_connection->flush();
         if (m_stateListener) {
             m_stateListener->sentMessageCount(m_connection->messageCount());
         }
         return;
     }
 
-    if (m_state.load() == NoResponse && msSince(now, m_lastReceiveNs) > kRestartMs) {
+    bool restart = false;
+    if (m_state.load() == NoResponse) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        restart = msSince(now, m_lastReceiveNs) > kRestartMs;
+    }
+    if (restart) {
         m_logger->warning(QStringLiteral("Section %1 has not received response in long time. "
                                          "Restart the connection...")
                               .arg(number(m_sectionIndex)));
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            if (m_connection->isOpen()) {
-                m_connection->close();
-            }
-            setState(Closed);
-        }
-        // Outside the lock: open() takes it itself.
+        close();
         open();
     }
 }

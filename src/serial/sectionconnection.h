@@ -4,6 +4,7 @@
 #include <QString>
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 
@@ -11,6 +12,7 @@
 #include "serial/iserialdatareceiver.h"
 #include "serial/serialmessageparser.h"
 #include "tasks/itask.h"
+#include "tasks/threadaffinity.h"
 #include "updater/isectionupdaterlistener.h"
 
 namespace Velmora::Worksurface {
@@ -44,14 +46,15 @@ class Logger;
 //
 // Always held by a shared_ptr: open() hands the task pool a weak reference to this object.
 //
-// Locking: open(), close(), startCalibration() and the task's ping, drain, state change and
-// restart take one non-recursive mutex. The state listener is called with that mutex held
-// from those operations, so a listener must not call back into open(), close(),
-// startCalibration() or stopCalibration() of the same connection from sectionStateChanged
-// (it would deadlock); the surface only records the state and passes it on. Message
-// dispatch, updater callbacks and bad-data handling run without the mutex, so bytes that
-// a connection delivers synchronously from inside a flush (the in-process software link)
-// are safe, and the updater may call back from inside open().
+// Threads: QML-thread-only, like the rest of the surface (docs/threads.md), checked in debug
+// builds; only state(), enqueueMessage() and stopCalibration() may be called from anywhere.
+// The mutex guards the link's own fields (the state transition, the time stamps, the
+// changes still to be told) and is never held while anything else is called: the serial
+// line, the updater, the task pool, the root handler, the logger or the state listener.
+// So a listener may call straight back into open(), close(), startCalibration() or
+// stopCalibration() from sectionStateChanged (a QML handler on isCalibratingChanged that
+// calibrates), and the one lock order is the task pool's before the link's (a pass runs
+// under the pool's lock). The listener hears of every change synchronously, in order.
 class SectionConnection : public SerialMessageParser,
                           public ISectionConnection,
                           public ISerialDataReceiver,
@@ -123,7 +126,13 @@ protected:
     void badDataReceived(const QByteArray& data) override;
 
 private:
+    // Records a change of state, to be told by tellListener(); returns whether it changed.
+    // Called with the mutex held.
+    bool setStateLocked(uint8_t state);
+    // setStateLocked() under the mutex, then tellListener().
     void setState(uint8_t state);
+    // Tells the listener of the recorded changes, oldest first. Called without the mutex.
+    void tellListener();
     void handleLinkMessage(const SerialMessage& message);
     void sendDirect(const SerialMessage& message);
     static int64_t msSince(int64_t nowNs, int64_t thenNs);
@@ -138,6 +147,7 @@ private:
     void trackUpdateResult();
 
     const uint8_t m_sectionIndex;
+    const ThreadAffinity m_affinity;
     std::mutex m_mutex;
     const std::shared_ptr<ISerialMessageHandler> m_rootHandler;
     const std::shared_ptr<ISerialMessageQueue> m_queue;
@@ -145,11 +155,12 @@ private:
     const std::unique_ptr<ISectionUpdater> m_updater;
     const std::shared_ptr<Logger> m_logger;
     const std::shared_ptr<ITaskPool> m_taskPool;
+    // Under the mutex.
     int64_t m_errorRetryNs = 0;
     ISectionStateListener* m_stateListener = nullptr;
-    // Read from any thread (the section information shown in QML); written on the model
-    // thread.
+    // Atomic so that state() needs no lock; changed under the mutex.
     std::atomic<uint8_t> m_state{Closed};
+    // Under the mutex.
     int64_t m_lastPingNs = 0;
     int64_t m_lastReceiveNs = 0;
 
@@ -165,6 +176,7 @@ private:
     QString m_reportedPortError;
     bool m_updateRunning = false;
     bool m_updateFailed = false;
+    std::deque<uint8_t> m_pendingStates;
 };
 
 }  // namespace Velmora::Worksurface

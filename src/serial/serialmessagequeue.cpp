@@ -87,8 +87,8 @@ bool SerialMessageQueue::hasNoDueMessage() const
     if (m_count.load() == 0) {
         return true;
     }
-    // Read without the lock: this only ends the drain loop early, and takeNextMessage()
-    // checks again under the lock.
+    // Under the lock: a component may be adding to the deque from another thread.
+    std::lock_guard<std::mutex> lock(m_mutex);
     const qint64 now = MonotonicClock::nowNs();
     for (const Entry& entry : m_entries) {
         if (now >= entry.dueNs) {

@@ -11,8 +11,10 @@
 
 namespace Velmora::Worksurface {
 
-// A section's outgoing messages. Components put messages in from any thread; the section
-// connection drains the due ones on its periodic task. A newer message of the same type
+// A section's outgoing messages. Safe from any thread (docs/threads.md): every operation on
+// the entries takes the queue's mutex, which is a leaf (the queue never calls out), so a
+// component may send while it holds its own lock. The section connection drains the due
+// ones on its periodic task. A newer message of the same type
 // for the same device replaces an unsent older one in place, so a control that moves fast
 // never builds a backlog of stale values.
 class SerialMessageQueue : public ISerialMessageSender, public ISerialMessageQueue

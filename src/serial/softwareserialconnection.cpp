@@ -12,10 +12,15 @@ SoftwareSerialConnection::SoftwareSerialConnection(
     : m_sectionIndex(sectionIndex), m_controller(std::move(controller))
 {}
 
-// The controller keeps this section's receiver until it is replaced or the surface service
-// clears the receivers on the next connect(); removing it here could remove the receiver
-// a newer surface has already registered for the same index.
-SoftwareSerialConnection::~SoftwareSerialConnection() = default;
+// The receiver registered through this connection goes with it (it is the section
+// connection that owns this one), but only if it is still the registered one: a newer
+// surface may already have registered its own receiver for the same index.
+SoftwareSerialConnection::~SoftwareSerialConnection()
+{
+    if (m_controller && m_receiver != nullptr) {
+        m_controller->removeDataReceiver(m_sectionIndex, m_receiver);
+    }
+}
 
 bool SoftwareSerialConnection::isOpen() const
 {
@@ -29,6 +34,7 @@ uint64_t SoftwareSerialConnection::messageCount() const
 
 void SoftwareSerialConnection::setDataReceiver(ISerialDataReceiver* receiver)
 {
+    m_receiver = receiver;
     if (m_controller) {
         m_controller->setDataReceiver(m_sectionIndex, receiver);
     }

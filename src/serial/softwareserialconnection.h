@@ -28,7 +28,8 @@ public:
 
     bool isOpen() const override;
     uint64_t messageCount() const override;
-    // Registers the receiver with the controller for this section.
+    // Registers the receiver with the controller for this section; the registration is
+    // withdrawn when this connection is destroyed, if it is still the current one.
     void setDataReceiver(ISerialDataReceiver* receiver) override;
     // Open and close only flip the flag: the simulated section is always there.
     void open() override;
@@ -50,6 +51,8 @@ private:
     const uint8_t m_sectionIndex;
     bool m_open = false;
     const std::shared_ptr<ISoftwareControllerConnection> m_controller;
+    // The receiver last registered through this connection (not owned).
+    ISerialDataReceiver* m_receiver = nullptr;
     // Kept for symmetry with the hardware connection; everything here runs on the surface's
     // thread, so no operation takes it.
     std::mutex m_mutex;

@@ -52,9 +52,19 @@ std::size_t QmlControllerConnection::handlerCount() const
 
 void QmlControllerConnection::setDataReceiver(uint8_t sectionIndex, ISerialDataReceiver* receiver)
 {
+    TARVIX_ASSERT_THREAD(m_affinity);
     m_receivers.erase(sectionIndex);
     if (receiver != nullptr) {
         m_receivers.emplace(sectionIndex, receiver);
+    }
+}
+
+void QmlControllerConnection::removeDataReceiver(uint8_t sectionIndex,
+                                                 ISerialDataReceiver* receiver)
+{
+    const auto it = m_receivers.find(sectionIndex);
+    if (it != m_receivers.end() && it->second == receiver) {
+        m_receivers.erase(it);
     }
 }
 
@@ -77,11 +87,13 @@ void QmlControllerConnection::sendBootloaderReply(uint8_t sectionIndex,
 
 void QmlControllerConnection::sendToPlugin(uint8_t sectionIndex, const SerialMessage& message)
 {
+    TARVIX_ASSERT_THREAD(m_affinity);
     deliver(sectionIndex, encode(message));
 }
 
 void QmlControllerConnection::messageFromPlugin(uint8_t sectionIndex, const SerialMessage& message)
 {
+    TARVIX_ASSERT_THREAD(m_affinity);
     // Copied: a control may answer at once, and the plugin's reaction to that answer can
     // bring the next message back here before this call returns.
     const SerialMessage copy = message;

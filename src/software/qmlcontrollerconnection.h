@@ -7,6 +7,7 @@
 
 #include "serial/isoftwarecontrollerconnection.h"
 #include "serial/serialmessage.h"
+#include "tasks/threadaffinity.h"
 
 namespace Velmora::Worksurface {
 
@@ -19,8 +20,8 @@ class ISoftwareSerialMessageHandler;
 // sections that have no section control, and carries the controls' messages back to the
 // plugin as real frames, so the plugin's parser and handlers run exactly as with hardware.
 //
-// Not a Qt object and not locked: the software serial connections and the QML controls all
-// call it on the thread that runs the surface.
+// Not a Qt object and not locked: QML-thread-only, like the surface (docs/threads.md); the
+// software serial connections and the QML controls all call it there.
 class QmlControllerConnection : public ISoftwareControllerConnection
 {
 public:
@@ -42,6 +43,7 @@ public:
     void addSoftwareHandler(ISoftwareSerialMessageHandler* handler) override;
     // Replaces the receiver of the section's bytes; null only removes it.
     void setDataReceiver(uint8_t sectionIndex, ISerialDataReceiver* receiver) override;
+    void removeDataReceiver(uint8_t sectionIndex, ISerialDataReceiver* receiver) override;
     void sendBootloaderReply(uint8_t sectionIndex, const BootloaderPacket& packet) override;
     // Dropped when no receiver is registered for the section.
     void sendToPlugin(uint8_t sectionIndex, const SerialMessage& message) override;
@@ -77,6 +79,7 @@ private:
     // Not owned.
     std::map<uint8_t, ISerialDataReceiver*> m_receivers;
     std::vector<LastMessage> m_lastMessages;
+    const ThreadAffinity m_affinity;
     int m_dispatchDepth = 0;
     bool m_handlersNeedCompacting = false;
 };

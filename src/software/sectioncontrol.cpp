@@ -62,6 +62,10 @@ void SectionControl::setTemperature(int temperature)
 
 void SectionControl::stopCalibration()
 {
+    // The section tells the plugin first and only then shows that it has stopped. The
+    // plugin's answer comes back synchronously: a QML handler on Surface.isCalibratingChanged
+    // that calibrates again starts a new calibration here, which the lines below then end
+    // on this side (the link stays Calibrating until the section reports again).
     sendToPlugin(SerialMessage(MessageType::Calibration, kSectionDevice));
     m_calibrating = false;
     emit calibratingChanged();

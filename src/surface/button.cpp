@@ -14,8 +14,13 @@ Button::Button(uint8_t deviceId, uint8_t sectionIndex, ButtonType type)
 Button::~Button()
 {
     // A binding may still hold the handle for a moment; it must not reach a dead button.
-    if (m_handle) {
-        m_handle->m_button = nullptr;
+    std::shared_ptr<ButtonHandle> handle;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        handle = m_handle;
+    }
+    if (handle) {
+        handle->m_button.store(nullptr);
     }
 }
 

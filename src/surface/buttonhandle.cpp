@@ -17,15 +17,16 @@ IButton* ButtonHandle::button() const
 
 bool ButtonHandle::standsFor(uint8_t sectionIndex, uint8_t deviceId) const
 {
-    return m_button != nullptr && m_button->sectionIndex() == sectionIndex &&
-           m_button->deviceId() == deviceId;
+    const auto* target = m_button.load();
+    return target != nullptr && target->sectionIndex() == sectionIndex &&
+           target->deviceId() == deviceId;
 }
 
 void ButtonHandle::detach()
 {
     // Cleared before the release so that a second detach reached from inside the release
     // cannot release twice.
-    if (auto* button = std::exchange(m_button, nullptr)) {
+    if (auto* button = m_button.exchange(nullptr)) {
         button->releaseHandle(this);
     }
 }

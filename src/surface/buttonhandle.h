@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QObject>
+#include <atomic>
 #include <cstdint>
 
 namespace Velmora::Worksurface {
@@ -41,7 +42,9 @@ private:
     // The button cuts its handle off without a release when the button itself goes away.
     friend class Button;
 
-    IButton* m_button;
+    // Atomic: the button clears it when it goes (on the model thread) while the user-interface
+    // side may be calling through it.
+    std::atomic<IButton*> m_button;
 };
 
 }  // namespace Velmora::Worksurface

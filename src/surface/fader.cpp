@@ -1,6 +1,7 @@
 #include "surface/fader.h"
 
 #include <QPointer>
+#include <QThread>
 #include <algorithm>
 #include <utility>
 
@@ -8,6 +9,11 @@
 #include "surface/faderhandle.h"
 #include "surface/handleownership.h"
 #include "tasks/monotonicclock.h"
+
+// The fader is QML-thread-only: its QObject thread is the one it is used on.
+#define TARVIX_ASSERT_FADER_THREAD()                              \
+    Q_ASSERT_X(QThread::currentThread() == thread(), Q_FUNC_INFO, \
+               "QML-thread-only: called from another thread (see docs/threads.md)")
 
 namespace Velmora::Worksurface {
 
@@ -50,6 +56,7 @@ Fader::~Fader()
 
 bool Fader::handleMessage(const SerialMessage& message)
 {
+    TARVIX_ASSERT_FADER_THREAD();
     if (message.deviceId != m_deviceId) {
         return false;
     }
@@ -110,6 +117,7 @@ void Fader::handleTouchReport(const SerialMessage& message)
 
 void Fader::setLinkReady(bool /*ready*/)
 {
+    TARVIX_ASSERT_FADER_THREAD();
     // The section has just (re)started: it knows nothing, so everything goes out as stored,
     // never-set values included, without the range checks of the setters.
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -144,6 +152,7 @@ bool Fader::touched() const
 
 void Fader::setPosition(uint16_t position)
 {
+    TARVIX_ASSERT_FADER_THREAD();
     const uint16_t value = std::min(position, MaxPosition);
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_touched.load() || m_hold || m_lockEnabled) {
@@ -160,6 +169,7 @@ void Fader::setPosition(uint16_t position)
 
 void Fader::setDetent(uint16_t position)
 {
+    TARVIX_ASSERT_FADER_THREAD();
     // Out of range is dropped, not clamped: a detent at the wrong place is worse than none.
     if (position == m_detent || position > MaxPosition) {
         return;
@@ -172,6 +182,7 @@ void Fader::setDetent(uint16_t position)
 
 void Fader::setBackstop(uint16_t position)
 {
+    TARVIX_ASSERT_FADER_THREAD();
     if (position == m_backstop || position > MaxPosition) {
         return;
     }
@@ -183,6 +194,7 @@ void Fader::setBackstop(uint16_t position)
 
 void Fader::setDriveMode(int32_t mode)
 {
+    TARVIX_ASSERT_FADER_THREAD();
     if (mode == m_driveMode) {
         return;
     }
@@ -194,11 +206,13 @@ void Fader::setDriveMode(int32_t mode)
 
 void Fader::setRestMode(int32_t mode)
 {
+    TARVIX_ASSERT_FADER_THREAD();
     m_restMode = mode;
 }
 
 void Fader::setLockEnabled(bool enabled)
 {
+    TARVIX_ASSERT_FADER_THREAD();
     // The lock is enforced by the periodic step, which drives the fader back to the lock
     // position.
     m_lockEnabled = enabled;
@@ -206,11 +220,13 @@ void Fader::setLockEnabled(bool enabled)
 
 void Fader::setLockPosition(uint16_t position)
 {
+    TARVIX_ASSERT_FADER_THREAD();
     m_lockPosition = std::min(position, MaxPosition);
 }
 
 std::shared_ptr<FaderHandle> Fader::getHandle()
 {
+    TARVIX_ASSERT_FADER_THREAD();
     detachCurrentHandle(m_mutex, m_handle);
     // A finger already on the fader, or drive mode 0, keeps the new binding's first
     // requests back until the finger lifts or the step lets go.
@@ -247,6 +263,7 @@ void Fader::forwardToFader(FaderHandle& handle, void (FaderHandle::*signal)(Valu
 
 uint16_t Fader::releaseHandle(FaderHandle* handle)
 {
+    TARVIX_ASSERT_FADER_THREAD();
     if (m_handle && m_handle.get() == handle) {
         m_handle.reset();
     }
@@ -265,6 +282,7 @@ uint16_t Fader::releaseHandle(FaderHandle* handle)
 
 void Fader::run()
 {
+    TARVIX_ASSERT_FADER_THREAD();
     const qint64 now = MonotonicClock::nowNs();
     if (m_handle) {
         if (m_lockEnabled && !m_touched.load()) {

@@ -29,9 +29,12 @@ namespace Velmora::Worksurface {
 // The component factory schedules run() every 50 ms on the task pool (which keeps it
 // weakly) and registers the fader as a handler of its section's messages.
 //
-// Everything runs on the model thread. The mutex guards the position and the pending
-// position where they are written together with a send; it is never held while a handle
-// signal is emitted, so a receiver may call straight back into the fader.
+// Threads: QML-thread-only (docs/threads.md), checked in debug builds against the fader's
+// QObject thread; the handle's requests arrive there as queued calls. Only touched() is
+// read from anywhere (atomic). The mutex guards the position and the pending position
+// where they are written together with a send (the queue's lock is a leaf); it is never
+// held while a handle signal is emitted, so a receiver may call straight back into the
+// fader.
 class Fader : public QObject,
               public IFader,
               public ITask,

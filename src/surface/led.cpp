@@ -19,8 +19,13 @@ Led::Led(uint8_t deviceId, uint8_t sectionIndex, LedType type,
 Led::~Led()
 {
     // A binding may still hold the handle for a moment; it must not reach a dead LED.
-    if (m_handle) {
-        m_handle->m_led = nullptr;
+    std::shared_ptr<LedHandle> handle;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        handle = m_handle;
+    }
+    if (handle) {
+        handle->m_led.store(nullptr);
     }
 }
 

@@ -22,11 +22,12 @@ namespace Velmora::Worksurface {
 // Must be owned by a std::shared_ptr (make it with std::make_shared): it hands itself to
 // the task pool, which holds it weakly, when flashing starts.
 //
-// Threads: handle calls come from the user-interface thread, flash steps from the model
-// thread while the task pool holds its own lock. The flash fields are guarded by a
-// non-recursive mutex; the pool is never called with that mutex held (the pool's lock is
-// taken before ours while a step runs, so taking them the other way round could deadlock).
-// On and brightness are written without the mutex.
+// Threads: safe from any thread (docs/threads.md): handle calls may come from one thread
+// while flash steps run on the model thread under the task pool's lock. On and brightness
+// are atomics; the flash fields and the handle are guarded by a non-recursive mutex, which
+// is never held while the task pool is asked (the pool's lock is taken before ours while a
+// step runs) or anything but the outgoing queue (a leaf) is called. The LED itself is made
+// and destroyed on the model thread; its destruction cuts the handle off atomically.
 class Led : public ILed, public ITask, public std::enable_shared_from_this<Led>
 {
 public:

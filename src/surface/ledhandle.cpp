@@ -17,35 +17,36 @@ ILed* LedHandle::led() const
 
 bool LedHandle::standsFor(uint8_t sectionIndex, uint8_t deviceId) const
 {
-    return m_led != nullptr && m_led->sectionIndex() == sectionIndex &&
-           m_led->deviceId() == deviceId;
+    const auto* target = m_led.load();
+    return target != nullptr && target->sectionIndex() == sectionIndex &&
+           target->deviceId() == deviceId;
 }
 
 void LedHandle::setOn(uint8_t on)
 {
-    if (m_led != nullptr) {
-        m_led->setOn(on);
+    if (auto* target = m_led.load()) {
+        target->setOn(on);
     }
 }
 
 void LedHandle::setBrightness(uint8_t brightness)
 {
-    if (m_led != nullptr) {
-        m_led->setBrightness(brightness);
+    if (auto* target = m_led.load()) {
+        target->setBrightness(brightness);
     }
 }
 
 void LedHandle::setFlashEnabled(bool enabled)
 {
-    if (m_led != nullptr) {
-        m_led->setFlashEnabled(enabled);
+    if (auto* target = m_led.load()) {
+        target->setFlashEnabled(enabled);
     }
 }
 
 void LedHandle::setFlashInterval(int64_t intervalMs)
 {
-    if (m_led != nullptr) {
-        m_led->setFlashInterval(intervalMs);
+    if (auto* target = m_led.load()) {
+        target->setFlashInterval(intervalMs);
     }
 }
 
@@ -53,7 +54,7 @@ void LedHandle::detach()
 {
     // Cleared before the release so that a second detach reached from inside the release
     // cannot release twice.
-    if (auto* led = std::exchange(m_led, nullptr)) {
+    if (auto* led = m_led.exchange(nullptr)) {
         led->releaseHandle(this);
     }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QObject>
+#include <atomic>
 #include <cstdint>
 
 namespace Velmora::Worksurface {
@@ -43,7 +44,9 @@ private:
     // The LED cuts its handle off without a release when the LED itself goes away.
     friend class Led;
 
-    ILed* m_led;
+    // Atomic: the led clears it when it goes (on the model thread) while the user-interface
+    // side may be calling through it.
+    std::atomic<ILed*> m_led;
 };
 
 }  // namespace Velmora::Worksurface

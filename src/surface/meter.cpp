@@ -15,8 +15,13 @@ Meter::Meter(uint8_t deviceId, uint8_t sectionIndex, MeterType type,
 Meter::~Meter()
 {
     // A binding may still hold the handle for a moment; it must not reach a dead meter.
-    if (m_handle) {
-        m_handle->m_meter = nullptr;
+    std::shared_ptr<MeterHandle> handle;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        handle = m_handle;
+    }
+    if (handle) {
+        handle->m_meter.store(nullptr);
     }
 }
 

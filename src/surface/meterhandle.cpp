@@ -17,21 +17,22 @@ IMeter* MeterHandle::meter() const
 
 bool MeterHandle::standsFor(uint8_t sectionIndex, uint8_t deviceId) const
 {
-    return m_meter != nullptr && m_meter->sectionIndex() == sectionIndex &&
-           m_meter->deviceId() == deviceId;
+    const auto* target = m_meter.load();
+    return target != nullptr && target->sectionIndex() == sectionIndex &&
+           target->deviceId() == deviceId;
 }
 
 void MeterHandle::setLevel(uint8_t level)
 {
-    if (m_meter != nullptr) {
-        m_meter->setLevel(level);
+    if (auto* target = m_meter.load()) {
+        target->setLevel(level);
     }
 }
 
 void MeterHandle::setPeak(uint8_t peak)
 {
-    if (m_meter != nullptr) {
-        m_meter->setPeak(peak);
+    if (auto* target = m_meter.load()) {
+        target->setPeak(peak);
     }
 }
 
@@ -39,7 +40,7 @@ void MeterHandle::detach()
 {
     // Cleared before the release so that a second detach reached from inside the release
     // cannot release twice.
-    if (auto* meter = std::exchange(m_meter, nullptr)) {
+    if (auto* meter = m_meter.exchange(nullptr)) {
         meter->releaseHandle(this);
     }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QObject>
+#include <atomic>
 #include <cstdint>
 
 namespace Velmora::Worksurface {
@@ -39,7 +40,9 @@ private:
     // The meter cuts its handle off without a release when the meter itself goes away.
     friend class Meter;
 
-    IMeter* m_meter;
+    // Atomic: the meter clears it when it goes (on the model thread) while the user-interface
+    // side may be calling through it.
+    std::atomic<IMeter*> m_meter;
 };
 
 }  // namespace Velmora::Worksurface

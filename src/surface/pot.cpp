@@ -21,8 +21,13 @@ Pot::Pot(uint8_t potDeviceId, uint8_t lightDeviceId, uint8_t sectionIndex, PotTy
 Pot::~Pot()
 {
     // A binding may still hold the handle for a moment; it must not reach a dead pot.
-    if (m_handle) {
-        m_handle->m_pot = nullptr;
+    std::shared_ptr<PotHandle> handle;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        handle = m_handle;
+    }
+    if (handle) {
+        handle->m_pot.store(nullptr);
     }
 }
 

@@ -17,19 +17,21 @@ IPot* PotHandle::pot() const
 
 bool PotHandle::standsFor(uint8_t sectionIndex, uint8_t deviceId) const
 {
-    return m_pot != nullptr && m_pot->sectionIndex() == sectionIndex &&
-           m_pot->potDeviceId() == deviceId;
+    const auto* target = m_pot.load();
+    return target != nullptr && target->sectionIndex() == sectionIndex &&
+           target->potDeviceId() == deviceId;
 }
 
 quint16 PotHandle::value() const
 {
-    return m_pot != nullptr ? m_pot->value() : 0;
+    const auto* target = m_pot.load();
+    return target != nullptr ? target->value() : 0;
 }
 
 void PotHandle::setColor(QColor color)
 {
-    if (m_pot != nullptr) {
-        m_pot->setColor(color);
+    if (auto* target = m_pot.load()) {
+        target->setColor(color);
     }
 }
 
@@ -37,7 +39,7 @@ void PotHandle::detach()
 {
     // Cleared before the release so that a second detach reached from inside the release
     // cannot release twice.
-    if (auto* pot = std::exchange(m_pot, nullptr)) {
+    if (auto* pot = m_pot.exchange(nullptr)) {
         pot->releaseHandle(this);
     }
 }

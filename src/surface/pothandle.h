@@ -2,6 +2,7 @@
 
 #include <QColor>
 #include <QObject>
+#include <atomic>
 #include <cstdint>
 
 namespace Velmora::Worksurface {
@@ -48,7 +49,9 @@ private:
     // The pot cuts its handle off without a release when the pot itself goes away.
     friend class Pot;
 
-    IPot* m_pot;
+    // Atomic: the pot clears it when it goes (on the model thread) while the user-interface
+    // side may be calling through it.
+    std::atomic<IPot*> m_pot;
 };
 
 }  // namespace Velmora::Worksurface

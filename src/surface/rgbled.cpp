@@ -21,8 +21,13 @@ RgbLed::RgbLed(uint8_t deviceId, uint8_t sectionIndex, RgbLedType type,
 RgbLed::~RgbLed()
 {
     // A binding may still hold the handle for a moment; it must not reach a dead LED.
-    if (m_handle) {
-        m_handle->m_rgbLed = nullptr;
+    std::shared_ptr<RgbLedHandle> handle;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        handle = m_handle;
+    }
+    if (handle) {
+        handle->m_rgbLed.store(nullptr);
     }
 }
 

@@ -17,14 +17,15 @@ IRgbLed* RgbLedHandle::rgbLed() const
 
 bool RgbLedHandle::standsFor(uint8_t sectionIndex, uint8_t deviceId) const
 {
-    return m_rgbLed != nullptr && m_rgbLed->sectionIndex() == sectionIndex &&
-           m_rgbLed->deviceId() == deviceId;
+    const auto* target = m_rgbLed.load();
+    return target != nullptr && target->sectionIndex() == sectionIndex &&
+           target->deviceId() == deviceId;
 }
 
 void RgbLedHandle::setColor(QColor color)
 {
-    if (m_rgbLed != nullptr) {
-        m_rgbLed->setColor(color);
+    if (auto* target = m_rgbLed.load()) {
+        target->setColor(color);
     }
 }
 
@@ -32,7 +33,7 @@ void RgbLedHandle::detach()
 {
     // Cleared before the release so that a second detach reached from inside the release
     // cannot release twice.
-    if (auto* rgbLed = std::exchange(m_rgbLed, nullptr)) {
+    if (auto* rgbLed = m_rgbLed.exchange(nullptr)) {
         rgbLed->releaseHandle(this);
     }
 }

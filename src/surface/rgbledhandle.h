@@ -2,6 +2,7 @@
 
 #include <QColor>
 #include <QObject>
+#include <atomic>
 #include <cstdint>
 
 namespace Velmora::Worksurface {
@@ -41,7 +42,9 @@ private:
     // The LED cuts its handle off without a release when the LED itself goes away.
     friend class RgbLed;
 
-    IRgbLed* m_rgbLed;
+    // Atomic: the LED clears it when it goes (on the model thread) while the user-interface
+    // side may be calling through it.
+    std::atomic<IRgbLed*> m_rgbLed;
 };
 
 }  // namespace Velmora::Worksurface

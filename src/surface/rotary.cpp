@@ -39,8 +39,13 @@ Rotary::Rotary(uint8_t rotaryDeviceId, uint8_t lightDeviceId, uint8_t buttonDevi
 Rotary::~Rotary()
 {
     // A binding may still hold the handle for a moment; it must not reach a dead rotary.
-    if (m_handle) {
-        m_handle->m_rotary = nullptr;
+    std::shared_ptr<RotaryHandle> handle;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        handle = m_handle;
+    }
+    if (handle) {
+        handle->m_rotary.store(nullptr);
     }
 }
 

@@ -27,12 +27,13 @@ namespace Velmora::Worksurface {
 // Must be owned by a std::shared_ptr (make it with std::make_shared): it hands itself to
 // the task pool, which holds it weakly, when flashing starts.
 //
-// Threads: handle calls come from the user-interface thread, messages and flash steps from
-// the model thread, the steps while the task pool holds its own lock. One non-recursive
-// mutex guards the flash fields (and the colour, the handle and the target pointers). It
-// is never held while a signal is emitted, while the global target is called, or while the
-// task pool is asked to schedule (the pool's lock is taken before ours while a step runs,
-// so taking them the other way round could deadlock).
+// Threads: safe from any thread (docs/threads.md): handle calls may come from one thread
+// while messages and flash steps run on the model thread, the steps under the task pool's
+// lock. One non-recursive mutex guards the flash fields (and the colour, the handle and the
+// target pointers). It is never held while a signal is emitted, while the global target is
+// called, or while the task pool is asked to schedule (the pool's lock is taken before ours
+// while a step runs); only the outgoing queue, a leaf, is called under it. The rotary is
+// made and destroyed on the model thread; its destruction cuts the handle off atomically.
 class Rotary : public IRotary, public ITask, public std::enable_shared_from_this<Rotary>
 {
 public:

@@ -17,38 +17,41 @@ IRotary* RotaryHandle::rotary() const
 
 bool RotaryHandle::standsFor(uint8_t sectionIndex, uint8_t deviceId) const
 {
-    return m_rotary != nullptr && m_rotary->sectionIndex() == sectionIndex &&
-           m_rotary->rotaryDeviceId() == deviceId;
+    const auto* target = m_rotary.load();
+    return target != nullptr && target->sectionIndex() == sectionIndex &&
+           target->rotaryDeviceId() == deviceId;
 }
 
 bool RotaryHandle::touched() const
 {
-    return m_rotary != nullptr && m_rotary->touched();
+    const auto* target = m_rotary.load();
+    return target != nullptr && target->touched();
 }
 
 bool RotaryHandle::pressed() const
 {
-    return m_rotary != nullptr && m_rotary->pressed();
+    const auto* target = m_rotary.load();
+    return target != nullptr && target->pressed();
 }
 
 void RotaryHandle::setColor(QColor color)
 {
-    if (m_rotary != nullptr) {
-        m_rotary->setColor(color);
+    if (auto* target = m_rotary.load()) {
+        target->setColor(color);
     }
 }
 
 void RotaryHandle::setFlashEnabled(bool enabled)
 {
-    if (m_rotary != nullptr) {
-        m_rotary->setFlashEnabled(enabled);
+    if (auto* target = m_rotary.load()) {
+        target->setFlashEnabled(enabled);
     }
 }
 
 void RotaryHandle::setFlashInterval(int64_t intervalMs)
 {
-    if (m_rotary != nullptr) {
-        m_rotary->setFlashInterval(intervalMs);
+    if (auto* target = m_rotary.load()) {
+        target->setFlashInterval(intervalMs);
     }
 }
 
@@ -56,7 +59,7 @@ void RotaryHandle::detach()
 {
     // Cleared before the release: the release may call the global target's bind(), which
     // binds anew and must not find this handle still attached.
-    if (auto* rotary = std::exchange(m_rotary, nullptr)) {
+    if (auto* rotary = m_rotary.exchange(nullptr)) {
         rotary->releaseHandle(this);
     }
 }

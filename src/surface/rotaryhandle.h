@@ -2,6 +2,7 @@
 
 #include <QColor>
 #include <QObject>
+#include <atomic>
 #include <cstdint>
 
 namespace Velmora::Worksurface {
@@ -56,7 +57,9 @@ private:
     // The rotary cuts its handle off without a release when the rotary itself goes away.
     friend class Rotary;
 
-    IRotary* m_rotary;
+    // Atomic: the rotary clears it when it goes (on the model thread) while the user-interface
+    // side may be calling through it.
+    std::atomic<IRotary*> m_rotary;
 };
 
 }  // namespace Velmora::Worksurface

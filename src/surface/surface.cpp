@@ -82,6 +82,7 @@ void Surface::setSurfaceOverBrightness(uint8_t brightness)
 
 void Surface::start()
 {
+    TARVIX_ASSERT_THREAD(m_affinity);
     for (const auto& connection : m_connections) {
         connection->open();
     }
@@ -89,6 +90,7 @@ void Surface::start()
 
 void Surface::stop()
 {
+    TARVIX_ASSERT_THREAD(m_affinity);
     for (const auto& connection : m_connections) {
         connection->close();
     }
@@ -189,6 +191,7 @@ int Surface::offerGlobalTarget(int32_t type, int section, int index,
 
 void Surface::calibrate()
 {
+    TARVIX_ASSERT_THREAD(m_affinity);
     for (const auto& connection : m_connections) {
         connection->startCalibration();
     }
@@ -196,6 +199,7 @@ void Surface::calibrate()
 
 void Surface::sectionStateChanged(uint8_t section, uint8_t state)
 {
+    TARVIX_ASSERT_THREAD(m_affinity);
     // Every state change may end or begin a calibration somewhere; QML re-reads the flag.
     emit isCalibratingChanged();
     if (ISection* found = findSection(section)) {

@@ -5,6 +5,7 @@
 
 #include "serial/isectionstatelistener.h"
 #include "surface/isurface.h"
+#include "tasks/threadaffinity.h"
 
 namespace Velmora::Worksurface {
 
@@ -58,6 +59,8 @@ private:
 
     std::vector<std::shared_ptr<ISection>> m_sections;
     std::vector<std::shared_ptr<ISectionConnection>> m_connections;
+    // QML-thread-only (docs/threads.md).
+    const ThreadAffinity m_affinity;
 };
 
 }  // namespace Velmora::Worksurface

@@ -17,7 +17,8 @@ namespace Velmora::Worksurface {
 
 // Runs all periodic and delayed work of one surface (link supervision and queue draining,
 // fader steps, LED and rotary flashing, pot value requests, the updater's auto-baud step)
-// from one 5 ms Qt timer on the model thread.
+// from one 5 ms Qt timer on the model thread, which is the QML thread (docs/threads.md).
+// Scheduling and cancelling are safe from any thread.
 //
 // The timer is single-stepped: each tick stops it, runs what is due and re-arms it, so
 // ticks are 5 ms apart measured from the end of the previous tick, and a repeating task's

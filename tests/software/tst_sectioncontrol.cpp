@@ -14,6 +14,7 @@ private slots:
     void sectionControlTakesOnlyDevice0();
     void sectionControlStartsCalibrationOnThePluginsRequest();
     void sectionControlStopCalibrationReportsDone();
+    void sectionControlStopCalibrationTellsThePluginBeforeItShowsTheStop();
     void sectionControlSectionIndexAndTemperatureEmitOnlyOnChange();
     void sectionControlClampsTheTemperatureOnTheWire();
 };
@@ -119,6 +120,23 @@ void TestSectionControl::sectionControlStopCalibrationReportsDone()
     QCOMPARE(rig.receiver[1].chunks(), QList<QByteArray>{QByteArray::fromHex("03030006")});
     QCOMPARE(section.calibrating(), false);
     QCOMPARE(calibrating.count(), 1);
+}
+
+void TestSectionControl::sectionControlStopCalibrationTellsThePluginBeforeItShowsTheStop()
+{
+    Rig rig;
+    SectionControl section;
+    section.setConnection(&rig.connection);
+    section.setSectionIndex(1);
+    rig.fromPlugin(1, message(MessageType::Calibration, 0));
+    // What the plugin had received when QML saw the stop.
+    QList<QByteArray> seenAtTheSignal{QByteArray("not emitted")};
+    QObject::connect(&section, &SectionControl::calibratingChanged,
+                     [&] { seenAtTheSignal = rig.receiver[1].chunks(); });
+
+    section.stopCalibration();
+
+    QCOMPARE(seenAtTheSignal, QList<QByteArray>{QByteArray::fromHex("03030006")});
 }
 
 void TestSectionControl::sectionControlSectionIndexAndTemperatureEmitOnlyOnChange()
