@@ -151,14 +151,7 @@ QProcess* tst_WorksurfaceTool::start(const QStringList& arguments)
 {
     m_process = std::make_unique<QProcess>();
     m_process->setProcessEnvironment(m_env);
-#ifdef TARVIX_TOOL_EMULATOR
-    // A cross build runs the tool through the same emulator ctest runs this test with.
-    QStringList emulator = QStringLiteral(TARVIX_TOOL_EMULATOR).split(' ');
-    const QString program = emulator.takeFirst();
-    m_process->start(program, emulator + QStringList{QStringLiteral(TARVIX_TOOL_PATH)} + arguments);
-#else
     m_process->start(QStringLiteral(TARVIX_TOOL_PATH), arguments);
-#endif
     return m_process.get();
 }
 
