@@ -7,7 +7,8 @@ CMAKE ?= cmake
 CTEST ?= ctest
 SHELL := /bin/bash
 
-.PHONY: all deps build build-no-tests test demo sanitize tsan fuzz-smoke bench format format-check clean
+.PHONY: all deps build build-no-tests test demo sanitize tsan fuzz-smoke bench format format-check clean \
+        test-qt6 test-arm64 package package-test
 
 all: build
 
@@ -53,6 +54,32 @@ sanitize:
 # names the Qt-internal reports only. See docs/threads.md.
 tsan:
 	$(MAKE) test PRESET=tsan
+
+# The same sources against Qt 6 (preset qt6): every C++ test, the QML tests, the demo
+# walk-through and the Qt 6 type description check.
+test-qt6:
+	@./scripts/install-deps --qt6
+	$(CMAKE) --preset qt6
+	$(CMAKE) --build --preset qt6 -j $(JOBS)
+	$(CTEST) --preset qt6 -j $(JOBS)
+
+# Cross-built for aarch64 (preset arm64), every test run through qemu-aarch64 except those
+# labelled not-emulated (see tests/CMakeLists.txt).
+test-arm64:
+	@./scripts/install-deps --arm64
+	$(CMAKE) --preset arm64
+	$(CMAKE) --build --preset arm64 -j $(JOBS)
+	$(CTEST) --preset arm64 -j $(JOBS)
+
+# Debian packages from the build of PRESET (amd64 from dev or ci, arm64 from arm64):
+# build/<preset>/tarvixworksurface_<version>_<arch>.deb.
+package: build
+	cd build/$(PRESET) && cpack -G DEB
+
+# Installs the amd64 package on this machine, runs the module and the tool from their
+# installed places, removes the package.
+package-test: package
+	./scripts/test-package build/$(PRESET)
 
 fuzz-smoke: deps
 	$(CMAKE) --preset fuzz

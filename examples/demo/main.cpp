@@ -90,7 +90,11 @@ int main(int argc, char* argv[])
     // draws the same scene and can still be grabbed for the screenshot.
     if (QGuiApplication::platformName() == QLatin1String("offscreen") ||
         QGuiApplication::platformName() == QLatin1String("minimal")) {
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+        QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
+#else
         QQuickWindow::setSceneGraphBackend(QSGRendererInterface::Software);
+#endif
     }
 
     // Before the engine, so it outlives every QML object that may still call it.

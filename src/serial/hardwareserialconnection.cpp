@@ -6,6 +6,7 @@
 #include <QMutexLocker>
 
 #include "serial/iserialdatareceiver.h"
+#include "serial/serialporterrorcode.h"
 
 namespace Velmora::Worksurface {
 
@@ -274,12 +275,12 @@ void HardwareSerialConnection::handleSerialPortError(QSerialPort::SerialPortErro
             break;
         case QSerialPort::ResourceError:
             qDebug() << "Serial port error in WS section" << logIndex()
-                     << "Error core:" << static_cast<int>(error);
+                     << "Error core:" << serialPortErrorCode(error);
             closeVanishedPort();
             break;
         default:
             qDebug() << "Serial port error in WS section" << logIndex()
-                     << "Error core:" << static_cast<int>(error);
+                     << "Error core:" << serialPortErrorCode(error);
             break;
     }
 }

@@ -123,7 +123,7 @@ void TestPotBinding::metaObjectListsSignalsSlotAndPropertiesInOrder()
         const QMetaProperty property = meta.property(i);
         properties << QStringLiteral("%1:%2:%3")
                           .arg(QString::fromLatin1(property.name()),
-                               QString::fromLatin1(property.typeName()),
+                               propertyTypeName(meta, property),
                                QString::fromLatin1(property.notifySignal().name()));
     }
     QCOMPARE(properties, QStringList({"type:PotType:typeChanged", "color:QColor:colorChanged"}));

@@ -161,7 +161,7 @@ void TestRotaryBinding::metaObjectListsSignalsSlotsAndPropertiesInOrder()
         const QMetaProperty property = meta.property(i);
         properties << QStringLiteral("%1:%2:%3:%4")
                           .arg(QString::fromLatin1(property.name()),
-                               QString::fromLatin1(property.typeName()),
+                               propertyTypeName(meta, property),
                                QString::fromLatin1(property.notifySignal().name()),
                                property.isWritable() ? "rw" : "r");
     }

@@ -84,20 +84,24 @@ private:
     std::thread m_thread;
 };
 
-class Setup : public QObject
+class QmlTestSetup : public QObject
 {
     Q_OBJECT
 
 public slots:
+    // Each engine gets the watchdog, and sees which Qt runs it where the QML engines differ
+    // (qtMajorVersion).
     void qmlEngineAvailable(QQmlEngine* engine)
     {
         engine->rootContext()->setContextProperty(QStringLiteral("qmlWatchdog"), &m_watchdog);
+        engine->rootContext()->setContextProperty(QStringLiteral("qtMajorVersion"),
+                                                  QT_VERSION_MAJOR);
     }
 
 private:
     QmlWatchdog m_watchdog;
 };
 
-QUICK_TEST_MAIN_WITH_SETUP(tarvixworksurface, Setup)
+QUICK_TEST_MAIN_WITH_SETUP(tarvixworksurface, QmlTestSetup)
 
 #include "qmltestrunner.moc"

@@ -200,6 +200,8 @@ TestCase {
     }
 
     function test_modelNumbersOutOfRangeBuildNothing(data) {
+        if (data.tag === "NaN" && enumsRefuseNaN)
+            skip("Qt 6's engine refuses a NaN for an enum property; the mode stays as it was")
         connectAs(SurfaceSettings.K40)
         connectWithoutModelRestartsTheOldSurface(data.mode)
         connectAs(SurfaceSettings.K40)
@@ -319,6 +321,9 @@ TestCase {
                                          1e12, NaN, Infinity, -Infinity]
     readonly property var wildDecibels: [NaN, Infinity, -Infinity, 1e30, -1e30, 1e-30, -1e-30,
                                          11, -151, 3.4e38, -3.4e38, NaN]
+    // Qt 6's engine refuses a NaN written to an enum property with a TypeError, and the
+    // property keeps its value; Qt 5 takes the NaN as 0. Either leaves the module unharmed.
+    readonly property bool enumsRefuseNaN: qtMajorVersion >= 6
     readonly property var wildEnums: [-1, 3, 13, 99, 256, 1e9, -1e9, NaN]
     readonly property var wildColours: ["transparent", "#00000000", "#80ff0000", "#ffffffff",
                                         Qt.rgba(0, 0, 0, 0), "black"]
@@ -391,7 +396,9 @@ TestCase {
                 try {
                     target[name] = values[i]
                 } catch (error) {
-                    thrown.push(data.tag + "." + name + " = " + values[i] + ": " + error)
+                    if (!(enumsRefuseNaN && isNaN(values[i])
+                          && String(error).indexOf("Cannot assign double to") >= 0))
+                        thrown.push(data.tag + "." + name + " = " + values[i] + ": " + error)
                 }
             }
         }

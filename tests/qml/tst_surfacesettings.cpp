@@ -11,6 +11,7 @@
 #include "base/settings.h"
 #include "qml/surfacesettings.h"
 #include "support/logcapture.h"
+#include "support/metaobjectlisting.h"
 
 using namespace Velmora::Worksurface;
 
@@ -149,7 +150,8 @@ void TestSurfaceSettings::metaObjectDeclaresSignalsInvokableAndPropertiesInOrder
         QVERIFY(property.isWritable());
         QVERIFY(property.hasNotifySignal());
         properties << QString("%1:%2:%3")
-                          .arg(property.name(), property.typeName(),
+                          .arg(QString::fromLatin1(property.name()),
+                               propertyTypeName(meta, property),
                                QString::fromLatin1(property.notifySignal().methodSignature()));
     }
     QCOMPARE(properties, QStringList({

@@ -20,6 +20,7 @@
 #include "serial/hardwareserialconnection.h"
 #include "serial/iserialdatareceiver.h"
 #include "serial/serialmessage.h"
+#include "serial/serialporterrorcode.h"
 #include "support/logcapture.h"
 #include "support/ptysectionsimulator.h"
 #include "updater/bootloaderpacket.h"
@@ -561,8 +562,8 @@ void TestHardwareSerialConnection::errorTableLogLines_data()
     QTest::addColumn<QStringList>("lines");
     const QString port = QStringLiteral("\"/dev/ttymxc2\"");
     auto other = [](QSerialPort::SerialPortError error) {
-        return QStringList{
-            QStringLiteral("Serial port error in WS section 2 Error core: %1").arg(int(error))};
+        return QStringList{QStringLiteral("Serial port error in WS section 2 Error core: %1")
+                               .arg(serialPortErrorCode(error))};
     };
     const QMetaEnum errors = QMetaEnum::fromType<QSerialPort::SerialPortError>();
     for (int i = 0; i < errors.keyCount(); ++i) {
@@ -591,7 +592,7 @@ void TestHardwareSerialConnection::errorTableLogLines_data()
                 lines = other(error);
                 break;
         }
-        QTest::newRow(errors.key(i)) << int(error) << lines;
+        QTest::newRow(errors.key(i)) << serialPortErrorCode(error) << lines;
     }
     // Spelled out, so that a change in the enumeration cannot hide one.
     QTest::newRow("PermissionError is 2") << 2 << other(QSerialPort::PermissionError);
@@ -605,7 +606,7 @@ void TestHardwareSerialConnection::errorTableLogLines()
     QFETCH(QStringList, lines);
     HardwareSerialConnection connection(Section, QStringLiteral("/dev/ttymxc2"));
     LogCapture log;
-    connection.handleSerialPortError(static_cast<QSerialPort::SerialPortError>(error));
+    connection.handleSerialPortError(serialPortErrorFromCode(error));
     QCOMPARE(log.texts(), lines);
     for (const LogCapture::Line& line : log.lines()) {
         QCOMPARE(line.level, QtDebugMsg);

@@ -98,6 +98,7 @@ class TestSerialMessageParser : public QObject
 private slots:
     // The link's edge cases.
     void pingBytesYieldOneTypeZeroMessageForDeviceZero();
+    void bytesFrom0x80UpAreReadAsUnsigned();
     void frameFedOneBytePerCallIsReportedOnceOnTheCompletingCall_data();
     void frameFedOneBytePerCallIsReportedOnceOnTheCompletingCall();
     void threeOrFewerPendingBytesAreNeverInspected_data();
@@ -412,6 +413,21 @@ void TestSerialMessageParser::everyLengthByteAsFirstByte()
     QCOMPARE(parser.deliveredFrames(), frames);
     QCOMPARE(parser.badData(), bad);
     QCOMPARE(parser.pending(), pending);
+}
+
+// Plain char is unsigned on the console's ARM board and signed on x86-64: a device id, a
+// payload byte and a checksum from 0x80 up come out as the same unsigned values on both.
+void TestSerialMessageParser::bytesFrom0x80UpAreReadAsUnsigned()
+{
+    const QByteArray bytes = SerialFrames::frame(12, 0xC8, hex("ff 80 7f fe"));
+    QVERIFY(static_cast<uint8_t>(bytes.back()) >= 0x80);
+    RecordingParser parser;
+    parser.feed(bytes);
+    VERIFY_ACCOUNTING(parser);
+    QCOMPARE(parser.messages().size(), std::size_t(1));
+    QCOMPARE(parser.messages().front(), SerialMessage(12, 0xC8, {0xFF, 0x80, 0x7F, 0xFE}));
+    QCOMPARE(parser.messages().front().deviceId, uint8_t(200));
+    QVERIFY(parser.pending().isEmpty());
 }
 
 void TestSerialMessageParser::partialFrameStaysPendingUntilItsLastByte()

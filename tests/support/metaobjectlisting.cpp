@@ -11,3 +11,17 @@ QStringList methodSignatures(const QMetaObject& meta, QMetaMethod::MethodType ty
     }
     return names;
 }
+
+QString propertyTypeName(const QMetaObject& meta, const QMetaProperty& property)
+{
+    QString name = QString::fromLatin1(property.typeName());
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    const QString ownPrefix = QString::fromLatin1(meta.className()) + QStringLiteral("::");
+    if (property.isEnumType() && name.startsWith(ownPrefix)) {
+        name.remove(0, ownPrefix.size());
+    }
+#else
+    Q_UNUSED(meta);
+#endif
+    return name;
+}

@@ -1,6 +1,8 @@
 # Installs the build tree into a scratch DESTDIR and checks that the bench tool lands in
 # bin/ under the install prefix and runs from there.
-#   cmake -DBUILD_DIR=<build> -DPREFIX=<install prefix> -DSCRATCH=<dir> -P check-install.cmake
+#   cmake -DBUILD_DIR=<build> -DPREFIX=<install prefix> -DSCRATCH=<dir>
+#         [-DEMULATOR=<program and arguments, |-separated>] -P check-install.cmake
+# A cross build runs the installed tool through EMULATOR.
 file(REMOVE_RECURSE "${SCRATCH}")
 execute_process(COMMAND "${CMAKE_COMMAND}" -E env "DESTDIR=${SCRATCH}"
                         "${CMAKE_COMMAND}" --install "${BUILD_DIR}"
@@ -12,7 +14,8 @@ set(tool "${SCRATCH}${PREFIX}/bin/worksurface-tool")
 if(NOT EXISTS "${tool}")
     message(FATAL_ERROR "not installed: ${tool}\n${output}")
 endif()
-execute_process(COMMAND "${tool}" --version RESULT_VARIABLE result OUTPUT_VARIABLE version
+string(REPLACE "|" ";" emulator "${EMULATOR}")
+execute_process(COMMAND ${emulator} "${tool}" --version RESULT_VARIABLE result OUTPUT_VARIABLE version
                 ERROR_VARIABLE version)
 if(NOT result EQUAL 0 OR NOT version MATCHES "^worksurface-tool [0-9]")
     message(FATAL_ERROR "installed tool does not run: ${result}\n${version}")
