@@ -96,6 +96,11 @@ public slots:
         engine->rootContext()->setContextProperty(QStringLiteral("qmlWatchdog"), &m_watchdog);
         engine->rootContext()->setContextProperty(QStringLiteral("qtMajorVersion"),
                                                   QT_VERSION_MAJOR);
+        // Under emulation (the aarch64 build) the re-entrancy matrix runs every n-th cell;
+        // everywhere else every cell.
+        const int stride = qEnvironmentVariableIntValue("TARVIX_REENTRANCY_STRIDE");
+        engine->rootContext()->setContextProperty(QStringLiteral("reentrancyStride"),
+                                                  stride > 1 ? stride : 1);
     }
 
 private:

@@ -294,6 +294,10 @@ TestCase {
                     rows.push({ tag: all[i].kind + "." + names[s] + " -> " + actions[a],
                                 index: i, signalName: names[s], action: actions[a] })
         }
+        // Every n-th cell where the runner asks for it (emulated builds): the calls rotate
+        // over the signals, so each signal still meets a call back.
+        if (reentrancyStride > 1)
+            rows = rows.filter(function (row, n) { return n % reentrancyStride === 0 })
         return rows
     }
 
