@@ -173,7 +173,10 @@ QString WorksurfaceTool::awaitApplication(SectionSession& session)
 int WorksurfaceTool::ports()
 {
     int code = ExitCode::Success;
-    for (const auto& [index, device] : sections()) {
+    for (const auto& entry : sections()) {
+        // Plain copies, not structured bindings: the loop's lambdas capture them.
+        const uint8_t index = entry.first;
+        const QString device = entry.second;
         const bool exists = !device.isEmpty() && QFileInfo::exists(device);
         // Opened only for the check, with the link's own line settings.
         HardwareSerialConnection connection(index, device);
@@ -212,7 +215,10 @@ int WorksurfaceTool::ports()
 int WorksurfaceTool::probe()
 {
     int code = ExitCode::Success;
-    for (const auto& [index, device] : sections()) {
+    for (const auto& entry : sections()) {
+        // Plain copies, not structured bindings: the loop's lambdas capture them.
+        const uint8_t index = entry.first;
+        const QString device = entry.second;
         std::unique_ptr<SectionSession> s = session(index, device);
         QString state;
         QString error;
@@ -294,7 +300,10 @@ int WorksurfaceTool::flash()
     }
 
     const bool bar = !m_output->isJson() && ToolOutput::isTerminal();
-    for (const auto& [index, device] : sections()) {
+    for (const auto& entry : sections()) {
+        // Plain copies, not structured bindings: the loop's lambdas capture them.
+        const uint8_t index = entry.first;
+        const QString device = entry.second;
         std::unique_ptr<SectionSession> s = session(index, device, info.absoluteFilePath());
         if (!s->open(false)) {
             const QString error = s->portError();
@@ -475,7 +484,10 @@ int WorksurfaceTool::monitor()
     int code = ExitCode::Success;
     std::vector<std::unique_ptr<SectionSession>> sessions;
     QStringList names;
-    for (const auto& [index, device] : sections()) {
+    for (const auto& entry : sections()) {
+        // Plain copies, not structured bindings: the loop's lambdas capture them.
+        const uint8_t index = entry.first;
+        const QString device = entry.second;
         std::unique_ptr<SectionSession> s = session(index, device);
         const uint8_t section = index;
         s->onTraffic = [this, &printer, section](qint64 nowNs, bool incoming,
@@ -559,7 +571,10 @@ int WorksurfaceTool::exercise()
     TrafficPrinter printer(*m_output, TrafficPrinter::Position::Time, false);
     const ToolSettings model(m_options.mode, QString(), false);
     int code = ExitCode::Success;
-    for (const auto& [index, device] : sections()) {
+    for (const auto& entry : sections()) {
+        // Plain copies, not structured bindings: the loop's lambdas capture them.
+        const uint8_t index = entry.first;
+        const QString device = entry.second;
         std::unique_ptr<SectionSession> s = session(index, device);
         QString state;
         if (!s->open(true)) {
