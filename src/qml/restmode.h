@@ -2,7 +2,7 @@
 
 #include <QObject>
 
-#include "base/restmode.h"
+#include "base/faderrestmode.h"
 
 // Carries the enumeration of what a fader does while no binding holds it, so that QML can
 // name the values (RestMode.ForceMinimum, RestMode.KeepCurrent).

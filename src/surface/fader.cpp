@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "base/restmode.h"
+#include "base/faderrestmode.h"
 #include "surface/faderhandle.h"
 #include "surface/handleownership.h"
 #include "tasks/monotonicclock.h"

@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "base/restmode.h"
+#include "base/faderrestmode.h"
 
 namespace Velmora::Worksurface {
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "base/restmode.h"
+#include "base/faderrestmode.h"
 
 namespace Velmora::Worksurface {
 

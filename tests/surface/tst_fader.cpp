@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 
-#include "base/restmode.h"
+#include "base/faderrestmode.h"
 #include "serial/serialmessage.h"
 #include "serial/serialmessagequeue.h"
 #include "support/deferreddeletes.h"
