@@ -6,10 +6,6 @@
 
 namespace {
 
-// 511 / 24 and 511 / 120 as the laws store them.
-constexpr float kGeqSlope = 21.291666f;
-constexpr float kAmmSlope = 4.258333f;
-
 // Upper bound first, then lower bound: a NaN fails both comparisons and ends at the lower
 // bound, so a NaN dB never reaches the fader as anything but the bottom.
 float clamp(float x, float lower, float upper)

@@ -27,6 +27,11 @@ public:
     };
     Q_ENUM(ConversionMode)
 
+    // The slopes of the graphic-equaliser and automatic-mixer laws, 511 / 24 and 511 / 120,
+    // as the laws store them (steps per dB).
+    static constexpr float kGeqSlope = 21.291666f;
+    static constexpr float kAmmSlope = 4.258333f;
+
     static float convertLinearTodB(unsigned short value, ConversionMode mode);
     static unsigned short convertdBtoLinear(float dB, ConversionMode mode);
 

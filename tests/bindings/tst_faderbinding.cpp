@@ -16,6 +16,7 @@
 #include "bindings/surfaceconnection.h"
 #include "software/qmlcontrollerconnection.h"
 #include "support/bindingtestrig.h"
+#include "support/callfromqml.h"
 #include "support/deferreddeletes.h"
 #include "support/fakesoftwarehandler.h"
 #include "support/logcapture.h"
@@ -183,6 +184,7 @@ private slots:
     void conversionModeSwitchMovesTheDetentAndKeepsTheValue();
     void lockSendsEnabledThenPositionAndOnlyEnabledWhenSwitchedOff();
     void lockEnabledReachesTheFaderBeforeItsPosition();
+    void lockSlotsCalledFromQmlSendTheLock();
 
     // Read-back
     void moveNearTheDetentSnapsToUnity_data();
@@ -1201,6 +1203,45 @@ void TestFaderBinding::outOfRangeIndicesAreIgnored()
     rig.settle();
     QVERIFY(!rig.fader(0, 3)->hasHandle());
     QCOMPARE(rig.faderFrames(), QStringList());
+}
+
+// The slots that the lock settings drive, called by a QML handler of their own: each hands
+// the lock as it is now to the fader, which then holds the fader there.
+void TestFaderBinding::lockSlotsCalledFromQmlSendTheLock()
+{
+    Rig rig;
+    FaderBinding binding;
+    binding.setValue(0.0f);
+    declare(binding, &rig.connection, FaderBinding::Fader, 0, 3);
+    rig.settle();
+    const std::shared_ptr<Fader> fader = rig.fader(0, 3);
+    {
+        // Settings the binding has not been told about.
+        const QSignalBlocker blocker(binding.lock());
+        binding.lock()->setValue(-10.0f);
+        binding.lock()->setEnabled(true);
+    }
+    rig.settle();
+    QCOMPARE(fader->lockEnabled(), false);
+
+    rig.clearSent();
+    QCOMPARE(callFromQml(&binding, QStringLiteral("target.sendLockEnabled()")), QString());
+    QCoreApplication::sendPostedEvents();
+    QCOMPARE(fader->lockEnabled(), true);
+    QCOMPARE(fader->lockPosition(), quint16(260));
+    rig.surface.drain();
+    QCOMPARE(rig.faderFrames(), QStringList({frame(0, kFaderPosition, 3, "0104")}));
+
+    {
+        const QSignalBlocker blocker(binding.lock());
+        binding.lock()->setValue(5.0f);
+    }
+    rig.clearSent();
+    QCOMPARE(callFromQml(&binding, QStringLiteral("target.sendLockValue()")), QString());
+    QCoreApplication::sendPostedEvents();
+    QCOMPARE(fader->lockPosition(), quint16(460));
+    rig.surface.drain();
+    QCOMPARE(rig.faderFrames(), QStringList({frame(0, kFaderPosition, 3, "01cc")}));
 }
 
 QTEST_GUILESS_MAIN(TestFaderBinding)

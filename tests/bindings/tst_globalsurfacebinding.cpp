@@ -6,6 +6,7 @@
 
 #include "bindings/globalsurfacebinding.h"
 #include "support/bindingtestrig.h"
+#include "support/callfromqml.h"
 #include "support/metaobjectlisting.h"
 
 namespace {
@@ -53,6 +54,7 @@ private slots:
     void everyNewSurfaceGetsBothValues();
     void nullConnectionStopsFollowingTheSurface();
     void creationStepsChangeNothing();
+    void resendCalledFromQmlSendsBothValuesAgain();
 };
 
 void TestGlobalSurfaceBinding::metaObjectListsSignalsSlotAndPropertiesInOrder()
@@ -261,6 +263,20 @@ void TestGlobalSurfaceBinding::creationStepsChangeNothing()
     binding.componentComplete();
     QCOMPARE(rig.takeFrames(), QStringList());
     QCOMPARE(binding.surfaceBrightness(), 12);
+}
+
+// A QML handler may hand both values to the surface again, e.g. after the console
+// changed them behind the surface's back.
+void TestGlobalSurfaceBinding::resendCalledFromQmlSendsBothValuesAgain()
+{
+    BindingTestRig rig;
+    GlobalSurfaceBinding binding;
+    binding.setConnection(&rig.connection);
+    binding.setSurfaceBrightness(50);
+    binding.setSurfaceOverBrightness(60);
+    rig.takeFrames();
+    QCOMPARE(callFromQml(&binding, QStringLiteral("target.resendValuesToSurface()")), QString());
+    QCOMPARE(rig.takeFrames(), bothValues("32", "3c"));
 }
 
 QTEST_GUILESS_MAIN(TestGlobalSurfaceBinding)

@@ -8,6 +8,7 @@
 #include "bindings/flashinfo.h"
 #include "bindings/ledbinding.h"
 #include "support/bindingtestrig.h"
+#include "support/callfromqml.h"
 #include "support/metaobjectlisting.h"
 
 namespace {
@@ -63,6 +64,7 @@ private slots:
 
     void flashingTogglesEveryHalfInterval();
     void disablingFlashStopsTheToggling();
+    void flashSlotsCalledFromQmlSendTheFlashState();
 
     void rebindingToTheSameLedResendsTheState();
     void indexChangeMovesToTheOtherLed();
@@ -509,6 +511,32 @@ void TestLedBinding::bindsWhenTheSurfaceArrives()
 
     rig.installSurface();
     QCOMPARE(rig.takeFrames(), QStringList({ledFrame(1, 21, "ff00")}));
+}
+
+// The slots that the flash settings drive, called by a QML handler of their own: each
+// hands the setting as it is now to the LED.
+void TestLedBinding::flashSlotsCalledFromQmlSendTheFlashState()
+{
+    BindingTestRig rig;
+    auto binding = makeLitMuteLed(rig);
+    {
+        // Settings the binding has not been told about.
+        const QSignalBlocker blocker(binding->flash());
+        binding->flash()->setInterval(500);
+        binding->flash()->setEnabled(true);
+    }
+    rig.fixture.runForMs(1150);
+    QCOMPARE(rig.takeFramesSoFar(), QStringList());
+
+    QCOMPARE(callFromQml(binding.get(), QStringLiteral("target.sendLedFlashInterval()")),
+             QString());
+    QCOMPARE(rig.takeFrames(), QStringList());
+    QCOMPARE(callFromQml(binding.get(), QStringLiteral("target.sendLedFlashEnabled()")), QString());
+    // Steps at 250, 500, 750 and 1000 ms have left by 1155 ms at the latest (the link pass
+    // may fall anywhere in its 50 ms); the next is made at 1250 ms.
+    rig.fixture.runForMs(1200);
+    QCOMPARE(rig.takeFramesSoFar(), QStringList({ledFrame(0, 3, "ff00"), ledFrame(0, 3, "0000"),
+                                                 ledFrame(0, 3, "ff00"), ledFrame(0, 3, "0000")}));
 }
 
 QTEST_GUILESS_MAIN(TestLedBinding)

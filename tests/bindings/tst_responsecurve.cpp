@@ -108,8 +108,8 @@ private slots:
     void constantsMatchTheStoredSlopes()
     {
         // The laws store their slopes as these floats.
-        QCOMPARE(511.0f / 24.0f, 21.291666f);
-        QCOMPARE(511.0f / 120.0f, 4.258333f);
+        QCOMPARE(ResponseCurve::kGeqSlope, 511.0f / 24.0f);
+        QCOMPARE(ResponseCurve::kAmmSlope, 511.0f / 120.0f);
     }
 
     void everyValueToDbMatchesTheBreakpointTable_data()

@@ -9,6 +9,7 @@
 #include "bindings/flashinfo.h"
 #include "bindings/rotarybinding.h"
 #include "support/bindingtestrig.h"
+#include "support/callfromqml.h"
 #include "support/logcapture.h"
 #include "support/metaobjectlisting.h"
 #include "surface/iglobalrotarybindingtarget.h"
@@ -117,6 +118,7 @@ private slots:
     void sameColourStillResendsTheRing();
     void flashingTogglesBetweenBlackAndTheColour();
     void disablingFlashShowsTheColourSteadily();
+    void flashSlotsCalledFromQmlSendTheFlashState();
 
     void typeWriteWaitsForTheNextLookup();
     void rebindingToTheSameRotaryResendsTheRing();
@@ -722,6 +724,33 @@ void TestRotaryBinding::destroyedGlobalBindingNoLongerClaimsTheRotary()
     holder.reset();
     QCOMPARE(other.binds, 1);
     QCOMPARE(rig.fixture.surface().offerGlobalTarget(1, 0, 3, nullptr), 1);
+}
+
+// The slots that the flash settings drive, called by a QML handler of their own: each
+// hands the setting as it is now to the rotary's light.
+void TestRotaryBinding::flashSlotsCalledFromQmlSendTheFlashState()
+{
+    BindingTestRig rig;
+    auto binding = makeRedStripRotary(rig);
+    {
+        // Settings the binding has not been told about.
+        const QSignalBlocker blocker(binding->flash());
+        binding->flash()->setInterval(400);
+        binding->flash()->setEnabled(true);
+    }
+    rig.fixture.runForMs(1000);
+    QCOMPARE(rig.takeFramesSoFar(), QStringList());
+
+    QCOMPARE(callFromQml(binding.get(), QStringLiteral("target.sendRotaryFlashInterval()")),
+             QString());
+    // The interval alone shows the colour steadily.
+    QCOMPARE(rig.takeFrames(), QStringList({ringFrame(0, 3, "ff000000")}));
+    QCOMPARE(callFromQml(binding.get(), QStringLiteral("target.sendRotaryFlashEnabled()")),
+             QString());
+    rig.fixture.runForMs(1000);
+    QCOMPARE(rig.takeFramesSoFar(),
+             QStringList({ringFrame(0, 3, "00000000"), ringFrame(0, 3, "ff000000"),
+                          ringFrame(0, 3, "00000000"), ringFrame(0, 3, "ff000000")}));
 }
 
 QTEST_GUILESS_MAIN(TestRotaryBinding)

@@ -528,14 +528,37 @@ TestCase {
         for (i = 0; i < faders.length; ++i)
             tryCompare(faders[i], "value", 0, timeout)
 
+        // A flashing light on every section is the clock: it toggles every 100 ms, on the
+        // same task pool, and its frames leave on the same links as a parking would.
+        var lights = []
+        for (s = 0; s < data.sections; ++s) {
+            var button = attached("ButtonControl",
+                                  "sectionIndex: " + s + "; index: 2; type: ButtonBinding.Mute")
+            var led = attached("LedBinding", "sectionIndex: " + s
+                               + "; index: 2; type: LedBinding.MuteButton; brightness: 180")
+            led.on = true
+            tryCompare(button, "brightness", 180, timeout)
+            lights.push({ led: led, changes: spy(button, "brightnessChanged") })
+        }
+
         Surface.faders.restMode = RestMode.KeepCurrent
         for (i = 0; i < faders.length; ++i)
             faders[i].moveByHand(300)
-        // Parking would come 150 ms after the move, on the next 50 ms pass: nothing to wait
-        // for but time.
-        wait(500)
+        for (i = 0; i < lights.length; ++i) {
+            lights[i].led.flash.interval = 200
+            lights[i].led.flash.enabled = true
+        }
+        // Parking would be decided 150 ms after the move, on the next 50 ms pass. The fifth
+        // toggle of a light is decided 500 ms or more after the moves, so a parking
+        // frame would have reached that section's faders before the fifth toggle.
+        for (i = 0; i < lights.length; ++i) {
+            tryVerify(function () { return lights[i].changes.count >= 5 }, timeout,
+                      "light of section " + i)
+        }
         for (i = 0; i < faders.length; ++i)
             compare(faders[i].value, 300, "fader " + i)
+        for (i = 0; i < lights.length; ++i)
+            lights[i].led.flash.enabled = false
 
         Surface.faders.restMode = RestMode.ForceMinimum
         for (i = 0; i < faders.length; ++i)
