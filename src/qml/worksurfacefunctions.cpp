@@ -5,6 +5,7 @@
 
 #include "base/logger.h"
 #include "base/settings.h"
+#include "serial/isectionconnection.h"
 #include "serial/serialconnectionfactory.h"
 #include "software/qmlcontrollerconnection.h"
 #include "surface/componentfactory.h"
@@ -13,12 +14,13 @@
 #include "surface/sectionfactory.h"
 #include "surface/surface.h"
 #include "surface/surfacebuilder.h"
+#include "surface/tracefile.h"
 #include "tasks/taskpool.h"
 
 using namespace Velmora::Worksurface;
 
 WorksurfaceFunctions::WorksurfaceFunctions()
-    : QObject(nullptr),
+    : SurfaceTraceSaver(nullptr),
       QQmlParserStatus(),
       m_thread(),
       m_settings(std::make_shared<Settings>()),
@@ -32,6 +34,9 @@ WorksurfaceFunctions::WorksurfaceFunctions()
     // model does not have.
     for (std::size_t i = 0; i < m_sectionInfos.size(); ++i) {
         m_sectionInfos[i] = new SectionInfoModel(static_cast<int>(i), this);
+        const int section = static_cast<int>(i);
+        m_sectionInfos[i]->setTraceSaver(
+            [this, section](const QString& path) { return writeTrace(path, section); });
     }
 
     QObject::connect(m_surfaceSettings, &SurfaceSettings::masterSectionIndexChanged, this,
@@ -99,6 +104,33 @@ void WorksurfaceFunctions::connect()
     // handed bytes by the simulated sections any more.
     m_controllerConnection->clearDataReceivers();
     m_thread.start(QThread::InheritPriority);
+}
+
+bool WorksurfaceFunctions::writeTrace(const QString& path, int section)
+{
+    using Velmora::Worksurface::ISectionConnection;
+    using Velmora::Worksurface::TraceFile;
+    std::vector<std::shared_ptr<ISectionConnection>> links;
+    if (Velmora::Worksurface::ISurface* current = m_connection->surface()) {
+        for (const auto& link : current->sectionLinks()) {
+            if (link && (section < 0 || link->sectionIndex() == section)) {
+                links.push_back(link);
+            }
+        }
+    }
+    if (links.empty()) {
+        m_logger->warning(QStringLiteral("Cannot save the trace to %1: %2")
+                              .arg(path, section < 0 ? QStringLiteral("no surface")
+                                                     : QStringLiteral("no link for section %1")
+                                                           .arg(section)));
+        return false;
+    }
+    const QString why = TraceFile::save(path, TraceFile::header(*m_settings, links), links);
+    if (!why.isEmpty()) {
+        m_logger->warning(QStringLiteral("Cannot save the trace to %1: %2").arg(path, why));
+        return false;
+    }
+    return true;
 }
 
 void WorksurfaceFunctions::calibrate()

@@ -2,7 +2,7 @@
 
 #include "base/isettings.h"
 #include "base/logger.h"
-#include "messagecatalog.h"
+#include "surface/messagecatalog.h"
 #include "serial/hardwareserialconnection.h"
 #include "serial/rootserialmessagehandler.h"
 #include "serial/serialmessagequeue.h"

@@ -10,7 +10,7 @@
 #include "exitcode.h"
 #include "framedecoder.h"
 #include "interruptwatcher.h"
-#include "jsonline.h"
+#include "base/jsonline.h"
 #include "progressbar.h"
 #include "sectionsession.h"
 #include "serial/hardwareserialconnection.h"

@@ -1,7 +1,9 @@
-#include "jsonline.h"
+#include "base/jsonline.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
+
+namespace Velmora::Worksurface {
 
 namespace {
 
@@ -55,6 +57,12 @@ JsonLine& JsonLine::addFixed(const char* key, double value, int decimals)
     return *this;
 }
 
+JsonLine& JsonLine::addJson(const char* key, const QByteArray& json)
+{
+    addRaw(key, json);
+    return *this;
+}
+
 QByteArray JsonLine::toJson() const
 {
     return '{' + m_body + '}';
@@ -67,3 +75,5 @@ void JsonLine::addRaw(const char* key, const QByteArray& json)
     }
     m_body += quoted(QString::fromUtf8(key)) + ':' + json;
 }
+
+}  // namespace Velmora::Worksurface
