@@ -9,6 +9,7 @@
 #include "base/logger.h"
 #include "exitcode.h"
 #include "framedecoder.h"
+#include "tracecommand.h"
 #include "interruptwatcher.h"
 #include "base/jsonline.h"
 #include "progressbar.h"
@@ -75,6 +76,10 @@ WorksurfaceTool::~WorksurfaceTool() = default;
 int WorksurfaceTool::run(const QStringList& arguments)
 {
     m_startNs = MonotonicClock::nowNs();
+    // Reading a saved trace opens no port and has options of its own.
+    if (arguments.size() > 1 && arguments.at(1) == QLatin1String("trace")) {
+        return TraceCommand::run(arguments);
+    }
     const int parsed = ToolCommandLine::parse(arguments, m_options);
     if (parsed >= 0) {
         return parsed;
