@@ -48,17 +48,17 @@ std::vector<QByteArray> frames(int count)
     for (int i = 0; i < count; ++i) {
         switch (rng.bounded(3)) {
             case 0:
-                result.push_back(encode(SerialMessage(MessageType::FaderPosition, rng.bounded(10),
-                                                      {uint8_t(rng.bounded(4)),
-                                                       uint8_t(rng.bounded(256))})));
+                result.push_back(
+                    encode(SerialMessage(MessageType::FaderPosition, rng.bounded(10),
+                                         {uint8_t(rng.bounded(4)), uint8_t(rng.bounded(256))})));
                 break;
             case 1:
-                result.push_back(encode(
-                    SerialMessage(MessageType::FaderTouch, rng.bounded(10), {uint8_t(rng.bounded(2))})));
+                result.push_back(encode(SerialMessage(MessageType::FaderTouch, rng.bounded(10),
+                                                      {uint8_t(rng.bounded(2))})));
                 break;
             default:
-                result.push_back(encode(SerialMessage(MessageType::ButtonState, 0x40 + rng.bounded(40),
-                                                      {uint8_t(rng.bounded(2))})));
+                result.push_back(encode(SerialMessage(
+                    MessageType::ButtonState, 0x40 + rng.bounded(40), {uint8_t(rng.bounded(2))})));
                 break;
         }
     }
@@ -70,11 +70,10 @@ struct Link
     explicit Link(int capacity)
     {
         settings->setDebugEnabled(false);
-        link = std::make_shared<SectionConnection>(0, std::make_shared<TakingHandler>(),
-                                                   std::make_shared<SerialMessageQueue>(), line,
-                                                   std::make_shared<TaskPool>(),
-                                                   std::make_unique<FakeSectionUpdater>(),
-                                                   std::make_shared<Logger>(settings), capacity);
+        link = std::make_shared<SectionConnection>(
+            0, std::make_shared<TakingHandler>(), std::make_shared<SerialMessageQueue>(), line,
+            std::make_shared<TaskPool>(), std::make_unique<FakeSectionUpdater>(),
+            std::make_shared<Logger>(settings), capacity);
         line->setDataReceiver(link.get());
     }
     ~Link() { line->setDataReceiver(nullptr); }
@@ -97,9 +96,9 @@ void BM_LinkReceiveFrame(benchmark::State& state)
         i = (i + 1) % stream.size();
     }
     state.SetItemsProcessed(state.iterations());
-    state.counters["ns_per_frame"] = benchmark::Counter(
-        static_cast<double>(state.iterations()) * 1e-9,
-        benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["ns_per_frame"] =
+        benchmark::Counter(static_cast<double>(state.iterations()) * 1e-9,
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 BENCHMARK(BM_LinkReceiveFrame)->Arg(FlightRecorder::kDefaultCapacity)->Arg(0);
 

@@ -39,7 +39,6 @@
 #include "qml/sectioninfomodel.h"
 #include "serial/flightrecorder.h"
 #include "serial/isectionconnection.h"
-#include "surface/tracefile.h"
 #include "support/fakesectioninfoprovider.h"
 #include "support/fakeserialconnection.h"
 #include "support/fakeserialconnectionfactory.h"
@@ -62,6 +61,7 @@
 #include "surface/sectionfactory.h"
 #include "surface/surface.h"
 #include "surface/surfacebuilder.h"
+#include "surface/tracefile.h"
 #include "tasks/taskpool.h"
 
 using namespace Velmora::Worksurface;

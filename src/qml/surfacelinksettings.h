@@ -9,9 +9,9 @@ class ISettings;
 }
 
 // The link part of Surface.settings: whether and how often the sections' links come back
-// by themselves, and what their flight recorders keep and where a failing link saves it. Like the rest of the settings it keeps no value of its own: it reads and
-// writes the shared settings, which every link's supervision reads on each pass, so a
-// change applies to the running links at once.
+// by themselves, and what their flight recorders keep and where a failing link saves it. Like the
+// rest of the settings it keeps no value of its own: it reads and writes the shared settings, which
+// every link's supervision reads on each pass, so a change applies to the running links at once.
 //
 // A base of SurfaceSettings, so that SurfaceSettings' own properties and signals stay the
 // ones it has always declared, in their order.
@@ -20,8 +20,8 @@ class SurfaceLinkSettings : public QObject
     Q_OBJECT
     Q_PROPERTY(int reconnectInterval READ reconnectInterval WRITE setReconnectInterval NOTIFY
                    reconnectIntervalChanged)
-    Q_PROPERTY(int traceCapacity READ traceCapacity WRITE setTraceCapacity NOTIFY
-                   traceCapacityChanged)
+    Q_PROPERTY(
+        int traceCapacity READ traceCapacity WRITE setTraceCapacity NOTIFY traceCapacityChanged)
     Q_PROPERTY(QString traceDirectory READ traceDirectory WRITE setTraceDirectory NOTIFY
                    traceDirectoryChanged)
 

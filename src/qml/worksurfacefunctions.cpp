@@ -119,10 +119,10 @@ bool WorksurfaceFunctions::writeTrace(const QString& path, int section)
         }
     }
     if (links.empty()) {
-        m_logger->warning(QStringLiteral("Cannot save the trace to %1: %2")
-                              .arg(path, section < 0 ? QStringLiteral("no surface")
-                                                     : QStringLiteral("no link for section %1")
-                                                           .arg(section)));
+        m_logger->warning(
+            QStringLiteral("Cannot save the trace to %1: %2")
+                .arg(path, section < 0 ? QStringLiteral("no surface")
+                                       : QStringLiteral("no link for section %1").arg(section)));
         return false;
     }
     const QString why = TraceFile::save(path, TraceFile::header(*m_settings, links), links);

@@ -102,7 +102,8 @@ std::vector<FlightRecorder::Record> FlightRecorder::snapshot(int section) const
         const uint64_t count = std::min<uint64_t>(written, static_cast<uint64_t>(m_capacity));
         slots.reserve(static_cast<std::size_t>(count));
         for (uint64_t i = written - count; i < written; ++i) {
-            slots.push_back(m_slots[static_cast<std::size_t>(i % static_cast<uint64_t>(m_capacity))]);
+            slots.push_back(
+                m_slots[static_cast<std::size_t>(i % static_cast<uint64_t>(m_capacity))]);
         }
         texts = m_texts;
     }

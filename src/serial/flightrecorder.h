@@ -36,13 +36,13 @@ public:
 
     enum class Kind : uint8_t
     {
-        FrameIn,       // a received frame the parser accepted
-        FrameOut,      // a frame written to the line
-        BadChecksum,   // received bytes that looked like a frame but failed its checksum
-        Noise,         // received bytes the parser skipped while resynchronising
-        BootloaderIn,  // bytes the section's bootloader sent during an update
-        BootloaderOut, // a bootloader packet written during an update
-        Event,         // a link event
+        FrameIn,        // a received frame the parser accepted
+        FrameOut,       // a frame written to the line
+        BadChecksum,    // received bytes that looked like a frame but failed its checksum
+        Noise,          // received bytes the parser skipped while resynchronising
+        BootloaderIn,   // bytes the section's bootloader sent during an update
+        BootloaderOut,  // a bootloader packet written during an update
+        Event,          // a link event
     };
 
     enum class Event : uint8_t
@@ -101,12 +101,12 @@ private:
     struct Slot
     {
         int64_t tUs;
-        uint32_t portText;  // event: text id of the port, 0 for none
-        uint32_t errorText; // event: text id of the error, 0 for none
-        int32_t value;      // event: its value
+        uint32_t portText;   // event: text id of the port, 0 for none
+        uint32_t errorText;  // event: text id of the error, 0 for none
+        int32_t value;       // event: its value
         uint8_t kind;
         uint8_t event;
-        uint8_t size;       // bytes used in data
+        uint8_t size;          // bytes used in data
         uint8_t continuation;  // 1: more bytes of the slot before
         char data[kSlotBytes];
     };

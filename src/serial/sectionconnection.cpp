@@ -282,8 +282,7 @@ void SectionConnection::handleLinkMessage(const SerialMessage& message)
             return;
         case MessageType::Calibration:
             m_logger->info(QStringLiteral("Calibration of section %1 done.").arg(section));
-            m_recorder->recordEvent(MonotonicClock::nowNs(),
-                                    FlightRecorder::Event::CalibrationEnd);
+            m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::CalibrationEnd);
             setState(Connected);
             m_rootHandler->setLinkReady(true);
             return;
@@ -481,8 +480,8 @@ void SectionConnection::reportPort()
     m_reportedPortName = name;
     m_reportedPortError = error;
     if (!error.isEmpty()) {
-        m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::PortError, 0,
-                                name, error);
+        m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::PortError, 0, name,
+                                error);
     }
     if (m_stateListener) {
         m_stateListener->sectionPortChanged(m_sectionIndex, name, error);

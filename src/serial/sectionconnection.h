@@ -202,7 +202,7 @@ private:
     // Flight recorder, all on the link's thread.
     const std::shared_ptr<FlightRecorder> m_recorder;
     std::function<void()> m_traceHandler;
-    int64_t m_receivedNs = 0;  // when the chunk being parsed arrived
+    int64_t m_receivedNs = 0;   // when the chunk being parsed arrived
     bool m_traceSaved = false;  // the handler was called in this outage
     int m_tracedProgress = -1;  // the last tenth of the update's progress recorded
 };

@@ -53,11 +53,10 @@ void SerialMessageParser::parse(const QByteArray& data)
             // Resynchronise on the very next byte: a valid frame may start inside this one.
             if (badRunStart < 0) {
                 badRunStart = m_consumed;
-                if (size >= kMinimumFrameSize && size <= kMaximumFrameSize &&
-                    size <= available && frame[1] < MessageType::NoMessage) {
+                if (size >= kMinimumFrameSize && size <= kMaximumFrameSize && size <= available &&
+                    frame[1] < MessageType::NoMessage) {
                     // Only the checksum failed: most likely a frame mangled on the line.
-                    bytesJudged(Verdict::BadChecksum, reinterpret_cast<const char*>(frame),
-                                size);
+                    bytesJudged(Verdict::BadChecksum, reinterpret_cast<const char*>(frame), size);
                 }
             }
             ++m_consumed;

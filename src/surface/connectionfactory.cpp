@@ -26,10 +26,9 @@ std::shared_ptr<ISectionConnection> ConnectionFactory::createConnection(
     auto updater = std::make_unique<SectionUpdater>(m_taskPool, settings, m_logger);
     auto serial = m_serialFactory->createSerialConnection(sectionIndex, settings);
     // The recorder's ring is sized once, here, when connect() builds the surface.
-    auto connection = std::make_shared<SectionConnection>(sectionIndex, rootHandler, queue, serial,
-                                                          m_taskPool, std::move(updater), m_logger,
-                                                          settings ? settings->traceCapacity()
-                                                                   : FlightRecorder::kDefaultCapacity);
+    auto connection = std::make_shared<SectionConnection>(
+        sectionIndex, rootHandler, queue, serial, m_taskPool, std::move(updater), m_logger,
+        settings ? settings->traceCapacity() : FlightRecorder::kDefaultCapacity);
     serial->setDataReceiver(connection.get());
     connection->setReconnectSettings(settings);
     const QString traceDirectory = settings ? TraceFile::automaticDirectory(*settings) : QString();

@@ -7,9 +7,9 @@
 
 namespace Velmora::Worksurface {
 
-// The one table of names the bench tool and the trace files use: message types by name, the control a
-// device id belongs to (from the core's device-id table, read backwards) and a message's
-// value in the control's own terms. Text and JSON output both take their words from here.
+// The one table of names the bench tool and the trace files use: message types by name, the control
+// a device id belongs to (from the core's device-id table, read backwards) and a message's value in
+// the control's own terms. Text and JSON output both take their words from here.
 class MessageCatalog
 {
 public:

@@ -300,10 +300,10 @@ QString TraceFile::saveAutomatic(const QString& directory, const ISettings& sett
                            .arg(section, directory));
         return QString();
     }
-    const QString stamp = QDateTime::currentDateTimeUtc().toString(
-        QStringLiteral("yyyyMMdd'T'HHmmss.zzz'Z'"));
-    const QString base = QStringLiteral("%1%2-%3").arg(QLatin1String(kAutomaticPrefix), section,
-                                                         stamp);
+    const QString stamp =
+        QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMdd'T'HHmmss.zzz'Z'"));
+    const QString base =
+        QStringLiteral("%1%2-%3").arg(QLatin1String(kAutomaticPrefix), section, stamp);
     QString path = dir.filePath(base + QStringLiteral(".jsonl"));
     for (int n = 2; QFileInfo::exists(path); ++n) {
         path = dir.filePath(QStringLiteral("%1-%2.jsonl").arg(base).arg(n));

@@ -31,8 +31,8 @@ public:
 
     struct Header
     {
-        QString model;        // "K40", "K60" or "unknown"
-        QString surfaceType;  // "hardware" or "software"
+        QString model;                               // "K40", "K60" or "unknown"
+        QString surfaceType;                         // "hardware" or "software"
         std::vector<std::pair<int, QString>> ports;  // section, port ("" when none)
         int capacity = 0;
         // The monotonic clock's zero in wall-clock time (UTC, ISO 8601 with ms).
@@ -55,8 +55,7 @@ public:
     // worksurface-trace-s<i>-<UTC time>.jsonl, then keeps only the newest 20 traces there.
     // Returns the file written, or empty when it could not be written (logged as a warning).
     static QString saveAutomatic(const QString& directory, const ISettings& settings,
-                                 const std::shared_ptr<ISectionConnection>& link,
-                                 Logger& logger);
+                                 const std::shared_ptr<ISectionConnection>& link, Logger& logger);
 
     static QByteArray headerLine(const Header& header);
     static QByteArray recordLine(const FlightRecorder::Record& record);

@@ -64,9 +64,9 @@ QStringList story(const QList<QJsonObject>& entries)
         } else if (event == QLatin1String("portError")) {
             lines << QStringLiteral("portError ") + o.value("error").toString();
         } else if (event == QLatin1String("portOpen")) {
-            lines << QStringLiteral("portOpen ") +
-                         (o.value("opened").toBool() ? QStringLiteral("opened")
-                                                     : QStringLiteral("failed"));
+            lines << QStringLiteral("portOpen ") + (o.value("opened").toBool()
+                                                        ? QStringLiteral("opened")
+                                                        : QStringLiteral("failed"));
         } else if (event == QLatin1String("reconnect")) {
             lines << QStringLiteral("reconnect");
         } else if (o.contains("noise")) {
@@ -193,8 +193,8 @@ PtySectionSimulator* TestFlightRecorderPty::plugIn()
 
 QStringList TestFlightRecorderPty::traceFiles() const
 {
-    return QDir(m_traceDir).entryList({QStringLiteral("worksurface-trace-*.jsonl")}, QDir::Files,
-                                      QDir::Name);
+    return QDir(m_traceDir)
+        .entryList({QStringLiteral("worksurface-trace-*.jsonl")}, QDir::Files, QDir::Name);
 }
 
 void TestFlightRecorderPty::savedTraceHoldsTheFramesNoiseHangUpAndReconnectInOrder()
@@ -219,18 +219,17 @@ void TestFlightRecorderPty::savedTraceHoldsTheFramesNoiseHangUpAndReconnectInOrd
     sim->sendRaw(first);
     sim->sendRaw(second);
     sim->sendRaw(noise + third);
-    QTRY_VERIFY_WITH_TIMEOUT((QCoreApplication::processEvents(),
-                              story(entriesOf((m_service->saveTrace(m_dir->filePath("probe.jsonl")),
-                                               m_dir->filePath("probe.jsonl")),
-                                              0))
-                                  .contains(QStringLiteral("in fader position ") +
-                                            QString::fromLatin1(third.toHex()))),
-                             kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (QCoreApplication::processEvents(),
+         story(entriesOf((m_service->saveTrace(m_dir->filePath("probe.jsonl")),
+                          m_dir->filePath("probe.jsonl")),
+                         0))
+             .contains(QStringLiteral("in fader position ") + QString::fromLatin1(third.toHex()))),
+        kTimeout);
     sim->hangUp();
     QFile::remove(m_devicePath);
-    QTRY_VERIFY_WITH_TIMEOUT((pass(), m_service->section(0)->linkState() ==
-                                          SectionInfoModel::Connecting),
-                             kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (pass(), m_service->section(0)->linkState() == SectionInfoModel::Connecting), kTimeout);
     // The lost device wrote one automatic trace; the retries write no more.
     runFor(500);
     QCOMPARE(traceFiles().size(), 1);
@@ -240,9 +239,8 @@ void TestFlightRecorderPty::savedTraceHoldsTheFramesNoiseHangUpAndReconnectInOrd
     // A new adapter: the link comes back by itself.
     PtySectionSimulator* replacement = plugIn();
     QVERIFY(replacement);
-    QTRY_VERIFY_WITH_TIMEOUT((pass(), m_service->section(0)->linkState() ==
-                                          SectionInfoModel::Connected),
-                             kTimeout);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (pass(), m_service->section(0)->linkState() == SectionInfoModel::Connected), kTimeout);
     pass();
     QCOMPARE(traceFiles().size(), 1);
 
@@ -314,9 +312,9 @@ void TestFlightRecorderPty::saveTraceWithoutASurfaceOrToABadPlaceFailsWithOneWar
     QVERIFY(!m_service->saveTrace(path));
     QVERIFY(!m_service->section(1)->saveTrace(path));
     QCOMPARE(log.texts(QtWarningMsg),
-             (QStringList{QStringLiteral("Cannot save the trace to %1: no surface").arg(path),
-                          QStringLiteral("Cannot save the trace to %1: no link for section 1")
-                              .arg(path)}));
+             (QStringList{
+                 QStringLiteral("Cannot save the trace to %1: no surface").arg(path),
+                 QStringLiteral("Cannot save the trace to %1: no link for section 1").arg(path)}));
     QVERIFY(!QFileInfo::exists(path));
 
     QVERIFY(plugIn());
@@ -325,11 +323,12 @@ void TestFlightRecorderPty::saveTraceWithoutASurfaceOrToABadPlaceFailsWithOneWar
     const QString missing = m_dir->filePath(QStringLiteral("no/such/t.jsonl"));
     QVERIFY(!m_service->saveTrace(missing));
     QVERIFY(!m_service->section(0)->saveTrace(m_dir->path()));
-    QCOMPARE(log.texts(QtWarningMsg),
-             (QStringList{QStringLiteral("Cannot save the trace to %1: the folder %2 does not exist")
-                              .arg(missing, m_dir->filePath(QStringLiteral("no/such"))),
-                          QStringLiteral("Cannot save the trace to %1: %1 is a folder")
-                              .arg(m_dir->path())}));
+    QCOMPARE(
+        log.texts(QtWarningMsg),
+        (QStringList{
+            QStringLiteral("Cannot save the trace to %1: the folder %2 does not exist")
+                .arg(missing, m_dir->filePath(QStringLiteral("no/such"))),
+            QStringLiteral("Cannot save the trace to %1: %1 is a folder").arg(m_dir->path())}));
     QCOMPARE(log.texts().size(), 2);
     // Nothing else disturbed: the links run on and a good path still works.
     QCOMPARE(m_service->section(1)->linkState(), int(SectionInfoModel::Connected));

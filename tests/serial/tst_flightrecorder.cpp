@@ -198,7 +198,8 @@ void TestFlightRecorder::memoryPerSectionAtTheDefaultCapacityStaysUnder256KiB()
 {
     FlightRecorder recorder;
     QCOMPARE(recorder.capacity(), 4096);
-    QVERIFY2(recorder.memoryBytes() < 256 * 1024, qPrintable(QString::number(recorder.memoryBytes())));
+    QVERIFY2(recorder.memoryBytes() < 256 * 1024,
+             qPrintable(QString::number(recorder.memoryBytes())));
 }
 
 void TestFlightRecorder::snapshotWhileAnotherThreadRecordsSeesWholeEntries()

@@ -65,7 +65,8 @@ QString describe(const FlightRecorder::Record& record)
         case Kind::Event:
             break;
     }
-    QString text = QStringLiteral("event %1 %2").arg(static_cast<int>(record.event)).arg(record.value);
+    QString text =
+        QStringLiteral("event %1 %2").arg(static_cast<int>(record.event)).arg(record.value);
     if (!record.port.isEmpty() || !record.error.isEmpty()) {
         text += QStringLiteral(" %1 %2").arg(record.port, record.error);
     }
@@ -193,8 +194,9 @@ void TestSectionConnectionTrace::sentPingsAndQueuedMessagesAreRecorded()
     const QStringList entries = rig.entries();
     QVERIFY2(entries.contains(QStringLiteral("out ") + QString::fromLatin1(kPingFrame.toHex())),
              qPrintable(entries.join('\n')));
-    const QString led = QStringLiteral("out ") +
-                        QString::fromLatin1(encode(SerialMessage(MessageType::Led, 3, {1})).toHex());
+    const QString led =
+        QStringLiteral("out ") +
+        QString::fromLatin1(encode(SerialMessage(MessageType::Led, 3, {1})).toHex());
     QVERIFY2(entries.contains(led), qPrintable(entries.join('\n')));
     // The ping goes out before the queue is drained.
     QVERIFY(entries.indexOf(QStringLiteral("out 03000003")) < entries.indexOf(led));
@@ -255,7 +257,9 @@ void TestSectionConnectionTrace::bootloaderTrafficAndUpdateProgressAreRecorded()
         stateEvent(State::Updating),
         QStringLiteral("boot in 79"),
         QStringLiteral("boot out ") +
-            QString::fromLatin1(encodeBootloaderPacket(BootloaderPacket(0x31, QByteArray::fromHex("0102"))).toHex()),
+            QString::fromLatin1(
+                encodeBootloaderPacket(BootloaderPacket(0x31, QByteArray::fromHex("0102")))
+                    .toHex()),
         QStringLiteral("event %1 1").arg(progress),
         QStringLiteral("event %1 10").arg(progress),
         QStringLiteral("event %1 20").arg(progress),
@@ -277,7 +281,8 @@ void TestSectionConnectionTrace::silenceAsksForOneTracePerOutage()
     QCOMPARE(rig.link->state(), static_cast<uint8_t>(State::NoResponse));
     QCOMPARE(rig.traceRequests, std::vector<int>{State::NoResponse});
     rig.tickFor(25000);
-    QVERIFY(rig.entries().contains(QStringLiteral("event %1 0").arg(static_cast<int>(Event::Restart))));
+    QVERIFY(
+        rig.entries().contains(QStringLiteral("event %1 0").arg(static_cast<int>(Event::Restart))));
     QCOMPARE(rig.traceRequests.size(), std::size_t(1));
     // Back, then silent again: a new outage, a new trace.
     rig.line->pushData(kTouchFrame);
@@ -310,8 +315,9 @@ void TestSectionConnectionTrace::portErrorAsksForATraceOnce()
     rig.line->error = QStringLiteral("Resource temporarily unavailable");
     rig.tickFor(200);
     QCOMPARE(rig.traceRequests.size(), std::size_t(1));
-    QVERIFY(rig.entries().contains(QStringLiteral("event %1 0 /dev/ttyTEST1 Resource temporarily unavailable")
-                                       .arg(static_cast<int>(Event::PortError))));
+    QVERIFY(rig.entries().contains(
+        QStringLiteral("event %1 0 /dev/ttyTEST1 Resource temporarily unavailable")
+            .arg(static_cast<int>(Event::PortError))));
     rig.line->error = QStringLiteral("Another error");
     rig.tickFor(200);
     QCOMPARE(rig.traceRequests.size(), std::size_t(1));
@@ -326,7 +332,8 @@ void TestSectionConnectionTrace::failedUpdateAsksForATrace()
     rig.updater->notifyStateChanged();
     rig.link->failed(1);
     QCOMPARE(rig.traceRequests, std::vector<int>{State::Updating});
-    QCOMPARE(rig.entries().last(), QStringLiteral("event %1 1").arg(static_cast<int>(Event::UpdateFailed)));
+    QCOMPARE(rig.entries().last(),
+             QStringLiteral("event %1 1").arg(static_cast<int>(Event::UpdateFailed)));
 }
 
 void TestSectionConnectionTrace::healthyLinkNeverAsksForATrace()

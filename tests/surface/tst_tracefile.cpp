@@ -1,4 +1,5 @@
 // Trace files: what a saved trace holds, line by line, and how saving fails and prunes.
+#include <unistd.h>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -8,7 +9,6 @@
 #include <QTemporaryDir>
 #include <QtTest/QtTest>
 #include <memory>
-#include <unistd.h>
 
 #include "base/logger.h"
 #include "serial/flightrecorder.h"
@@ -183,8 +183,8 @@ void TestTraceFile::savingToAMissingFolderAReadOnlyPlaceOrAFolderFailsWithItsRea
     QVERIFY(QFile::setPermissions(locked, QFileDevice::ReadOwner | QFileDevice::ExeOwner));
     const QString inLocked = locked + QStringLiteral("/t.jsonl");
     const QString why = TraceFile::save(inLocked, header, {link});
-    QFile::setPermissions(locked, QFileDevice::ReadOwner | QFileDevice::WriteOwner |
-                                      QFileDevice::ExeOwner);
+    QFile::setPermissions(locked,
+                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
     if (::geteuid() != 0) {
         QVERIFY(!why.isEmpty());
         QVERIFY(QDir(locked).entryList(QDir::Files | QDir::Hidden).isEmpty());
@@ -207,11 +207,13 @@ void TestTraceFile::automaticTraceIsNamedBySectionAndUtcTime()
     const QString name = QFileInfo(path).fileName();
     QVERIFY2(name.startsWith(QStringLiteral("worksurface-trace-s2-")), qPrintable(name));
     QVERIFY2(name.endsWith(QStringLiteral("Z.jsonl")), qPrintable(name));
-    const QDateTime stamp = QDateTime::fromString(name.mid(21, 19), QStringLiteral("yyyyMMdd'T'HHmmss.zzz"));
+    const QDateTime stamp =
+        QDateTime::fromString(name.mid(21, 19), QStringLiteral("yyyyMMdd'T'HHmmss.zzz"));
     QVERIFY2(stamp.isValid(), qPrintable(name));
     QVERIFY(qAbs(QDateTime(stamp.date(), stamp.time(), Qt::UTC).msecsTo(before)) < 5000);
-    QCOMPARE(linesOf(path).mid(1),
-             QList<QByteArray>{R"({"t":0.000001,"section":2,"event":"state","state":"NoResponse"})"});
+    QCOMPARE(
+        linesOf(path).mid(1),
+        QList<QByteArray>{R"({"t":0.000001,"section":2,"event":"state","state":"NoResponse"})"});
     QCOMPARE(log.texts(QtInfoMsg),
              QStringList{QStringLiteral("Saved the trace of section 2 to %1").arg(path)});
 }
@@ -223,10 +225,11 @@ void TestTraceFile::automaticTracesArePrunedToTheNewestTwenty()
     const QString folder = m_dir->path();
     // 25 older traces of two sections, and a file of somebody else's.
     for (int i = 0; i < 25; ++i) {
-        QFile old(QDir(folder).filePath(QStringLiteral("worksurface-trace-s%1-2020010%2T0000%3.000Z.jsonl")
-                                            .arg(i % 2)
-                                            .arg(1 + i / 10)
-                                            .arg(i % 10, 2, 10, QLatin1Char('0'))));
+        QFile old(QDir(folder).filePath(
+            QStringLiteral("worksurface-trace-s%1-2020010%2T0000%3.000Z.jsonl")
+                .arg(i % 2)
+                .arg(1 + i / 10)
+                .arg(i % 10, 2, 10, QLatin1Char('0'))));
         QVERIFY(old.open(QIODevice::WriteOnly));
     }
     QFile other(QDir(folder).filePath(QStringLiteral("notes.txt")));
@@ -236,8 +239,8 @@ void TestTraceFile::automaticTracesArePrunedToTheNewestTwenty()
     auto link = std::make_shared<RecordingLink>(1, 8, QString());
     const QString path = TraceFile::saveAutomatic(folder, *m_settings, link, logger);
     QVERIFY(!path.isEmpty());
-    const QStringList traces =
-        QDir(folder).entryList({QStringLiteral("worksurface-trace-*.jsonl")}, QDir::Files, QDir::Name);
+    const QStringList traces = QDir(folder).entryList({QStringLiteral("worksurface-trace-*.jsonl")},
+                                                      QDir::Files, QDir::Name);
     QCOMPARE(traces.size(), 20);
     QVERIFY(traces.contains(QFileInfo(path).fileName()));
     // The six oldest went: 2020-01-01 00:00:00 to :05.

@@ -136,15 +136,16 @@ void tst_TraceCommand::printsFramesAsMonitorDoesWithEventsInterleaved()
         "  41.000  section 0  event  restart",
     };
     QCOMPARE(r.out, expected);
-    QCOMPARE(r.err, QStringLiteral("trace of K60 hardware surface, t = 0 at 2026-11-25T03:00:00.000Z\n"));
+    QCOMPARE(r.err,
+             QStringLiteral("trace of K60 hardware surface, t = 0 at 2026-11-25T03:00:00.000Z\n"));
 }
 
 void tst_TraceCommand::rawAddsTheFramesBytes()
 {
     const Run r = run({traceFile(), "--raw", "--type", "7"});
     QCOMPARE(r.exitCode, 0);
-    QCOMPARE(r.out.at(2),
-             QStringLiteral("  10.500  section 0  in   fader position  device 3  fader 3  position 400  [0507030190a0]"));
+    QCOMPARE(r.out.at(2), QStringLiteral("  10.500  section 0  in   fader position  device 3  "
+                                         "fader 3  position 400  [0507030190a0]"));
 }
 
 void tst_TraceCommand::sectionFilterKeepsOneSection()
@@ -180,19 +181,23 @@ void tst_TraceCommand::sinceCountsSecondsBeforeTheEnd()
     // The last entry is at 41 s: 30.5 s before it is 10.5 s.
     const Run r = run({traceFile(), "--since", "30.5", "--until", "30"});
     QCOMPARE(r.exitCode, 0);
-    QCOMPARE(r.out, QStringList({"  10.500  section 0  in   fader position  device 3  fader 3  position 400",
-                                 "  10.600  section 1  in   noise  fffe",
-                                 "  11.000  section 0  out  ping  device 0  section"}));
+    QCOMPARE(
+        r.out,
+        QStringList({"  10.500  section 0  in   fader position  device 3  fader 3  position 400",
+                     "  10.600  section 1  in   noise  fffe",
+                     "  11.000  section 0  out  ping  device 0  section"}));
 }
 
 void tst_TraceCommand::untilTakesAWallClockTime()
 {
-    const Run r = run({traceFile(), "--since", "2026-11-25T03:00:11Z", "--until",
-                       "2026-11-25T03:00:40"});
+    const Run r =
+        run({traceFile(), "--since", "2026-11-25T03:00:11Z", "--until", "2026-11-25T03:00:40"});
     QCOMPARE(r.exitCode, 0);
-    QCOMPARE(r.out, QStringList({"  11.000  section 0  out  ping  device 0  section",
-                                 "  11.500  section 1  in   bad checksum  03000004",
-                                 "  40.000  section 0  in   fader position  device 3  fader 3  position 400"}));
+    QCOMPARE(
+        r.out,
+        QStringList({"  11.000  section 0  out  ping  device 0  section",
+                     "  11.500  section 1  in   bad checksum  03000004",
+                     "  40.000  section 0  in   fader position  device 3  fader 3  position 400"}));
 }
 
 void tst_TraceCommand::jsonPassesTheHeaderAndTheFilteredLinesThrough()
@@ -249,8 +254,10 @@ void tst_TraceCommand::readsWhatThePluginWrites()
     QCOMPARE(TraceFile::save(path, TraceFile::header(settings, {link}), {link}), QString());
     const Run r = run({path});
     QCOMPARE(r.exitCode, 0);
-    QCOMPARE(r.out, QStringList({"   2.000  section 2  event  state NoResponse",
-                                 "   2.500  section 2  in   fader position  device 3  fader 3  position 400"}));
+    QCOMPARE(
+        r.out,
+        QStringList({"   2.000  section 2  event  state NoResponse",
+                     "   2.500  section 2  in   fader position  device 3  fader 3  position 400"}));
 }
 
 void tst_TraceCommand::truncatedLastLineIsNamedAfterTheEntriesBeforeIt()
@@ -295,7 +302,8 @@ void tst_TraceCommand::fileThatIsNoTraceExitsWithFour()
     const QString path = write("{\"t\":1}\n");
     const Run r = run({path});
     QCOMPARE(r.exitCode, 4);
-    QCOMPARE(r.err, QStringLiteral("worksurface-tool: %1 line 1: not a trace file header\n").arg(path));
+    QCOMPARE(r.err,
+             QStringLiteral("worksurface-tool: %1 line 1: not a trace file header\n").arg(path));
 }
 
 void tst_TraceCommand::missingFileExitsWithFour()
@@ -308,7 +316,8 @@ void tst_TraceCommand::missingFileExitsWithFour()
 void tst_TraceCommand::badFiltersAreUsageErrors()
 {
     const QString path = traceFile();
-    QCOMPARE(run({path, "--type", "teapot"}).err, QStringLiteral("worksurface-tool: bad --type: teapot\n"));
+    QCOMPARE(run({path, "--type", "teapot"}).err,
+             QStringLiteral("worksurface-tool: bad --type: teapot\n"));
     QCOMPARE(run({path, "--section", "x"}).exitCode, 1);
     QCOMPARE(run({path, "--since", "yesterday"}).exitCode, 1);
     QCOMPARE(run({}).err, QStringLiteral("worksurface-tool: trace needs one FILE\n"));
@@ -319,14 +328,16 @@ void tst_TraceCommand::helpDescribesTheOptions()
     const Run r = run({"--help"});
     QCOMPARE(r.exitCode, 0);
     const QString help = r.out.join('\n');
-    for (const char* option : {"--section", "--type", "--since", "--until", "--json", "--summary"}) {
+    for (const char* option :
+         {"--section", "--type", "--since", "--until", "--json", "--summary"}) {
         QVERIFY2(help.contains(QLatin1String(option)), option);
     }
     // The tool's own help lists the command.
     QProcess process;
     process.start(QStringLiteral(TARVIX_TOOL_PATH), {"--help"});
     QVERIFY(process.waitForFinished(kRunTimeout));
-    QVERIFY(QString::fromLocal8Bit(process.readAllStandardOutput()).contains(QStringLiteral("\n  trace ")));
+    QVERIFY(QString::fromLocal8Bit(process.readAllStandardOutput())
+                .contains(QStringLiteral("\n  trace ")));
 }
 
 QTEST_GUILESS_MAIN(tst_TraceCommand)

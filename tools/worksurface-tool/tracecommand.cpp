@@ -20,9 +20,9 @@
 #include "trafficprinter.h"
 
 using Velmora::Worksurface::MessageCatalog;
-using Velmora::Worksurface::MessageType::NoMessage;
 using Velmora::Worksurface::SerialMessage;
 using Velmora::Worksurface::TraceFile;
+using Velmora::Worksurface::MessageType::NoMessage;
 
 namespace {
 
@@ -143,15 +143,15 @@ QString eventText(const QJsonObject& o)
         text += QStringLiteral(" %1").arg(o.value(QLatin1String("state")).toString());
     } else if (event == QLatin1String("portOpen")) {
         text += QStringLiteral(" %1 %2").arg(o.value(QLatin1String("port")).toString(),
-                                            o.value(QLatin1String("opened")).toBool()
-                                                ? QStringLiteral("opened")
-                                                : QStringLiteral("failed"));
+                                             o.value(QLatin1String("opened")).toBool()
+                                                 ? QStringLiteral("opened")
+                                                 : QStringLiteral("failed"));
         if (o.contains(QLatin1String("error"))) {
             text += QStringLiteral(": %1").arg(o.value(QLatin1String("error")).toString());
         }
     } else if (event == QLatin1String("portError")) {
         text += QStringLiteral(" %1: %2").arg(o.value(QLatin1String("port")).toString(),
-                                             o.value(QLatin1String("error")).toString());
+                                              o.value(QLatin1String("error")).toString());
     } else if (event == QLatin1String("updateProgress")) {
         text += QStringLiteral(" %1 %").arg(o.value(QLatin1String("percent")).toInt());
     } else if (event == QLatin1String("updateFailed")) {
@@ -171,16 +171,18 @@ void printText(const Entry& entry, TrafficPrinter& printer, ToolOutput& output)
     const auto section = static_cast<uint8_t>(entry.section);
     const bool incoming = o.value(QLatin1String("dir")).toString() == QLatin1String("in");
     const qint64 atNs = static_cast<qint64>(entry.t * 1e9 + (entry.t < 0 ? -0.5 : 0.5));
-    const QString where = QStringLiteral("%1  section %2").arg(timeText(entry.t)).arg(entry.section);
+    const QString where =
+        QStringLiteral("%1  section %2").arg(timeText(entry.t)).arg(entry.section);
     if (o.contains(QLatin1String("event"))) {
         output.text(QStringLiteral("%1  event  %2").arg(where, eventText(o)));
         return;
     }
     if (o.contains(QLatin1String("bootloader"))) {
-        output.text(QStringLiteral("%1  %2  bootloader  %3")
-                        .arg(where, (incoming ? QStringLiteral("in") : QStringLiteral("out"))
-                                        .leftJustified(3),
-                             o.value(QLatin1String("bootloader")).toString()));
+        output.text(
+            QStringLiteral("%1  %2  bootloader  %3")
+                .arg(where,
+                     (incoming ? QStringLiteral("in") : QStringLiteral("out")).leftJustified(3),
+                     o.value(QLatin1String("bootloader")).toString()));
         return;
     }
     FrameDecoder::Event event;
@@ -210,7 +212,7 @@ void printText(const Entry& entry, TrafficPrinter& printer, ToolOutput& output)
 
 struct SectionSummary
 {
-    std::map<QString, int> framesIn;   // by type name
+    std::map<QString, int> framesIn;  // by type name
     std::map<QString, int> framesOut;
     int noiseBytes = 0;
     int badChecksums = 0;
@@ -288,10 +290,14 @@ int summary(const std::vector<Entry>& entries, const Filter& filter, ToolOutput&
             }
             states += ']';
             JsonLine line;
-            line.add("section", index).add("in", in).add("out", out).add("noiseBytes", s.noiseBytes)
+            line.add("section", index)
+                .add("in", in)
+                .add("out", out)
+                .add("noiseBytes", s.noiseBytes)
                 .add("badChecksums", s.badChecksums);
             if (s.longestGap >= 0) {
-                line.addFixed("longestGap", s.longestGap, 6).addFixed("longestGapFrom", s.gapFrom, 6);
+                line.addFixed("longestGap", s.longestGap, 6)
+                    .addFixed("longestGapFrom", s.gapFrom, 6);
             }
             line.addJson("restarts", restarts).addJson("states", states);
             output.json(line);

@@ -6,12 +6,11 @@
 #include <QFileInfo>
 #include <climits>
 
+#include "base/jsonline.h"
 #include "base/logger.h"
 #include "exitcode.h"
 #include "framedecoder.h"
-#include "tracecommand.h"
 #include "interruptwatcher.h"
-#include "base/jsonline.h"
 #include "progressbar.h"
 #include "sectionsession.h"
 #include "serial/hardwareserialconnection.h"
@@ -23,6 +22,7 @@
 #include "tasks/taskpool.h"
 #include "tooloutput.h"
 #include "toolsettings.h"
+#include "tracecommand.h"
 #include "trafficprinter.h"
 #include "updater/isectionupdaterlistener.h"
 #include "updater/sectionupdater.h"
