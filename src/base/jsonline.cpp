@@ -9,6 +9,19 @@ namespace {
 
 QByteArray quoted(const QString& text)
 {
+    // Keys, names and hex are plain printable ASCII: quoted as they are, which is what Qt's
+    // writer would make of them too, only much faster (a trace file has thousands of lines).
+    bool plain = true;
+    for (const QChar c : text) {
+        const ushort u = c.unicode();
+        if (u < 0x20 || u > 0x7e || u == '"' || u == '\\') {
+            plain = false;
+            break;
+        }
+    }
+    if (plain) {
+        return '"' + text.toLatin1() + '"';
+    }
     // Qt's writer does the escaping; the array's brackets come off again.
     const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
     return array.mid(1, array.size() - 2);

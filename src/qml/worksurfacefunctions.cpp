@@ -125,7 +125,10 @@ bool WorksurfaceFunctions::writeTrace(const QString& path, int section)
                                        : QStringLiteral("no link for section %1").arg(section)));
         return false;
     }
-    const QString why = TraceFile::save(path, TraceFile::header(*m_settings, links), links);
+    // The rings are copied now; the file is written on the trace writer thread, which logs
+    // a failure it meets there.
+    const QString why =
+        TraceFile::saveInBackground(path, TraceFile::header(*m_settings, links), links, m_logger);
     if (!why.isEmpty()) {
         m_logger->warning(QStringLiteral("Cannot save the trace to %1: %2").arg(path, why));
         return false;

@@ -40,7 +40,7 @@ std::shared_ptr<ISectionConnection> ConnectionFactory::createConnection(
         const std::shared_ptr<Logger> logger = m_logger;
         connection->setTraceHandler([link, readSettings, logger, traceDirectory]() {
             if (const auto self = link.lock()) {
-                TraceFile::saveAutomatic(traceDirectory, *readSettings, self, *logger);
+                TraceFile::saveAutomatic(traceDirectory, *readSettings, self, logger);
             }
         });
     }

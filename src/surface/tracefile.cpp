@@ -3,9 +3,13 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
+#include <QRunnable>
 #include <QSaveFile>
+#include <QThreadPool>
 #include <QtGlobal>
 #include <algorithm>
+#include <functional>
+#include <utility>
 
 #include "base/isettings.h"
 #include "base/jsonline.h"
@@ -231,8 +235,7 @@ QByteArray TraceFile::recordLine(const FlightRecorder::Record& record)
     return line.toJson();
 }
 
-QString TraceFile::save(const QString& path, const Header& header,
-                        const std::vector<std::shared_ptr<ISectionConnection>>& links)
+QString TraceFile::checkPath(const QString& path)
 {
     const QFileInfo info(path);
     if (path.isEmpty()) {
@@ -244,7 +247,12 @@ QString TraceFile::save(const QString& path, const Header& header,
     if (!info.absoluteDir().exists()) {
         return QStringLiteral("the folder %1 does not exist").arg(info.absolutePath());
     }
+    return QString();
+}
 
+std::vector<FlightRecorder::Record> TraceFile::snapshot(
+    const std::vector<std::shared_ptr<ISectionConnection>>& links)
+{
     std::vector<FlightRecorder::Record> records;
     for (const auto& link : links) {
         const auto recorder = link ? link->recorder() : nullptr;
@@ -255,6 +263,12 @@ QString TraceFile::save(const QString& path, const Header& header,
         records.insert(records.end(), std::make_move_iterator(part.begin()),
                        std::make_move_iterator(part.end()));
     }
+    return records;
+}
+
+QString TraceFile::write(const QString& path, const Header& header,
+                         std::vector<FlightRecorder::Record> records)
+{
     // Each ring is in time order already; the sections are merged keeping that order.
     std::stable_sort(records.begin(), records.end(),
                      [](const FlightRecorder::Record& a, const FlightRecorder::Record& b) {
@@ -280,9 +294,87 @@ QString TraceFile::save(const QString& path, const Header& header,
     return QString();
 }
 
+QString TraceFile::save(const QString& path, const Header& header,
+                        const std::vector<std::shared_ptr<ISectionConnection>>& links)
+{
+    const QString why = checkPath(path);
+    if (!why.isEmpty()) {
+        return why;
+    }
+    return write(path, header, snapshot(links));
+}
+
+namespace {
+
+// The one thread trace files are written on, in the order they were asked for.
+QThreadPool& writerPool()
+{
+    static QThreadPool pool;
+    static const bool once = [] {
+        pool.setMaxThreadCount(1);
+        pool.setExpiryTimeout(-1);
+        return true;
+    }();
+    Q_UNUSED(once);
+    return pool;
+}
+
+class TraceWriter : public QRunnable
+{
+public:
+    TraceWriter(std::function<void()> work) : m_work(std::move(work)) {}
+    void run() override { m_work(); }
+
+private:
+    std::function<void()> m_work;
+};
+
+}  // namespace
+
+QString TraceFile::saveInBackground(const QString& path, const Header& header,
+                                    const std::vector<std::shared_ptr<ISectionConnection>>& links,
+                                    std::shared_ptr<Logger> logger,
+                                    std::function<void(const QString&)> written)
+{
+    QString why = checkPath(path);
+    if (!why.isEmpty()) {
+        return why;
+    }
+    {
+        // Whether the file can be written at all is learnt now, from a file made and
+        // dropped again; the trace itself is written on the writer thread.
+        QSaveFile probe(path);
+        if (!probe.open(QIODevice::WriteOnly)) {
+            return probe.errorString();
+        }
+        probe.cancelWriting();
+    }
+    // The rings are copied now, as they are at the moment of the call.
+    auto records = std::make_shared<std::vector<FlightRecorder::Record>>(snapshot(links));
+    writerPool().start(new TraceWriter([path, header, records, logger, written]() {
+        const QString failure = write(path, header, std::move(*records));
+        if (!failure.isEmpty()) {
+            if (logger) {
+                logger->warning(
+                    QStringLiteral("Cannot save the trace to %1: %2").arg(path, failure));
+            }
+            return;
+        }
+        if (written) {
+            written(path);
+        }
+    }));
+    return QString();
+}
+
+void TraceFile::waitForBackgroundSaves()
+{
+    writerPool().waitForDone();
+}
+
 QString TraceFile::automaticDirectory(const ISettings& settings)
 {
-    const QString fromEnvironment = qEnvironmentVariable(kDirectoryVariable);
+    const QString fromEnvironment = QString::fromLocal8Bit(qgetenv(kDirectoryVariable));
     if (!fromEnvironment.isEmpty()) {
         return fromEnvironment;
     }
@@ -290,14 +382,15 @@ QString TraceFile::automaticDirectory(const ISettings& settings)
 }
 
 QString TraceFile::saveAutomatic(const QString& directory, const ISettings& settings,
-                                 const std::shared_ptr<ISectionConnection>& link, Logger& logger)
+                                 const std::shared_ptr<ISectionConnection>& link,
+                                 const std::shared_ptr<Logger>& logger)
 {
     const QString section = QString::number(link->sectionIndex());
     QDir dir(directory);
     if (!dir.exists() && !QDir().mkpath(directory)) {
-        logger.warning(QStringLiteral("Cannot save the trace of section %1: cannot make the "
-                                      "folder %2")
-                           .arg(section, directory));
+        logger->warning(QStringLiteral("Cannot save the trace of section %1: cannot make the "
+                                       "folder %2")
+                            .arg(section, directory));
         return QString();
     }
     const QString stamp =
@@ -308,16 +401,26 @@ QString TraceFile::saveAutomatic(const QString& directory, const ISettings& sett
     for (int n = 2; QFileInfo::exists(path); ++n) {
         path = dir.filePath(QStringLiteral("%1-%2.jsonl").arg(base).arg(n));
     }
-    const QString why = save(path, header(settings, {link}), {link});
+    const QString why = saveInBackground(
+        path, header(settings, {link}), {link}, logger,
+        [logger, directory, section](const QString& written) {
+            logger->info(
+                QStringLiteral("Saved the trace of section %1 to %2").arg(section, written));
+            prune(directory);
+        });
     if (!why.isEmpty()) {
-        logger.warning(QStringLiteral("Cannot save the trace of section %1 to %2: %3")
-                           .arg(section, path, why));
+        logger->warning(QStringLiteral("Cannot save the trace of section %1 to %2: %3")
+                            .arg(section, path, why));
         return QString();
     }
-    logger.info(QStringLiteral("Saved the trace of section %1 to %2").arg(section, path));
+    return path;
+}
 
+void TraceFile::prune(const QString& directory)
+{
     // The newest traces are kept, whichever section wrote them: the time comes after the
     // section in the name, so the names are ordered by their time part.
+    QDir dir(directory);
     QStringList traces = dir.entryList(
         {QStringLiteral("%1*.jsonl").arg(QLatin1String(kAutomaticPrefix))}, QDir::Files);
     auto timePart = [](const QString& name) { return name.section(QLatin1Char('-'), 3); };
@@ -329,7 +432,6 @@ QString TraceFile::saveAutomatic(const QString& directory, const ISettings& sett
     while (traces.size() > kKeptAutomaticTraces) {
         dir.remove(traces.takeFirst());
     }
-    return path;
 }
 
 }  // namespace Velmora::Worksurface

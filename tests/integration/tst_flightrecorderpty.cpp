@@ -23,6 +23,7 @@
 #include "support/logcapture.h"
 #include "support/manualclock.h"
 #include "support/ptysectionsimulator.h"
+#include "surface/tracefile.h"
 #include "tasks/taskpool.h"
 
 using namespace Velmora::Worksurface;
@@ -232,6 +233,7 @@ void TestFlightRecorderPty::savedTraceHoldsTheFramesNoiseHangUpAndReconnectInOrd
         (pass(), m_service->section(0)->linkState() == SectionInfoModel::Connecting), kTimeout);
     // The lost device wrote one automatic trace; the retries write no more.
     runFor(500);
+    TraceFile::waitForBackgroundSaves();
     QCOMPARE(traceFiles().size(), 1);
     const QString automatic = QDir(m_traceDir).filePath(traceFiles().first());
     QVERIFY(traceFiles().first().startsWith(QStringLiteral("worksurface-trace-s0-")));
@@ -242,10 +244,12 @@ void TestFlightRecorderPty::savedTraceHoldsTheFramesNoiseHangUpAndReconnectInOrd
     QTRY_VERIFY_WITH_TIMEOUT(
         (pass(), m_service->section(0)->linkState() == SectionInfoModel::Connected), kTimeout);
     pass();
+    TraceFile::waitForBackgroundSaves();
     QCOMPARE(traceFiles().size(), 1);
 
     const QString saved = m_dir->filePath(QStringLiteral("saved.jsonl"));
     QVERIFY(m_service->saveTrace(saved));
+    TraceFile::waitForBackgroundSaves();
     const QString firstHex = QString::fromLatin1(first.toHex());
     const QString secondHex = QString::fromLatin1(second.toHex());
     const QString thirdHex = QString::fromLatin1(third.toHex());
@@ -301,6 +305,7 @@ void TestFlightRecorderPty::aHealthyLinkWritesNoAutomaticTrace()
     }
     QTRY_COMPARE_WITH_TIMEOUT(m_service->section(0)->linkState(), int(SectionInfoModel::Connected),
                               kTimeout);
+    TraceFile::waitForBackgroundSaves();
     QVERIFY(traceFiles().isEmpty());
     QVERIFY(!QFileInfo::exists(m_traceDir));
 }
@@ -333,6 +338,8 @@ void TestFlightRecorderPty::saveTraceWithoutASurfaceOrToABadPlaceFailsWithOneWar
     // Nothing else disturbed: the links run on and a good path still works.
     QCOMPARE(m_service->section(1)->linkState(), int(SectionInfoModel::Connected));
     QVERIFY(m_service->section(1)->saveTrace(path));
+    TraceFile::waitForBackgroundSaves();
+    QCOMPARE(log.texts().size(), 2);
     QVERIFY(!entriesOf(path, 1).isEmpty());
     QVERIFY(entriesOf(path, 0).isEmpty());
 }
@@ -344,6 +351,7 @@ void TestFlightRecorderPty::capacityZeroSavesAHeaderOnly()
     startSurface();
     const QString path = m_dir->filePath(QStringLiteral("t.jsonl"));
     QVERIFY(m_service->saveTrace(path));
+    TraceFile::waitForBackgroundSaves();
     QFile file(path);
     QVERIFY(file.open(QIODevice::ReadOnly));
     const QList<QByteArray> lines = file.readAll().trimmed().split('\n');

@@ -68,6 +68,7 @@ private slots:
     void automaticTraceIsNamedBySectionAndUtcTime();
     void automaticTracesArePrunedToTheNewestTwenty();
     void environmentVariableNamesTheAutomaticFolder();
+    void backgroundSaveChecksThePathAtOnceAndWritesTheRingsAsTheyWere();
 
 private:
     std::unique_ptr<QTemporaryDir> m_dir;
@@ -197,13 +198,14 @@ void TestTraceFile::savingToAMissingFolderAReadOnlyPlaceOrAFolderFailsWithItsRea
 void TestTraceFile::automaticTraceIsNamedBySectionAndUtcTime()
 {
     LogCapture log;
-    Logger logger(m_settings);
+    auto logger = std::make_shared<Logger>(m_settings);
     auto link = std::make_shared<RecordingLink>(2, 8, QStringLiteral("/dev/ttymxc2"));
     link->ring->recordEvent(1000, Event::State, 6);
     const QString folder = m_dir->filePath(QStringLiteral("traces/new"));
     const QDateTime before = QDateTime::currentDateTimeUtc();
     const QString path = TraceFile::saveAutomatic(folder, *m_settings, link, logger);
     QVERIFY(!path.isEmpty());
+    TraceFile::waitForBackgroundSaves();
     const QString name = QFileInfo(path).fileName();
     QVERIFY2(name.startsWith(QStringLiteral("worksurface-trace-s2-")), qPrintable(name));
     QVERIFY2(name.endsWith(QStringLiteral("Z.jsonl")), qPrintable(name));
@@ -220,7 +222,7 @@ void TestTraceFile::automaticTraceIsNamedBySectionAndUtcTime()
 
 void TestTraceFile::automaticTracesArePrunedToTheNewestTwenty()
 {
-    Logger logger(m_settings);
+    auto logger = std::make_shared<Logger>(m_settings);
     LogCapture log;
     const QString folder = m_dir->path();
     // 25 older traces of two sections, and a file of somebody else's.
@@ -239,6 +241,7 @@ void TestTraceFile::automaticTracesArePrunedToTheNewestTwenty()
     auto link = std::make_shared<RecordingLink>(1, 8, QString());
     const QString path = TraceFile::saveAutomatic(folder, *m_settings, link, logger);
     QVERIFY(!path.isEmpty());
+    TraceFile::waitForBackgroundSaves();
     const QStringList traces = QDir(folder).entryList({QStringLiteral("worksurface-trace-*.jsonl")},
                                                       QDir::Files, QDir::Name);
     QCOMPARE(traces.size(), 20);
@@ -262,6 +265,33 @@ void TestTraceFile::environmentVariableNamesTheAutomaticFolder()
     qunsetenv(TraceFile::kDirectoryVariable);
     m_settings->setTraceDirectory(QString());
     QCOMPARE(TraceFile::automaticDirectory(*m_settings), QString());
+}
+
+void TestTraceFile::backgroundSaveChecksThePathAtOnceAndWritesTheRingsAsTheyWere()
+{
+    LogCapture log;
+    auto logger = std::make_shared<Logger>(m_settings);
+    auto link = std::make_shared<RecordingLink>(0, 8, QString());
+    link->ring->recordEvent(1000, Event::Restart);
+    const auto header = TraceFile::header(*m_settings, {link});
+    QCOMPARE(TraceFile::saveInBackground(m_dir->path(), header, {link}, logger),
+             QStringLiteral("%1 is a folder").arg(m_dir->path()));
+    QVERIFY(!TraceFile::saveInBackground(QStringLiteral("/proc/worksurface-trace.jsonl"), header,
+                                         {link}, logger)
+                 .isEmpty());
+
+    const QString path = m_dir->filePath(QStringLiteral("b.jsonl"));
+    QString written;
+    QCOMPARE(TraceFile::saveInBackground(path, header, {link}, logger,
+                                         [&written](const QString& file) { written = file; }),
+             QString());
+    // Recorded after the call: not in the file.
+    link->ring->recordEvent(2000, Event::Reconnect);
+    TraceFile::waitForBackgroundSaves();
+    QCOMPARE(written, path);
+    QCOMPARE(linesOf(path).mid(1),
+             QList<QByteArray>{R"({"t":0.000001,"section":0,"event":"restart"})"});
+    QVERIFY(log.texts(QtWarningMsg).isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestTraceFile)
