@@ -187,5 +187,3 @@ void BM_SnapshotThreeFullRings(benchmark::State& state)
 BENCHMARK(BM_SnapshotThreeFullRings)->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-BENCHMARK_MAIN();
