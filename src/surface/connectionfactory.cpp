@@ -1,6 +1,8 @@
 #include "surface/connectionfactory.h"
 
 #include "base/isettings.h"
+#include "base/logcategories.h"
+#include "base/logger.h"
 #include "serial/iserialconnection.h"
 #include "serial/iserialconnectionfactory.h"
 #include "serial/sectionconnection.h"
@@ -37,7 +39,8 @@ std::shared_ptr<ISectionConnection> ConnectionFactory::createConnection(
         // link only weakly.
         const std::weak_ptr<SectionConnection> link = connection;
         const std::shared_ptr<const ISettings> readSettings = settings;
-        const std::shared_ptr<Logger> logger = m_logger;
+        // The trace's log lines are the link's.
+        const std::shared_ptr<Logger> logger = m_logger->inCategory(lcLink());
         connection->setTraceHandler([link, readSettings, logger, traceDirectory]() {
             if (const auto self = link.lock()) {
                 TraceFile::saveAutomatic(traceDirectory, *readSettings, self, logger);
