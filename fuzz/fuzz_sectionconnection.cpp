@@ -5,6 +5,8 @@
 // interleave with all of that. The link must never crash or hang, its parser must never
 // hold more than one partial frame, what it keeps (tasks, queue entries) must stay bounded
 // by what the input asked for, and it must make at most one reconnection attempt per tick.
+// Its flight recorder records all along, in a ring small enough to wrap: what it gives back
+// stays within its capacity and in time order, and a trace is asked for once per outage.
 //
 // Input: a sequence of commands. Each command is one byte whose low three bits select it,
 // followed by its arguments:
@@ -97,6 +99,10 @@ extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
     return 0;
 }
 
+namespace {
+constexpr int kTraceCapacity = 64;
+}  // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
     g_clock->setNs(kStartNs);
@@ -114,8 +120,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     auto fakeUpdater = std::make_unique<FakeSectionUpdater>();
     FakeSectionUpdater* updater = fakeUpdater.get();
     RecordingStateListener listener;
+    // Recording on, with a small ring so that long inputs wrap it many times.
     auto link = std::make_shared<SectionConnection>(3, root, queue, line, pool,
-                                                    std::move(fakeUpdater), logger);
+                                                    std::move(fakeUpdater), logger, kTraceCapacity);
+    int traceRequests = 0;
+    link->setTraceHandler([&traceRequests]() { ++traceRequests; });
     line->setDataReceiver(link.get());
     link->setStateListener(&listener);
     link->setReconnectSettings(settings);
@@ -222,6 +231,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         if (queue->size() > std::size_t{MessageType::NoMessage} * 256) {
             violated("queue entries", static_cast<long long>(queue->size()));
         }
+    }
+
+    // The ring gives back at most its capacity, in time order, every entry whole.
+    const auto records = link->recorder()->snapshot(3);
+    if (records.size() > std::size_t{kTraceCapacity}) {
+        violated("trace entries", static_cast<long long>(records.size()));
+    }
+    for (std::size_t i = 1; i < records.size(); ++i) {
+        if (records[i].tUs < records[i - 1].tUs) {
+            violated("trace out of time order", static_cast<long long>(i));
+        }
+    }
+    // A trace is asked for once per outage at most: an outage takes at least one command.
+    if (static_cast<std::size_t>(traceRequests) > commands + 1) {
+        violated("trace requests", traceRequests);
     }
 
     line->setDataReceiver(nullptr);

@@ -5,7 +5,8 @@
 // Task passes and clock jumps are interleaved with the bytes, and so are the operations the
 // QML side drives (brightness, rest mode, calibration, start and stop, handles taken and
 // used). Nothing may crash, hang or leave the link in a state outside its machine, and the
-// pool's tasks must stay bounded by what the input asked for.
+// pool's tasks must stay bounded by what the input asked for. Every link records all along,
+// and at the end every record of every ring must become one line of a trace file.
 //
 // Input: a sequence of commands. Each command is one byte whose low three bits select it:
 //   0..2  a chunk of 1..32 bytes for section 0..2 (length from the command's high bits)
@@ -36,6 +37,7 @@
 
 #include "base/logger.h"
 #include "qml/sectioninfomodel.h"
+#include "serial/flightrecorder.h"
 #include "serial/isectionconnection.h"
 #include "support/fakesectioninfoprovider.h"
 #include "support/fakeserialconnection.h"
@@ -59,6 +61,7 @@
 #include "surface/sectionfactory.h"
 #include "surface/surface.h"
 #include "surface/surfacebuilder.h"
+#include "surface/tracefile.h"
 #include "tasks/taskpool.h"
 
 using namespace Velmora::Worksurface;
@@ -266,6 +269,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         provider.set(static_cast<uint8_t>(model.index()), &model);
     }
 
+    // Every link records, into rings small enough to wrap on long inputs.
+    settings->setTraceCapacity(256);
     std::shared_ptr<Surface> surface;
     std::shared_ptr<FakeSerialConnectionFactory::Record> lines;
     {
@@ -338,6 +343,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         // What reached the lines is not needed; keep memory flat on long inputs.
         for (const auto& made : *lines) {
             made.line->clearRecords();
+        }
+    }
+
+    // Whatever the sections sent, their traces can be written: every record becomes one
+    // line of a trace file.
+    for (const auto& connection : surface->connections()) {
+        const auto recorder = connection->recorder();
+        if (!recorder) {
+            violated("link without a recorder", connection->sectionIndex());
+        }
+        for (const auto& record : recorder->snapshot(connection->sectionIndex())) {
+            const QByteArray line = TraceFile::recordLine(record);
+            if (line.isEmpty() || line.contains('\n')) {
+                violated("trace line", line.size());
+            }
         }
     }
 

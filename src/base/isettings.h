@@ -47,6 +47,15 @@ public:
     virtual int reconnectInterval() const = 0;
     // Negative values are taken as 0.
     virtual void setReconnectInterval(int intervalMs) = 0;
+    // Entries each section link's flight recorder keeps (0: the links record nothing).
+    // Read when the surface is built.
+    virtual int traceCapacity() const = 0;
+    // Negative values are taken as 0.
+    virtual void setTraceCapacity(int capacity) = 0;
+    // The folder a failing link saves its trace into; empty: none is saved by itself.
+    // Read when the surface is built.
+    virtual QString traceDirectory() const = 0;
+    virtual void setTraceDirectory(const QString& directory) = 0;
 };
 
 }  // namespace Velmora::Worksurface

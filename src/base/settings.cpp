@@ -144,4 +144,26 @@ void Settings::setReconnectInterval(int intervalMs)
     m_reconnectInterval.store(intervalMs < 0 ? 0 : intervalMs);
 }
 
+int Settings::traceCapacity() const
+{
+    return m_traceCapacity.load();
+}
+
+void Settings::setTraceCapacity(int capacity)
+{
+    m_traceCapacity.store(capacity < 0 ? 0 : capacity);
+}
+
+QString Settings::traceDirectory() const
+{
+    std::lock_guard<std::mutex> lock(m_traceMutex);
+    return m_traceDirectory;
+}
+
+void Settings::setTraceDirectory(const QString& directory)
+{
+    std::lock_guard<std::mutex> lock(m_traceMutex);
+    m_traceDirectory = directory;
+}
+
 }  // namespace Velmora::Worksurface

@@ -3,6 +3,7 @@
 #include <QString>
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 #include "base/isettings.h"
 
@@ -32,6 +33,10 @@ public:
     QString firmwarePath() const override;
     int reconnectInterval() const override;
     void setReconnectInterval(int intervalMs) override;
+    int traceCapacity() const override;
+    void setTraceCapacity(int capacity) override;
+    QString traceDirectory() const override;
+    void setTraceDirectory(const QString& directory) override;
 
 private:
     // A surface started before QML chooses a model has no sections: hardware, no model,
@@ -41,6 +46,10 @@ private:
     uint8_t m_debugEnabled = 1;
     // Read by every link's supervision pass, written from QML.
     std::atomic<int> m_reconnectInterval{0};
+    // Written from QML, read when the surface is built (on the surface thread).
+    std::atomic<int> m_traceCapacity{4096};
+    mutable std::mutex m_traceMutex;
+    QString m_traceDirectory;
 };
 
 }  // namespace Velmora::Worksurface

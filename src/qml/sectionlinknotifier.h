@@ -1,6 +1,9 @@
 #pragma once
 
 #include <QObject>
+#include <QString>
+#include <functional>
+#include <utility>
 
 // The change signals of a section's link as QML sees it on Surface.section(i): its state,
 // its serial device and why the device failed, and how the last firmware update ended.
@@ -15,6 +18,19 @@ class SectionLinkNotifier : public QObject
 public:
     explicit SectionLinkNotifier(QObject* parent = nullptr) : QObject(parent) {}
 
+    // Writes this section's flight recorder to a trace file: true once written; false, with
+    // one warning naming the reason, when it cannot be written or the section has no link.
+    Q_INVOKABLE bool saveTrace(const QString& path)
+    {
+        return m_traceSaver ? m_traceSaver(path) : false;
+    }
+
+    // Set by the surface service, which knows the section's link.
+    void setTraceSaver(std::function<bool(const QString&)> saver)
+    {
+        m_traceSaver = std::move(saver);
+    }
+
 signals:
     void linkStateChanged();
     void portNameChanged();
@@ -24,4 +40,7 @@ signals:
     // unreadable, 1 the bootloader kept refusing a packet, 2 the bootloader reported an
     // error status.
     void updateFailed(int reason);
+
+private:
+    std::function<bool(const QString&)> m_traceSaver;
 };

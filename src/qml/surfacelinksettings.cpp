@@ -25,3 +25,34 @@ void SurfaceLinkSettings::setReconnectInterval(int intervalMs)
         emit reconnectIntervalChanged();
     }
 }
+
+int SurfaceLinkSettings::traceCapacity() const
+{
+    return m_linkSettings ? m_linkSettings->traceCapacity() : 0;
+}
+
+void SurfaceLinkSettings::setTraceCapacity(int capacity)
+{
+    if (!m_linkSettings) {
+        return;
+    }
+    const int previous = m_linkSettings->traceCapacity();
+    m_linkSettings->setTraceCapacity(capacity);
+    if (m_linkSettings->traceCapacity() != previous) {
+        emit traceCapacityChanged();
+    }
+}
+
+QString SurfaceLinkSettings::traceDirectory() const
+{
+    return m_linkSettings ? m_linkSettings->traceDirectory() : QString();
+}
+
+void SurfaceLinkSettings::setTraceDirectory(const QString& directory)
+{
+    if (!m_linkSettings || m_linkSettings->traceDirectory() == directory) {
+        return;
+    }
+    m_linkSettings->setTraceDirectory(directory);
+    emit traceDirectoryChanged();
+}

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QObject>
+#include <QString>
 #include <memory>
 
 namespace Velmora::Worksurface {
@@ -8,9 +9,9 @@ class ISettings;
 }
 
 // The link part of Surface.settings: whether and how often the sections' links come back
-// by themselves. Like the rest of the settings it keeps no value of its own: it reads and
-// writes the shared settings, which every link's supervision reads on each pass, so a
-// change applies to the running links at once.
+// by themselves, and what their flight recorders keep and where a failing link saves it. Like the
+// rest of the settings it keeps no value of its own: it reads and writes the shared settings, which
+// every link's supervision reads on each pass, so a change applies to the running links at once.
 //
 // A base of SurfaceSettings, so that SurfaceSettings' own properties and signals stay the
 // ones it has always declared, in their order.
@@ -19,6 +20,10 @@ class SurfaceLinkSettings : public QObject
     Q_OBJECT
     Q_PROPERTY(int reconnectInterval READ reconnectInterval WRITE setReconnectInterval NOTIFY
                    reconnectIntervalChanged)
+    Q_PROPERTY(
+        int traceCapacity READ traceCapacity WRITE setTraceCapacity NOTIFY traceCapacityChanged)
+    Q_PROPERTY(QString traceDirectory READ traceDirectory WRITE setTraceDirectory NOTIFY
+                   traceDirectoryChanged)
 
 public:
     explicit SurfaceLinkSettings(std::shared_ptr<Velmora::Worksurface::ISettings> settings,
@@ -28,9 +33,19 @@ public:
     int reconnectInterval() const;
     // Negative values are taken as 0.
     void setReconnectInterval(int intervalMs);
+    // Entries each section's flight recorder keeps, read at connect(); 4,096 by default,
+    // 0 records nothing. Negative values are taken as 0.
+    int traceCapacity() const;
+    void setTraceCapacity(int capacity);
+    // The folder where a failing link saves its trace by itself, read at connect(); empty
+    // (the default): none is saved. TARVIX_WORKSURFACE_TRACE_DIR, when set, takes its place.
+    QString traceDirectory() const;
+    void setTraceDirectory(const QString& directory);
 
 signals:
     void reconnectIntervalChanged();
+    void traceCapacityChanged();
+    void traceDirectoryChanged();
 
 private:
     std::shared_ptr<Velmora::Worksurface::ISettings> m_linkSettings;

@@ -6,6 +6,7 @@
 #include "base/logcategories.h"
 #include "base/logger.h"
 #include "base/settings.h"
+#include "serial/isectionconnection.h"
 #include "serial/serialconnectionfactory.h"
 #include "software/qmlcontrollerconnection.h"
 #include "surface/componentfactory.h"
@@ -14,12 +15,13 @@
 #include "surface/sectionfactory.h"
 #include "surface/surface.h"
 #include "surface/surfacebuilder.h"
+#include "surface/tracefile.h"
 #include "tasks/taskpool.h"
 
 using namespace Velmora::Worksurface;
 
 WorksurfaceFunctions::WorksurfaceFunctions()
-    : QObject(nullptr),
+    : SurfaceTraceSaver(nullptr),
       QQmlParserStatus(),
       m_thread(),
       m_settings(std::make_shared<Settings>()),
@@ -33,6 +35,9 @@ WorksurfaceFunctions::WorksurfaceFunctions()
     // model does not have.
     for (std::size_t i = 0; i < m_sectionInfos.size(); ++i) {
         m_sectionInfos[i] = new SectionInfoModel(static_cast<int>(i), this);
+        const int section = static_cast<int>(i);
+        m_sectionInfos[i]->setTraceSaver(
+            [this, section](const QString& path) { return writeTrace(path, section); });
     }
 
     QObject::connect(m_surfaceSettings, &SurfaceSettings::masterSectionIndexChanged, this,
@@ -100,6 +105,36 @@ void WorksurfaceFunctions::connect()
     // handed bytes by the simulated sections any more.
     m_controllerConnection->clearDataReceivers();
     m_thread.start(QThread::InheritPriority);
+}
+
+bool WorksurfaceFunctions::writeTrace(const QString& path, int section)
+{
+    using Velmora::Worksurface::ISectionConnection;
+    using Velmora::Worksurface::TraceFile;
+    std::vector<std::shared_ptr<ISectionConnection>> links;
+    if (Velmora::Worksurface::ISurface* current = m_connection->surface()) {
+        for (const auto& link : current->sectionLinks()) {
+            if (link && (section < 0 || link->sectionIndex() == section)) {
+                links.push_back(link);
+            }
+        }
+    }
+    if (links.empty()) {
+        m_logger->warning(
+            QStringLiteral("Cannot save the trace to %1: %2")
+                .arg(path, section < 0 ? QStringLiteral("no surface")
+                                       : QStringLiteral("no link for section %1").arg(section)));
+        return false;
+    }
+    // The rings are copied now; the file is written on the trace writer thread, which logs
+    // a failure it meets there.
+    const QString why =
+        TraceFile::saveInBackground(path, TraceFile::header(*m_settings, links), links, m_logger);
+    if (!why.isEmpty()) {
+        m_logger->warning(QStringLiteral("Cannot save the trace to %1: %2").arg(path, why));
+        return false;
+    }
+    return true;
 }
 
 void WorksurfaceFunctions::calibrate()

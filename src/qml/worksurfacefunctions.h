@@ -12,6 +12,7 @@
 #include "qml/fadersettings.h"
 #include "qml/sectioninfomodel.h"
 #include "qml/surfacesettings.h"
+#include "qml/surfacetracesaver.h"
 
 class QJSEngine;
 class QQmlEngine;
@@ -28,7 +29,7 @@ class TaskPool;
 // built surface is handed to `connection`, which owns it and tells the bindings. The thread
 // story is in docs/architecture.md, the steps of connect() and of teardown in
 // docs/surface-service.md.
-class WorksurfaceFunctions : public QObject,
+class WorksurfaceFunctions : public SurfaceTraceSaver,
                              public QQmlParserStatus,
                              public Velmora::Worksurface::ISectionInfoProvider
 {
@@ -96,6 +97,10 @@ private slots:
     void onStartSurfaceThread();
     void onStopSurfaceThread();
     void setFaderRestMode();
+
+protected:
+    // SurfaceTraceSaver; also what Surface.section(i).saveTrace(path) calls.
+    bool writeTrace(const QString& path, int section) override;
 
 private:
     void stopSurfaceThread();

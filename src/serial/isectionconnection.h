@@ -1,11 +1,14 @@
 #pragma once
 
+#include <QString>
 #include <cstdint>
+#include <memory>
 
 #include "serial/serialmessage.h"
 
 namespace Velmora::Worksurface {
 
+class FlightRecorder;
 class ISectionStateListener;
 
 // One section's link supervisor.
@@ -33,6 +36,10 @@ public:
     virtual void stopCalibration() = 0;
     virtual void enqueueMessage(const SerialMessage& message) = 0;
     virtual void setStateListener(ISectionStateListener* listener) = 0;
+    // The link's flight recorder; null for a link that keeps none.
+    virtual std::shared_ptr<FlightRecorder> recorder() const { return nullptr; }
+    // The serial device the link uses; empty when it has none.
+    virtual QString portName() const { return QString(); }
 };
 
 }  // namespace Velmora::Worksurface

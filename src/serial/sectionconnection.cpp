@@ -12,6 +12,7 @@
 #include "serial/iserialmessagequeue.h"
 #include "tasks/itaskpool.h"
 #include "tasks/monotonicclock.h"
+#include "updater/bootloaderpacket.h"
 #include "updater/isectionupdater.h"
 
 namespace Velmora::Worksurface {
@@ -33,14 +34,15 @@ SectionConnection::SectionConnection(uint8_t sectionIndex,
                                      std::shared_ptr<ISerialConnection> connection,
                                      std::shared_ptr<ITaskPool> taskPool,
                                      std::unique_ptr<ISectionUpdater> updater,
-                                     std::shared_ptr<Logger> logger)
+                                     std::shared_ptr<Logger> logger, int traceCapacity)
     : m_sectionIndex(sectionIndex),
       m_rootHandler(std::move(rootHandler)),
       m_queue(std::move(queue)),
       m_connection(std::move(connection)),
       m_updater(std::move(updater)),
       m_logger(logger ? logger->inCategory(lcLink()) : nullptr),
-      m_taskPool(std::move(taskPool))
+      m_taskPool(std::move(taskPool)),
+      m_recorder(std::make_shared<FlightRecorder>(traceCapacity))
 {}
 
 SectionConnection::~SectionConnection() = default;
@@ -72,6 +74,7 @@ bool SectionConnection::setStateLocked(uint8_t state)
         m_lastReceiveNs = MonotonicClock::nowNs() + kGracePeriodMs * kNsPerMs;
     }
     m_state.store(state);
+    m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::State, state);
     // Told once the mutex is released (tellListener), in the order the changes happened.
     m_pendingStates.push_back(state);
     return true;
@@ -105,11 +108,44 @@ void SectionConnection::tellListener()
         if (m_stateListener) {
             m_stateListener->sectionStateChanged(m_sectionIndex, state);
         }
+        if (state == Connected) {
+            m_traceSaved = false;
+        } else if (state == SerialError || state == NoResponse) {
+            failureForTrace();
+        }
+    }
+}
+
+QString SectionConnection::portName() const
+{
+    return m_connection->portName();
+}
+
+void SectionConnection::setTraceHandler(std::function<void()> handler)
+{
+    m_traceHandler = std::move(handler);
+}
+
+void SectionConnection::failureForTrace()
+{
+    if (m_traceSaved || !m_traceHandler) {
+        return;
+    }
+    m_traceSaved = true;
+    m_traceHandler();
+}
+
+void SectionConnection::recordSent(const SerialMessage& message)
+{
+    if (m_recorder->capacity() > 0) {
+        m_recorder->record(MonotonicClock::nowNs(), FlightRecorder::Kind::FrameOut,
+                           encode(message));
     }
 }
 
 void SectionConnection::sendDirect(const SerialMessage& message)
 {
+    recordSent(message);
     m_connection->sendMessage(message);
     m_connection->flush();
 }
@@ -130,6 +166,9 @@ void SectionConnection::open()
     // Half a frame from before a restart must not be glued to the first bytes after it.
     clear();
     m_connection->open();
+    m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::PortOpen,
+                            m_connection->isOpen() ? 1 : 0, m_connection->portName(),
+                            m_connection->portError());
     // The listener hears of Connecting before the updater starts, as it always has; it is
     // only no longer called with the mutex held.
     setState(Connecting);
@@ -158,6 +197,7 @@ void SectionConnection::startCalibration()
             return;
         }
     }
+    m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::CalibrationStart);
     // The listener hears of Calibrating before the section is told, as it always has; it is
     // only no longer called with the mutex held.
     tellListener();
@@ -186,15 +226,30 @@ void SectionConnection::dataReceived(const QByteArray& data)
 {
     TARVIX_ASSERT_THREAD(m_affinity);
     // Any bytes at all, even garbage, show that the section is alive.
+    const int64_t now = MonotonicClock::nowNs();
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_lastReceiveNs = MonotonicClock::nowNs();
+        m_lastReceiveNs = now;
     }
+    m_receivedNs = now;
     if (m_updater->isActive()) {
+        m_recorder->record(now, FlightRecorder::Kind::BootloaderIn, data);
         m_updater->dataReceived(data);
         return;
     }
     parse(data);
+}
+
+void SectionConnection::bytesJudged(Verdict verdict, const char* bytes, int size)
+{
+    FlightRecorder::Kind kind = FlightRecorder::Kind::FrameIn;
+    if (verdict == Verdict::BadChecksum) {
+        kind = FlightRecorder::Kind::BadChecksum;
+    } else if (verdict == Verdict::Noise) {
+        kind = FlightRecorder::Kind::Noise;
+    }
+    // Every frame of a chunk carries the chunk's arrival time: no clock read per frame.
+    m_recorder->record(m_receivedNs, kind, bytes, size);
 }
 
 void SectionConnection::messageReceived(const SerialMessage& message)
@@ -228,6 +283,7 @@ void SectionConnection::handleLinkMessage(const SerialMessage& message)
             return;
         case MessageType::Calibration:
             m_logger->info(QStringLiteral("Calibration of section %1 done.").arg(section));
+            m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::CalibrationEnd);
             setState(Connected);
             m_rootHandler->setLinkReady(true);
             return;
@@ -316,6 +372,7 @@ void SectionConnection::run()
             }
             const SerialMessage message = m_queue->takeNextMessage();
             if (message.isValid()) {
+                recordSent(message);
                 m_connection->sendMessage(message);
             }
         }
@@ -335,6 +392,7 @@ void SectionConnection::run()
         m_logger->warning(QStringLiteral("Section %1 has not received response in long time. "
                                          "Restart the connection...")
                               .arg(number(m_sectionIndex)));
+        m_recorder->recordEvent(now, FlightRecorder::Event::Restart);
         close();
         open();
     }
@@ -355,6 +413,13 @@ void SectionConnection::updaterStateChanged()
 
 void SectionConnection::updateProgress(uint8_t percent)
 {
+    // Every 10 %, not every packet's step.
+    const int tenth = percent / 10;
+    if (tenth > m_tracedProgress) {
+        m_tracedProgress = tenth;
+        m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::UpdateProgress,
+                                percent);
+    }
     if (m_stateListener) {
         m_stateListener->sectionUpdateProgress(m_sectionIndex, percent);
     }
@@ -362,6 +427,10 @@ void SectionConnection::updateProgress(uint8_t percent)
 
 void SectionConnection::sendBootloaderPacket(const BootloaderPacket& packet)
 {
+    if (m_recorder->capacity() > 0) {
+        m_recorder->record(MonotonicClock::nowNs(), FlightRecorder::Kind::BootloaderOut,
+                           encodeBootloaderPacket(packet));
+    }
     m_connection->writeRaw(packet);
 }
 
@@ -370,9 +439,11 @@ void SectionConnection::failed(int reason)
     // The updater has already reset the section and logged why; the link recovers through
     // the usual state machine. QML learns why.
     m_updateFailed = true;
+    m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::UpdateFailed, reason);
     if (m_stateListener) {
         m_stateListener->sectionUpdateResult(m_sectionIndex, reason);
     }
+    failureForTrace();
 }
 
 void SectionConnection::trackUpdateResult()
@@ -381,8 +452,13 @@ void SectionConnection::trackUpdateResult()
     if (updating && !m_updateRunning) {
         m_updateRunning = true;
         m_updateFailed = false;
+        m_tracedProgress = -1;
+        m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::UpdateStart);
     } else if (!updating && m_updateRunning) {
         m_updateRunning = false;
+        if (!m_updateFailed) {
+            m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::UpdateEnd);
+        }
         if (!m_updateFailed && m_stateListener) {
             m_stateListener->sectionUpdateResult(m_sectionIndex, -1);
         }
@@ -404,8 +480,16 @@ void SectionConnection::reportPort()
     m_portReported = true;
     m_reportedPortName = name;
     m_reportedPortError = error;
+    if (!error.isEmpty()) {
+        m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::PortError, 0, name,
+                                error);
+    }
     if (m_stateListener) {
         m_stateListener->sectionPortChanged(m_sectionIndex, name, error);
+    }
+    if (!error.isEmpty()) {
+        // The device went away (or would not open): the link has failed.
+        failureForTrace();
     }
 }
 
@@ -467,6 +551,7 @@ void SectionConnection::superviseReconnect(int64_t nowNs)
 void SectionConnection::reopenLink(int64_t nowNs)
 {
     ++m_reconnectAttempts;
+    m_recorder->recordEvent(nowNs, FlightRecorder::Event::Reconnect);
     m_attemptNs = nowNs;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -476,6 +561,9 @@ void SectionConnection::reopenLink(int64_t nowNs)
         clear();
         m_connection->reopen();
     }
+    m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::PortOpen,
+                            m_connection->isOpen() ? 1 : 0, m_connection->portName(),
+                            m_connection->portError());
     reportPort();
     // Probes the section's bootloader again; its answer, or the section's first message,
     // brings the link up as after open().

@@ -5,9 +5,11 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 
+#include "serial/flightrecorder.h"
 #include "serial/isectionconnection.h"
 #include "serial/iserialdatareceiver.h"
 #include "serial/serialmessageparser.h"
@@ -55,6 +57,12 @@ class Logger;
 // stopCalibration() from sectionStateChanged (a QML handler on isCalibratingChanged that
 // calibrates), and the one lock order is the task pool's before the link's (a pass runs
 // under the pool's lock). The listener hears of every change synchronously, in order.
+//
+// Flight recorder: every frame in both directions (with the parser's verdict), every
+// bootloader packet and the link's events go into the link's FlightRecorder, written only
+// from the link's thread. When the link fails (SerialError, NoResponse, a port error, a
+// failed update) the trace handler, if any, is called once per outage, so the owner can
+// save the ring; the link must be Connected again before it is called again.
 class SectionConnection : public SerialMessageParser,
                           public ISectionConnection,
                           public ISerialDataReceiver,
@@ -78,7 +86,8 @@ public:
                       std::shared_ptr<ISerialMessageQueue> queue,
                       std::shared_ptr<ISerialConnection> connection,
                       std::shared_ptr<ITaskPool> taskPool, std::unique_ptr<ISectionUpdater> updater,
-                      std::shared_ptr<Logger> logger);
+                      std::shared_ptr<Logger> logger,
+                      int traceCapacity = FlightRecorder::kDefaultCapacity);
     ~SectionConnection() override;
 
     SectionConnection(const SectionConnection&) = delete;
@@ -105,6 +114,13 @@ public:
     // Where the task reads the reconnect interval, on every pass (so a change applies to a
     // running link at once). Without settings the link does not reconnect by itself.
     void setReconnectSettings(std::shared_ptr<const ISettings> settings);
+    // Never null; its capacity may be 0.
+    std::shared_ptr<FlightRecorder> recorder() const override { return m_recorder; }
+    QString portName() const override;
+    // Called on the link's thread, without any lock held, when the link fails: the first
+    // SerialError or NoResponse, port error or failed update of an outage.
+    void setTraceHandler(std::function<void()> handler);
+
     // Reconnection attempts made so far (diagnostics and tests).
     uint64_t reconnectAttempts() const { return m_reconnectAttempts; }
 
@@ -124,6 +140,7 @@ protected:
     // SerialMessageParser
     void messageReceived(const SerialMessage& message) override;
     void badDataReceived(const QByteArray& data) override;
+    void bytesJudged(Verdict verdict, const char* bytes, int size) override;
 
 private:
     // Records a change of state, to be told by tellListener(); returns whether it changed.
@@ -145,6 +162,10 @@ private:
     void reopenLink(int64_t nowNs);
     // Notes the start and the end of a firmware update, telling the listener of a success.
     void trackUpdateResult();
+    // Records a frame written to the line.
+    void recordSent(const SerialMessage& message);
+    // Calls the trace handler unless it was called since the link was last Connected.
+    void failureForTrace();
 
     const uint8_t m_sectionIndex;
     const ThreadAffinity m_affinity;
@@ -177,6 +198,13 @@ private:
     bool m_updateRunning = false;
     bool m_updateFailed = false;
     std::deque<uint8_t> m_pendingStates;
+
+    // Flight recorder, all on the link's thread.
+    const std::shared_ptr<FlightRecorder> m_recorder;
+    std::function<void()> m_traceHandler;
+    int64_t m_receivedNs = 0;   // when the chunk being parsed arrived
+    bool m_traceSaved = false;  // the handler was called in this outage
+    int m_tracedProgress = -1;  // the last tenth of the update's progress recorded
 };
 
 }  // namespace Velmora::Worksurface

@@ -21,6 +21,8 @@ void SerialMessageParser::parse(const QByteArray& data)
     auto closeBadRun = [&]() {
         if (badRunStart >= 0) {
             bad.append(m_pending.constData() + badRunStart, m_consumed - badRunStart);
+            bytesJudged(Verdict::Noise, m_pending.constData() + badRunStart,
+                        m_consumed - badRunStart);
             badRunStart = -1;
         }
     };
@@ -51,6 +53,11 @@ void SerialMessageParser::parse(const QByteArray& data)
             // Resynchronise on the very next byte: a valid frame may start inside this one.
             if (badRunStart < 0) {
                 badRunStart = m_consumed;
+                if (size >= kMinimumFrameSize && size <= kMaximumFrameSize && size <= available &&
+                    frame[1] < MessageType::NoMessage) {
+                    // Only the checksum failed: most likely a frame mangled on the line.
+                    bytesJudged(Verdict::BadChecksum, reinterpret_cast<const char*>(frame), size);
+                }
             }
             ++m_consumed;
             continue;
@@ -60,6 +67,7 @@ void SerialMessageParser::parse(const QByteArray& data)
         SerialMessage message(type, frame[2], std::vector<uint8_t>(frame + 3, frame + size - 1),
                               type == MessageType::Echo);
         closeBadRun();
+        bytesJudged(Verdict::Frame, reinterpret_cast<const char*>(frame), size);
         m_consumed += size;
         // The owner may clear the parser or feed it more data from inside the callback;
         // everything the loop needs is read again from the members afterwards.

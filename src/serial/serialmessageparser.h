@@ -26,6 +26,23 @@ public:
     QByteArray pending() const;
 
 protected:
+    // What the parser made of received bytes, for a flight recorder.
+    enum class Verdict
+    {
+        Frame,        // a frame, just before messageReceived() gets it
+        BadChecksum,  // what looked like a frame but failed its checksum; its bytes are
+                      // then skipped byte by byte and also reported as Noise
+        Noise,        // one run of skipped bytes, in stream order among the frames
+    };
+    // Called for each verdict in stream order with the bytes it concerns; must not feed or
+    // clear the parser. Does nothing unless an owner records.
+    virtual void bytesJudged(Verdict verdict, const char* bytes, int size)
+    {
+        Q_UNUSED(verdict);
+        Q_UNUSED(bytes);
+        Q_UNUSED(size);
+    }
+
     virtual void messageReceived(const SerialMessage& message) = 0;
     // At most once per parse() call, with every byte discarded in that call.
     virtual void badDataReceived(const QByteArray& data) = 0;

@@ -1,8 +1,12 @@
 #include "surface/connectionfactory.h"
 
+#include "base/isettings.h"
+#include "base/logcategories.h"
+#include "base/logger.h"
 #include "serial/iserialconnection.h"
 #include "serial/iserialconnectionfactory.h"
 #include "serial/sectionconnection.h"
+#include "surface/tracefile.h"
 #include "updater/sectionupdater.h"
 
 namespace Velmora::Worksurface {
@@ -23,10 +27,26 @@ std::shared_ptr<ISectionConnection> ConnectionFactory::createConnection(
 {
     auto updater = std::make_unique<SectionUpdater>(m_taskPool, settings, m_logger);
     auto serial = m_serialFactory->createSerialConnection(sectionIndex, settings);
-    auto connection = std::make_shared<SectionConnection>(sectionIndex, rootHandler, queue, serial,
-                                                          m_taskPool, std::move(updater), m_logger);
+    // The recorder's ring is sized once, here, when connect() builds the surface.
+    auto connection = std::make_shared<SectionConnection>(
+        sectionIndex, rootHandler, queue, serial, m_taskPool, std::move(updater), m_logger,
+        settings ? settings->traceCapacity() : FlightRecorder::kDefaultCapacity);
     serial->setDataReceiver(connection.get());
     connection->setReconnectSettings(settings);
+    const QString traceDirectory = settings ? TraceFile::automaticDirectory(*settings) : QString();
+    if (!traceDirectory.isEmpty() && m_logger) {
+        // A failing link saves its own ring. The link holds this handler, so it holds its
+        // link only weakly.
+        const std::weak_ptr<SectionConnection> link = connection;
+        const std::shared_ptr<const ISettings> readSettings = settings;
+        // The trace's log lines are the link's.
+        const std::shared_ptr<Logger> logger = m_logger->inCategory(lcLink());
+        connection->setTraceHandler([link, readSettings, logger, traceDirectory]() {
+            if (const auto self = link.lock()) {
+                TraceFile::saveAutomatic(traceDirectory, *readSettings, self, logger);
+            }
+        });
+    }
     return connection;
 }
 

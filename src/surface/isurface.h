@@ -3,12 +3,14 @@
 #include <QObject>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "base/faderrestmode.h"
 
 namespace Velmora::Worksurface {
 
 class IFader;
+class ISectionConnection;
 class IButton;
 class IRotary;
 class ILed;
@@ -33,6 +35,8 @@ public:
     virtual void start() = 0;
     virtual void stop() = 0;
     virtual void setFaderRestMode(RestMode mode) = 0;
+    // The sections' links, by section index (for saving their flight recorders).
+    virtual std::vector<std::shared_ptr<ISectionConnection>> sectionLinks() const { return {}; }
     virtual std::shared_ptr<IMeter> meter(int32_t type, int section) const = 0;
     virtual std::shared_ptr<IPot> pot(int32_t type, int section) const = 0;
     virtual std::shared_ptr<IRotary> rotary(int32_t type, int section, int index) const = 0;

@@ -28,6 +28,10 @@ public:
     void setSurfaceOverBrightness(uint8_t brightness) override;
     void start() override;
     void stop() override;
+    std::vector<std::shared_ptr<ISectionConnection>> sectionLinks() const override
+    {
+        return m_connections;
+    }
     void setFaderRestMode(RestMode mode) override;
     std::shared_ptr<IMeter> meter(int32_t type, int section) const override;
     std::shared_ptr<IPot> pot(int32_t type, int section) const override;

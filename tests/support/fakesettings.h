@@ -31,6 +31,10 @@ public:
     {
         m_reconnectInterval = intervalMs < 0 ? 0 : intervalMs;
     }
+    int traceCapacity() const override { return m_traceCapacity; }
+    void setTraceCapacity(int capacity) override { m_traceCapacity = capacity < 0 ? 0 : capacity; }
+    QString traceDirectory() const override { return m_traceDirectory; }
+    void setTraceDirectory(const QString& directory) override { m_traceDirectory = directory; }
 
     void setMaxResendCount(uint8_t count) { m_maxResendCount = count; }
     void setSectionCount(uint8_t count) { m_sectionCount = count; }
@@ -55,4 +59,6 @@ private:
     std::map<uint8_t, QString> m_portNames;
     QString m_firmwarePath;
     int m_reconnectInterval = 0;
+    int m_traceCapacity = 4096;
+    QString m_traceDirectory;
 };

@@ -9,7 +9,8 @@ enum : int
     Usage = 1,             // bad command line
     PortError = 2,         // a port could not be opened
     NoAnswer = 3,          // a section did not answer in time
-    FileError = 4,         // the firmware file (decode: the capture) is missing or unreadable
+    FileError = 4,         // the firmware file (decode: the capture, trace: the trace) is missing,
+                           // unreadable (trace: or malformed)
     ResendsExhausted = 5,  // the bootloader kept refusing a packet during an update
     BootloaderError = 6,   // the bootloader reported an error status
     NotInBootloader = 7,   // flash found a section running its application

@@ -2,10 +2,10 @@
 
 #include "base/isettings.h"
 #include "base/logger.h"
-#include "messagecatalog.h"
 #include "serial/hardwareserialconnection.h"
 #include "serial/rootserialmessagehandler.h"
 #include "serial/serialmessagequeue.h"
+#include "surface/messagecatalog.h"
 #include "tappedserialconnection.h"
 #include "tasks/monotonicclock.h"
 #include "tasks/taskpool.h"

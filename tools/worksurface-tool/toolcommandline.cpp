@@ -15,7 +15,8 @@ const char kExitCodes[] =
     "  2  a port could not be opened\n"
     "  3  a section did not answer in time (probe, exercise: also a section in its "
     "bootloader)\n"
-    "  4  the firmware file (decode: the capture) is missing or unreadable\n"
+    "  4  the firmware file (decode: the capture; trace: the trace) is missing or "
+    "unreadable (trace: also malformed, with the first bad line)\n"
     "  5  resends exhausted during an update\n"
     "  6  the bootloader reported an error status\n"
     "  7  flash found a section running its application instead of its bootloader\n"
@@ -53,6 +54,11 @@ const CommandInfo kCommands[] = {
      "Decode a captured byte stream from a section (FILE, or standard input) without "
      "opening any port; lines carry the byte offset instead of a time.",
      "[FILE]"},
+    {"trace",
+     "Print a trace file the plugin saved (a link's flight recorder) as monitor "
+     "prints live traffic, with the link's events; filters by section, type and time, "
+     "or sums it up (trace --help).",
+     "FILE"},
     {"exercise",
      "For a bench check by eye: send each section a fixed pattern (faders bottom, "
      "top and back; every LED on in turn; every RGB LED red, green, blue; meters up "

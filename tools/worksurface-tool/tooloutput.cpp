@@ -3,7 +3,7 @@
 #include <unistd.h>
 #include <cstdio>
 
-#include "jsonline.h"
+#include "base/jsonline.h"
 
 ToolOutput::ToolOutput(bool json) : m_json(json) {}
 

@@ -3,7 +3,10 @@
 #include <QByteArray>
 #include <QString>
 
+namespace Velmora::Worksurface {
 class JsonLine;
+}
+using Velmora::Worksurface::JsonLine;
 
 // Standard output of the tool: text lines for people, or one JSON object per line with
 // --json. Every line is flushed at once, so a script reading a pipe sees it as it happens.

@@ -2,10 +2,11 @@
 
 #include <QStringList>
 
-#include "jsonline.h"
-#include "messagecatalog.h"
+#include "base/jsonline.h"
+#include "surface/messagecatalog.h"
 #include "tooloutput.h"
 
+using Velmora::Worksurface::MessageCatalog;
 using Velmora::Worksurface::SerialMessage;
 
 TrafficPrinter::TrafficPrinter(ToolOutput& output, Position position, bool raw)

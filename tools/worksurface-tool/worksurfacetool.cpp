@@ -6,11 +6,11 @@
 #include <QFileInfo>
 #include <climits>
 
+#include "base/jsonline.h"
 #include "base/logger.h"
 #include "exitcode.h"
 #include "framedecoder.h"
 #include "interruptwatcher.h"
-#include "jsonline.h"
 #include "progressbar.h"
 #include "sectionsession.h"
 #include "serial/hardwareserialconnection.h"
@@ -22,6 +22,7 @@
 #include "tasks/taskpool.h"
 #include "tooloutput.h"
 #include "toolsettings.h"
+#include "tracecommand.h"
 #include "trafficprinter.h"
 #include "updater/isectionupdaterlistener.h"
 #include "updater/sectionupdater.h"
@@ -75,6 +76,10 @@ WorksurfaceTool::~WorksurfaceTool() = default;
 int WorksurfaceTool::run(const QStringList& arguments)
 {
     m_startNs = MonotonicClock::nowNs();
+    // Reading a saved trace opens no port and has options of its own.
+    if (arguments.size() > 1 && arguments.at(1) == QLatin1String("trace")) {
+        return TraceCommand::run(arguments);
+    }
     const int parsed = ToolCommandLine::parse(arguments, m_options);
     if (parsed >= 0) {
         return parsed;

@@ -1,4 +1,4 @@
-#include "messagecatalog.h"
+#include "surface/messagecatalog.h"
 
 #include <QColor>
 #include <iterator>
@@ -6,7 +6,7 @@
 #include "surface/controltypes.h"
 #include "surface/deviceidtable.h"
 
-using namespace Velmora::Worksurface;
+namespace Velmora::Worksurface {
 
 namespace {
 
@@ -315,3 +315,5 @@ MessageCatalog::Description MessageCatalog::describe(const SerialMessage& messag
     }
     return d;
 }
+
+}  // namespace Velmora::Worksurface

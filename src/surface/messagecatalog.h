@@ -5,9 +5,11 @@
 
 #include "serial/serialmessage.h"
 
-// The one table of names the bench tool prints: message types by name, the control a
-// device id belongs to (from the core's device-id table, read backwards) and a message's
-// value in the control's own terms. Text and JSON output both take their words from here.
+namespace Velmora::Worksurface {
+
+// The one table of names the bench tool and the trace files use: message types by name, the control
+// a device id belongs to (from the core's device-id table, read backwards) and a message's value in
+// the control's own terms. Text and JSON output both take their words from here.
 class MessageCatalog
 {
 public:
@@ -37,6 +39,8 @@ public:
     // Whether the message is a control's report (or the section's own version report), the
     // kind of message a component of the section takes; the link's own messages (serial
     // error, calibration done, bootloader report, echo) are not.
-    static bool isControlReport(const Velmora::Worksurface::SerialMessage& message);
-    static Description describe(const Velmora::Worksurface::SerialMessage& message);
+    static bool isControlReport(const SerialMessage& message);
+    static Description describe(const SerialMessage& message);
 };
+
+}  // namespace Velmora::Worksurface

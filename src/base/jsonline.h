@@ -3,6 +3,8 @@
 #include <QByteArray>
 #include <QString>
 
+namespace Velmora::Worksurface {
+
 // One JSON object on one line, with its keys in the order they were added (scripts and
 // people read the same lines; the documented order is kept).
 class JsonLine
@@ -17,6 +19,8 @@ public:
     // A nested object.
     JsonLine& add(const char* key, const JsonLine& object);
     JsonLine& addFixed(const char* key, double value, int decimals);
+    // A value already written as JSON (an array, say).
+    JsonLine& addJson(const char* key, const QByteArray& json);
 
     QByteArray toJson() const;
 
@@ -25,3 +29,5 @@ private:
 
     QByteArray m_body;
 };
+
+}  // namespace Velmora::Worksurface
