@@ -1,5 +1,9 @@
 #include "tasks/taskpool.h"
 
+#include <QCoreApplication>
+#include <QEvent>
+#include <QThread>
+#include <algorithm>
 #include <limits>
 #include <utility>
 
@@ -10,6 +14,12 @@ namespace Velmora::Worksurface {
 namespace {
 
 constexpr int64_t kNsPerMs = 1000000;
+constexpr int64_t kTickNs = TaskPool::kTickMs * kNsPerMs;
+constexpr int64_t kIdleWaitNs = TaskPool::kIdleWaitMs * kNsPerMs;
+
+// Posted to the pool by a schedule call from another thread: the timer can only be re-armed
+// on its own thread.
+const QEvent::Type kWakeEvent = static_cast<QEvent::Type>(QEvent::registerEventType());
 
 // Intervals arrive as unsigned milliseconds; the record keeps signed ones. Anything beyond
 // the signed range is as good as "never" for a console that runs for days, not centuries.
@@ -55,6 +65,9 @@ bool TaskPool::TaskData::isDue(int64_t nowNs) const
 
 TaskPool::TaskPool(QObject* parent) : QObject(parent)
 {
+    // Precise: a coarse timer may fire up to 5 % late, and a task must run no later than
+    // the 5 ms tick would have run it.
+    m_timer.setTimerType(Qt::PreciseTimer);
     connect(&m_timer, &QTimer::timeout, this, &TaskPool::runPendingTasks);
 }
 
@@ -77,21 +90,92 @@ std::shared_ptr<TaskPool::TaskData> TaskPool::addTask(uint64_t intervalMs,
                                                       const std::shared_ptr<ITask>& task,
                                                       bool singleShot)
 {
-    std::lock_guard<Mutex> lock(m_mutex);
+    std::unique_lock<Mutex> lock(m_mutex);
     const uint64_t id = m_nextId++;
     auto record = std::make_shared<TaskData>(id, toStoredInterval(intervalMs),
                                              MonotonicClock::nowNs(), task, singleShot);
     // Appending may reallocate the list while a tick is walking it (a task scheduling from
     // inside its run): the walk goes by index and never keeps a reference across a run.
     m_tasks.push_back(record);
+    // A sleeping pool may be armed for a tick after the one the new record needs. Inside a
+    // tick nothing is to do: the tick arms for the whole list when it ends.
+    const bool wake = m_armed && !m_inTick && wakeForRecordNs(*record, m_anchorNs) < m_armedForNs;
+    lock.unlock();
+
+    if (wake) {
+        if (QThread::currentThread() == m_timer.thread()) {
+            rearmIfEarlier();
+        } else if (!m_wakePosted.exchange(true)) {
+            QCoreApplication::postEvent(this, new QEvent(kWakeEvent));
+        }
+    }
     return record;
+}
+
+bool TaskPool::event(QEvent* event)
+{
+    if (event->type() == kWakeEvent) {
+        m_wakePosted.store(false);
+        rearmIfEarlier();
+        return true;
+    }
+    return QObject::event(event);
+}
+
+int64_t TaskPool::wakeForRecordNs(const TaskData& record, int64_t anchorNs)
+{
+    const int64_t limitNs = anchorNs + kIdleWaitNs;
+    // Cancelled and orphaned records count too: they are dropped at their due time.
+    const int64_t sinceLastRunNs = limitNs - record.m_lastRunNs;
+    if (record.m_intervalMs >= sinceLastRunNs / kNsPerMs + 1) {
+        return limitNs;  // not due before the idle wake, which is armed anyway
+    }
+    // Due at the first tick t = anchor + k * 5 ms, k >= 1, with t - last run > interval.
+    const int64_t spanNs = record.m_intervalMs * kNsPerMs - (anchorNs - record.m_lastRunNs);
+    const int64_t ticks = spanNs < 0 ? 1 : spanNs / kTickNs + 1;
+    return std::min(limitNs, anchorNs + ticks * kTickNs);
+}
+
+int64_t TaskPool::nextWakeNs(int64_t anchorNs) const
+{
+    int64_t wakeNs = anchorNs + kIdleWaitNs;
+    for (const auto& record : m_tasks) {
+        wakeNs = std::min(wakeNs, wakeForRecordNs(*record, anchorNs));
+    }
+    return wakeNs;
+}
+
+void TaskPool::armFrom(int64_t anchorNs)
+{
+    m_anchorNs = anchorNs;
+    m_armedForNs = nextWakeNs(anchorNs);
+    const int64_t waitNs = m_armedForNs - MonotonicClock::nowNs();
+    // Rounded up: the timer never fires before the tick it stands for. A clock that has run
+    // past the armed tick (a busy thread) fires at once; one that went back (only a test's
+    // clock does) waits no longer than the idle wake.
+    const int64_t waitMs =
+        waitNs <= 0 ? 0 : std::min<int64_t>((waitNs + kNsPerMs - 1) / kNsPerMs, kIdleWaitMs);
+    m_timer.start(static_cast<int>(waitMs));
+    m_armed = true;
+}
+
+void TaskPool::rearmIfEarlier()
+{
+    std::lock_guard<Mutex> lock(m_mutex);
+    if (!m_armed || m_inTick || !m_timer.isActive()) {
+        return;
+    }
+    if (nextWakeNs(m_anchorNs) < m_armedForNs) {
+        armFrom(m_anchorNs);
+    }
 }
 
 void TaskPool::start()
 {
     m_running = true;
     if (!m_timer.isActive()) {
-        m_timer.start(kTickMs);
+        std::lock_guard<Mutex> lock(m_mutex);
+        armFrom(MonotonicClock::nowNs());
     }
 }
 
@@ -99,6 +183,8 @@ void TaskPool::stop()
 {
     m_running = false;
     m_timer.stop();
+    std::lock_guard<Mutex> lock(m_mutex);
+    m_armed = false;
 }
 
 bool TaskPool::isRunning() const
@@ -113,7 +199,18 @@ bool TaskPool::isTimerActive() const
 
 int TaskPool::timerIntervalMs() const
 {
-    return m_timer.interval();
+    return kTickMs;
+}
+
+int64_t TaskPool::armedForNs() const
+{
+    std::lock_guard<Mutex> lock(m_mutex);
+    return m_armed ? m_armedForNs : -1;
+}
+
+int TaskPool::armedWaitMs() const
+{
+    return m_timer.isActive() ? m_timer.interval() : -1;
 }
 
 std::size_t TaskPool::taskCount() const
@@ -130,6 +227,8 @@ void TaskPool::runPendingTasks()
     const int64_t now = MonotonicClock::nowNs();
 
     std::unique_lock<Mutex> lock(m_mutex);
+    m_armed = false;
+    m_inTick = true;
     // By index, and re-reading the size each time: a task may append a record while it runs
     // (the link restart schedules its new supervision task from within its own pass), which
     // can reallocate the list. The new record's last run is its scheduling time, not before
@@ -158,11 +257,14 @@ void TaskPool::runPendingTasks()
         }
         ++i;
     }
-    m_timer.start(kTickMs);
+    m_inTick = false;
+    // The next tick is measured from the end of this one, as a plain 5 ms timer would be.
+    armFrom(MonotonicClock::nowNs());
     lock.unlock();
 
     if (m_running && !m_timer.isActive()) {
-        m_timer.start(kTickMs);
+        std::lock_guard<Mutex> relock(m_mutex);
+        armFrom(MonotonicClock::nowNs());
     }
 }
 

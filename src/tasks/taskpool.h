@@ -17,14 +17,20 @@ namespace Velmora::Worksurface {
 
 // Runs all periodic and delayed work of one surface (link supervision and queue draining,
 // fader steps, LED and rotary flashing, pot value requests, the updater's auto-baud step)
-// from one 5 ms Qt timer on the model thread, which is the QML thread (docs/threads.md).
-// Scheduling and cancelling are safe from any thread.
+// from one Qt timer on the pool's thread, which is the QML thread unless the links have
+// their own pool on the surface thread (docs/threads.md). Scheduling and cancelling are
+// safe from any thread.
 //
-// The timer is single-stepped: each tick stops it, runs what is due and re-arms it, so
-// ticks are 5 ms apart measured from the end of the previous tick, and a repeating task's
-// next run is measured from the end of its previous run (a long run stretches the period
-// instead of piling up runs). Tasks are held weakly: a task whose owner has released it is
-// dropped at its next due time without being run.
+// The schedule keeps a 5 ms tick: each tick stops the timer, runs what is due and re-arms
+// it, so ticks are 5 ms apart measured from the end of the previous tick, and a repeating
+// task's next run is measured from the end of its previous run (a long run stretches the
+// period instead of piling up runs). The pool does not wake for ticks that would find
+// nothing due: it arms its timer straight for the first tick of that 5 ms grid at which the
+// earliest record comes due, and re-arms earlier when a task is scheduled that comes due
+// before it. A task therefore runs at the same tick, and in the same order relative to the
+// others, as with a timer firing every 5 ms, while an idle console sleeps between passes.
+// Tasks are held weakly: a task whose owner has released it is dropped at its next due time
+// without being run.
 class TaskPool : public QObject, public ITaskPool
 {
     Q_OBJECT
@@ -61,6 +67,9 @@ public:
     };
 
     static constexpr int kTickMs = 5;
+    // The longest the pool sleeps with nothing due (an empty pool, or records too far off):
+    // it then wakes, finds nothing and sleeps again.
+    static constexpr int kIdleWaitMs = 10000;
 
     explicit TaskPool(QObject* parent = nullptr);
     ~TaskPool() override;
@@ -73,14 +82,22 @@ public:
                                                   const std::shared_ptr<ITask>& task) override;
 
     // Called when the surface thread starts: arms the tick timer unless it already runs.
+    // The first tick is 5 ms away, or later when nothing is due by then.
     void start();
     // Called when the surface thread finishes: disarms the timer. The records stay; the
     // next start() resumes them with their old last-run times.
     void stop();
 
     bool isRunning() const;
+    // Whether the pool is armed: its timer waits for the next tick that has work.
     bool isTimerActive() const;
+    // The tick the schedule keeps (5 ms); every wake lands on a tick of this grid.
     int timerIntervalMs() const;
+    // How long the armed timer waits, in milliseconds, from when it was last armed; -1 when
+    // it is not armed. A multiple of the tick unless a schedule call woke the pool early.
+    int armedWaitMs() const;
+    // The clock time of the tick the timer is armed for; -1 when it is not armed.
+    int64_t armedForNs() const;
     // Records still in the list, including cancelled and single-shot ones that have not
     // yet reached the due time at which they are dropped.
     std::size_t taskCount() const;
@@ -88,13 +105,37 @@ public:
 public slots:
     void runPendingTasks();
 
+protected:
+    bool event(QEvent* event) override;
+
 private:
     std::shared_ptr<TaskData> addTask(uint64_t intervalMs, const std::shared_ptr<ITask>& task,
                                       bool singleShot);
+    // The clock time of the first tick after `anchorNs` (on its 5 ms grid) at which the
+    // record comes due, at most kIdleWaitMs away.
+    static int64_t wakeForRecordNs(const TaskData& record, int64_t anchorNs);
+    // The same for the earliest of all records. Under the mutex.
+    int64_t nextWakeNs(int64_t anchorNs) const;
+    // Arms the timer for the first tick after `anchorNs` that has work. On the pool's thread,
+    // under the mutex.
+    void armFrom(int64_t anchorNs);
+    // A schedule call's wake: re-arms for an earlier tick when the new record needs one and
+    // the pool is armed and not inside its own tick. On the pool's thread.
+    void rearmIfEarlier();
 
     QTimer m_timer;
     bool m_running = false;
     uint64_t m_nextId = 0;
+    // Where the 5 ms grid is anchored: the end of the last tick, or the last start(). The
+    // clock time the timer is armed for, and whether a tick is walking the list; all three
+    // under the mutex, the last two read by schedule calls from any thread.
+    int64_t m_anchorNs = 0;
+    int64_t m_armedForNs = 0;
+    bool m_armed = false;
+    bool m_inTick = false;
+    // Set while a wake posted from another thread is on its way, so a burst of schedule
+    // calls posts one.
+    std::atomic<bool> m_wakePosted{false};
     // Recursive because a task may schedule on this pool from inside its run while the
     // tick holds the lock (the section connection's restart reopens the link and schedules
     // its new supervision task from within its own pass).

@@ -115,6 +115,17 @@ private slots:
     void stopKeepsRecordsAndStartResumesWithOldLastRunTimes();
     void destroyingThePoolReleasesRecordsWithoutRunningThem();
 
+    // Sleeping between ticks that have work
+    void startArmsForTheFirstTickAtWhichATaskIsDue();
+    void tickArmsForTheNextTickWithWorkMeasuredFromItsEnd();
+    void emptyPoolSleepsForTheIdleWait();
+    void recordsTooFarOffLeaveThePoolOnTheIdleWait();
+    void schedulingWakesASleepingPoolForAnEarlierTick();
+    void schedulingALaterTaskLeavesTheArmedTickAlone();
+    void schedulingInsideARunIsArmedForByTheEndOfTheTick();
+    void schedulingFromAnotherThreadWakesThePoolThroughItsEventLoop();
+    void sleepingRunsEveryTaskAtTheSameTickAndInTheSameOrderAsTheFiveMsTick();
+
     // Threads
     void schedulingFromSeveralThreadsGivesEveryTaskItsOwnConsecutiveId();
 };
@@ -710,6 +721,238 @@ void TestTaskPool::destroyingThePoolReleasesRecordsWithoutRunningThem()
     QCOMPARE(task.use_count(), 1L);
     // The handle stays usable on its own.
     QCOMPARE(handle->cancel(), false);
+}
+
+void TestTaskPool::startArmsForTheFirstTickAtWhichATaskIsDue()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(50, task);
+    pool.start();
+    // A tick at exactly 50 ms would not run it (strictly more than the interval): 55 ms.
+    QCOMPARE(pool.armedForNs(), 55 * kMs);
+    QCOMPARE(pool.armedWaitMs(), 55);
+    QCOMPARE(pool.timerIntervalMs(), TaskPool::kTickMs);
+}
+
+void TestTaskPool::tickArmsForTheNextTickWithWorkMeasuredFromItsEnd()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    // The run takes 2 ms: the next run is due 50 ms after its end, and the grid is anchored
+    // at the end of the tick, as a timer re-armed with 5 ms at that moment would be.
+    auto task = std::make_shared<RecordingTask>([&clock] { clock.advanceMs(2); });
+    auto handle = pool.schedulePeriodic(50, task);
+    pool.start();
+    clock.setNs(55 * kMs);
+    pool.runPendingTasks();
+    QCOMPARE(task->runs, 1);
+    QCOMPARE(clock.nowNs(), 57 * kMs);
+    // Last run 57; ticks at 62, 67, ... 107 (exactly 50 after: not due), 112.
+    QCOMPARE(pool.armedForNs(), 112 * kMs);
+    QCOMPARE(pool.armedWaitMs(), 55);
+}
+
+void TestTaskPool::emptyPoolSleepsForTheIdleWait()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    pool.start();
+    QCOMPARE(pool.armedWaitMs(), TaskPool::kIdleWaitMs);
+    clock.setNs(TaskPool::kIdleWaitMs * kMs);
+    pool.runPendingTasks();
+    QCOMPARE(pool.armedForNs(), 2 * TaskPool::kIdleWaitMs * kMs);
+}
+
+void TestTaskPool::recordsTooFarOffLeaveThePoolOnTheIdleWait()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    auto hour = pool.schedulePeriodic(3600 * 1000, task);
+    auto never = pool.schedulePeriodic(std::numeric_limits<uint64_t>::max(), task);
+    pool.start();
+    QCOMPARE(pool.armedForNs(), TaskPool::kIdleWaitMs * kMs);
+    QCOMPARE(task->runs, 0);
+}
+
+void TestTaskPool::schedulingWakesASleepingPoolForAnEarlierTick()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto slow = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(1000, slow);
+    pool.start();
+    QCOMPARE(pool.armedForNs(), 1005 * kMs);
+
+    // The 5 ms timer would have ticked at 15 ms and run it there; so does the sleeping pool.
+    clock.setNs(12 * kMs);
+    auto quick = std::make_shared<RecordingTask>();
+    pool.scheduleOnce(0, quick);
+    QCOMPARE(pool.armedForNs(), 15 * kMs);
+    QCOMPARE(pool.armedWaitMs(), 3);
+
+    clock.setNs(15 * kMs);
+    pool.runPendingTasks();
+    QCOMPARE(quick->runs, 1);
+    QCOMPARE(slow->runs, 0);
+    // The single-shot record is dropped when it next comes due, 5 ms on.
+    QCOMPARE(pool.armedForNs(), 20 * kMs);
+}
+
+void TestTaskPool::schedulingALaterTaskLeavesTheArmedTickAlone()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto task = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(50, task);
+    pool.start();
+    clock.setNs(3 * kMs);
+    pool.scheduleOnce(200, task);
+    QCOMPARE(pool.armedForNs(), 55 * kMs);
+    QCOMPARE(pool.armedWaitMs(), 55);
+}
+
+void TestTaskPool::schedulingInsideARunIsArmedForByTheEndOfTheTick()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto inner = std::make_shared<RecordingTask>();
+    auto outer = std::make_shared<RecordingTask>([&] { pool.scheduleOnce(7, inner); });
+    pool.scheduleOnce(20, outer);
+    pool.start();
+    QCOMPARE(pool.armedForNs(), 25 * kMs);
+    clock.setNs(25 * kMs);
+    pool.runPendingTasks();
+    QCOMPARE(outer->runs, 1);
+    // Inner was scheduled at 25: due after 32, so the tick at 35.
+    QCOMPARE(pool.armedForNs(), 35 * kMs);
+    clock.setNs(35 * kMs);
+    pool.runPendingTasks();
+    QCOMPARE(inner->runs, 1);
+}
+
+void TestTaskPool::schedulingFromAnotherThreadWakesThePoolThroughItsEventLoop()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto slow = std::make_shared<RecordingTask>();
+    auto handle = pool.schedulePeriodic(1000, slow);
+    pool.start();
+    QCOMPARE(pool.armedForNs(), 1005 * kMs);
+
+    auto quick = std::make_shared<RecordingTask>();
+    std::thread other([&] { pool.scheduleOnce(10, quick); });
+    other.join();
+    // The timer belongs to this thread: the other one only posts the wake.
+    QCOMPARE(pool.armedForNs(), 1005 * kMs);
+    QCoreApplication::sendPostedEvents(&pool);
+    QCOMPARE(pool.armedForNs(), 15 * kMs);
+}
+
+namespace {
+
+// One run of a scenario with a mix of the pool's real customers (three 50 ms link passes
+// scheduled a little apart, a 25 ms flash step that takes 1 ms, a 1000 ms pot request, a
+// single-shot auto-baud step, a task that schedules another from inside its run and
+// cancels itself later, and a schedule call between ticks), driven either by a tick every
+// 5 ms or by ticks only when the pool is armed for them. Returns "name@ms" per run.
+std::vector<QString> runScenario(bool sleeping, int* ticks)
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    std::vector<QString> log;
+    std::vector<std::shared_ptr<ITask>> keep;
+    std::vector<std::shared_ptr<ITaskHandle>> handles;
+    auto make = [&](const QString& name, std::function<void()> body = {}) {
+        auto task = std::make_shared<RecordingTask>([&log, &clock, name, body] {
+            log.push_back(name + QLatin1Char('@') + QString::number(clock.nowNs() / kMs));
+            if (body) {
+                body();
+            }
+        });
+        keep.push_back(task);
+        return task;
+    };
+
+    handles.push_back(pool.schedulePeriodic(50, make(QStringLiteral("link0"))));
+    clock.setNs(1 * kMs);
+    handles.push_back(pool.schedulePeriodic(50, make(QStringLiteral("link1"))));
+    clock.setNs(3 * kMs);
+    handles.push_back(pool.schedulePeriodic(50, make(QStringLiteral("link2"))));
+    handles.push_back(
+        pool.schedulePeriodic(25, make(QStringLiteral("flash"), [&clock] { clock.advanceMs(1); })));
+    handles.push_back(pool.schedulePeriodic(1000, make(QStringLiteral("pot"))));
+    pool.scheduleOnce(7, make(QStringLiteral("autobaud")));
+    int spawnerRuns = 0;
+    std::shared_ptr<ITaskHandle> spawnerHandle;
+    auto spawned = make(QStringLiteral("spawned"));
+    spawnerHandle = pool.schedulePeriodic(40, make(QStringLiteral("spawner"), [&] {
+                                              ++spawnerRuns;
+                                              if (spawnerRuns == 3) {
+                                                  pool.scheduleOnce(0, spawned);
+                                              }
+                                              if (spawnerRuns == 5) {
+                                                  spawnerHandle->cancel();
+                                              }
+                                          }));
+    auto late = make(QStringLiteral("late"));
+    pool.start();
+
+    constexpr int64_t kEndNs = 2600 * kMs;
+    constexpr int64_t kOutsideCallNs = 331 * kMs;
+    bool outsideCallDone = false;
+    // The plain timer is re-armed with 5 ms at the end of each tick.
+    int64_t plainNext = clock.nowNs() + TaskPool::kTickMs * kMs;
+    *ticks = 0;
+    for (;;) {
+        const int64_t next = sleeping ? pool.armedForNs() : plainNext;
+        if (next >= kEndNs) {
+            break;
+        }
+        if (!outsideCallDone && next > kOutsideCallNs) {
+            // A call from the QML side between two ticks.
+            outsideCallDone = true;
+            clock.setNs(kOutsideCallNs);
+            pool.scheduleOnce(2, late);
+            continue;
+        }
+        clock.setNs(next);
+        pool.runPendingTasks();
+        plainNext = clock.nowNs() + TaskPool::kTickMs * kMs;
+        ++*ticks;
+    }
+    return log;
+}
+
+}  // namespace
+
+void TestTaskPool::sleepingRunsEveryTaskAtTheSameTickAndInTheSameOrderAsTheFiveMsTick()
+{
+    int plainTicks = 0;
+    int sleepingTicks = 0;
+    const std::vector<QString> plain = runScenario(false, &plainTicks);
+    const std::vector<QString> sleeping = runScenario(true, &sleepingTicks);
+
+    QVERIFY2(plain.size() > 200, qPrintable(QString::number(plain.size())));
+    QCOMPARE(sleeping, plain);
+    // Spot checks that the scenario is what it claims to be.
+    QVERIFY(std::find(plain.begin(), plain.end(), QStringLiteral("autobaud@13")) != plain.end());
+    QCOMPARE(std::count_if(plain.begin(), plain.end(),
+                           [](const QString& s) { return s.startsWith(QLatin1String("late@33")); }),
+             std::ptrdiff_t(1));
+    QCOMPARE(
+        std::count_if(plain.begin(), plain.end(),
+                      [](const QString& s) { return s.startsWith(QLatin1String("spawned@")); }),
+        std::ptrdiff_t(1));
+    QCOMPARE(std::count_if(plain.begin(), plain.end(),
+                           [](const QString& s) { return s.startsWith(QLatin1String("spawner")); }),
+             std::ptrdiff_t(5));
+    // The flash step wakes it every 30 ms at most (25 ms due, 1 ms run, 5 ms grid); the
+    // link passes share ticks. Far fewer wakes than one per 5 ms.
+    QVERIFY2(sleepingTicks * 2 < plainTicks,
+             qPrintable(QStringLiteral("%1 of %2").arg(sleepingTicks).arg(plainTicks)));
 }
 
 void TestTaskPool::schedulingFromSeveralThreadsGivesEveryTaskItsOwnConsecutiveId()

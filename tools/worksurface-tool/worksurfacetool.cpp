@@ -4,6 +4,7 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QTimer>
 #include <climits>
 
 #include "base/jsonline.h"
@@ -146,11 +147,15 @@ bool WorksurfaceTool::waitUntil(const std::function<bool()>& condition, int time
 {
     QElapsedTimer timer;
     timer.start();
+    // The task pool sleeps through ticks with nothing due, so the loop may have nothing to
+    // wake it before the time-out (no link open yet): this timer does.
+    QTimer deadline;
+    deadline.setSingleShot(true);
+    deadline.start(timeoutMs);
     while (!condition()) {
         if (timer.elapsed() >= timeoutMs) {
             return condition();
         }
-        // The task pool's 5 ms tick wakes the loop at least that often.
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     }
     return true;
