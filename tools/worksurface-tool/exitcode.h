@@ -13,5 +13,8 @@ enum : int
     ResendsExhausted = 5,  // the bootloader kept refusing a packet during an update
     BootloaderError = 6,   // the bootloader reported an error status
     NotInBootloader = 7,   // flash found a section running its application
+    StillInBootloader = 8,  // flash: the section stayed in its bootloader after its updates
+    Interrupted = 9,        // Ctrl-C or SIGTERM during flash or exercise
+    WrongVersion = 10,      // flash: the section came back with another than --expect-version
 };
 }  // namespace ExitCode

@@ -55,6 +55,17 @@ JsonLine& JsonLine::addFixed(const char* key, double value, int decimals)
     return *this;
 }
 
+JsonLine& JsonLine::append(const JsonLine& other)
+{
+    if (!other.m_body.isEmpty()) {
+        if (!m_body.isEmpty()) {
+            m_body += ',';
+        }
+        m_body += other.m_body;
+    }
+    return *this;
+}
+
 QByteArray JsonLine::toJson() const
 {
     return '{' + m_body + '}';

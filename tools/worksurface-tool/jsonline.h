@@ -18,6 +18,9 @@ public:
     JsonLine& add(const char* key, const JsonLine& object);
     JsonLine& addFixed(const char* key, double value, int decimals);
 
+    // The keys of another line, after these.
+    JsonLine& append(const JsonLine& other);
+
     QByteArray toJson() const;
 
 private:
