@@ -14,8 +14,8 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QSerialPort>
 #include <QProcess>
+#include <QSerialPort>
 #include <QSocketNotifier>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -158,8 +158,8 @@ private:
     QString missingDevice() const { return m_dir->filePath(QStringLiteral("no-such-tty")); }
     // Runs the event loop until the process's standard output and error so far satisfy the
     // condition; what was read is kept in out and err.
-    bool readUntil(QProcess& process, const std::function<bool(const QString& out,
-                                                               const QString& err)>& condition,
+    bool readUntil(QProcess& process,
+                   const std::function<bool(const QString& out, const QString& err)>& condition,
                    int timeoutMs = 10000);
     QString m_out;
     QString m_err;
@@ -294,21 +294,18 @@ void tst_WorksurfaceTool::everyCommandHasItsHelp_data()
     QTest::newRow("ports") << "ports" << (common + QStringList{"--scan"}) << QStringList{};
     QTest::newRow("probe") << "probe" << common << QStringList{};
     QTest::newRow("flash") << "flash"
-                           << (common +
-                               QStringList{"--max-size", "--expect-version", "--dry-run"})
+                           << (common + QStringList{"--max-size", "--expect-version", "--dry-run"})
                            << QStringList{};
     // Monitor waits for nothing; decode opens no port.
     QTest::newRow("monitor") << "monitor"
-                             << QStringList{"--model", "--ports", "--port", "--section",
-                                            "--json", "--raw", "--listen-only", "--follow",
-                                            "--time", "--type", "--device", "--dir"}
+                             << QStringList{"--model", "--ports", "--port",        "--section",
+                                            "--json",  "--raw",   "--listen-only", "--follow",
+                                            "--time",  "--type",  "--device",      "--dir"}
                              << QStringList{"--timeout"};
     QTest::newRow("decode") << "decode"
-                            << QStringList{"--model", "--section", "--json", "--raw",
-                                           "(default 0)"}
+                            << QStringList{"--model", "--section", "--json", "--raw", "(default 0)"}
                             << QStringList{"--ports", "--port ", "--timeout", "default: all"};
-    QTest::newRow("exercise") << "exercise" << (common + QStringList{"--step-ms"})
-                              << QStringList{};
+    QTest::newRow("exercise") << "exercise" << (common + QStringList{"--step-ms"}) << QStringList{};
 }
 
 void tst_WorksurfaceTool::everyCommandHasItsHelp()
@@ -1158,10 +1155,10 @@ void tst_WorksurfaceTool::monitorEndsWithTwoWhenTheDeviceIsLost()
     const Run json = finish(*process, 10000);
     QCOMPARE(json.exitCode, 2);
     m_out += json.out.join('\n');
-    QVERIFY2(m_out.contains(QRegularExpression(
-                 QStringLiteral(R"(\{"t":\d+\.\d{3},"section":0,"event":"lost",)"
-                                R"("error":"Device gone: %1"\})")
-                     .arg(QRegularExpression::escape(otherPath)))),
+    QVERIFY2(m_out.contains(
+                 QRegularExpression(QStringLiteral(R"(\{"t":\d+\.\d{3},"section":0,"event":"lost",)"
+                                                   R"("error":"Device gone: %1"\})")
+                                        .arg(QRegularExpression::escape(otherPath)))),
              qPrintable(m_out));
 }
 
@@ -1212,11 +1209,10 @@ void tst_WorksurfaceTool::monitorFiltersByTypeDeviceAndDirection()
 {
     m_sim->setVersionReport(34, 41);
     QProcess* process = start({"monitor", "--type", "7,16", "--device", "3", "--dir", "in",
-                               "--time", "delta", "--section", "0", "--ports",
-                               m_sim->slavePath()});
+                               "--time", "delta", "--section", "0", "--ports", m_sim->slavePath()});
     QTRY_VERIFY_WITH_TIMEOUT(m_sim->pingCount() >= 1, 10000);
-    m_sim->sendButton(3, true);         // another type
-    m_sim->sendFaderPosition(2, 100);   // another device
+    m_sim->sendButton(3, true);                   // another type
+    m_sim->sendFaderPosition(2, 100);             // another device
     m_sim->sendRaw(QByteArray::fromHex("fffe"));  // noise has neither
     m_sim->sendFaderPosition(3, 399);
     m_sim->sendFaderTouch(3, true);
@@ -1229,11 +1225,13 @@ void tst_WorksurfaceTool::monitorFiltersByTypeDeviceAndDirection()
     const QStringList lines = (m_out + r.out.join('\n')).split('\n', Qt::SkipEmptyParts);
     QCOMPARE(lines.size(), 2);
     // Each line's time is the time since the line before it.
-    QVERIFY2(QRegularExpression(R"(^ *\+0\.000  section 0  in   fader position  device 3  fader 3  position 399$)")
+    QVERIFY2(QRegularExpression(
+                 R"(^ *\+0\.000  section 0  in   fader position  device 3  fader 3  position 399$)")
                  .match(lines.at(0))
                  .hasMatch(),
              qPrintable(lines.at(0)));
-    QVERIFY2(QRegularExpression(R"(^ *\+\d+\.\d{3}  section 0  in   fader touch  device 3  fader 3  touch on$)")
+    QVERIFY2(QRegularExpression(
+                 R"(^ *\+\d+\.\d{3}  section 0  in   fader touch  device 3  fader 3  touch on$)")
                  .match(lines.at(1))
                  .hasMatch(),
              qPrintable(lines.at(1)));
@@ -1255,11 +1253,12 @@ void tst_WorksurfaceTool::monitorTimesAsIsoOrDelta()
     ::kill(static_cast<pid_t>(process->processId()), SIGINT);
     QCOMPARE(finish(*process, 10000).exitCode, 0);
     const QString first = m_out.split('\n').first();
-    QVERIFY2(QRegularExpression(
-                 R"(^\{"t":\d+\.\d{3},"time":"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[^"]*","section":0,"dir":"in","type":0,)")
-                 .match(first)
-                 .hasMatch(),
-             qPrintable(first));
+    QVERIFY2(
+        QRegularExpression(
+            R"(^\{"t":\d+\.\d{3},"time":"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[^"]*","section":0,"dir":"in","type":0,)")
+            .match(first)
+            .hasMatch(),
+        qPrintable(first));
 }
 
 void tst_WorksurfaceTool::flashRefusesWhatIsNoBinaryImage_data()
@@ -1268,20 +1267,26 @@ void tst_WorksurfaceTool::flashRefusesWhatIsNoBinaryImage_data()
     QTest::addColumn<QStringList>("options");
     QTest::addColumn<QString>("what");
     QTest::newRow("empty") << QByteArray() << QStringList{} << "is empty";
-    QTest::newRow("elf") << (QByteArray("\x7f" "ELF\x01\x01\x01", 7) + QByteArray(100, '\0'))
+    QTest::newRow("elf") << (QByteArray("\x7f"
+                                        "ELF\x01\x01\x01",
+                                        7) +
+                             QByteArray(100, '\0'))
                          << QStringList{}
                          << "is an ELF file, not a binary image (make one with objcopy -O "
                             "binary)";
-    QTest::newRow("intel hex") << QByteArray(":10000000000102030405060708090A0B0C0D0E0F78\n"
-                                             ":00000001FF\n")
+    QTest::newRow("intel hex") << QByteArray(
+                                      ":10000000000102030405060708090A0B0C0D0E0F78\n"
+                                      ":00000001FF\n")
                                << QStringList{}
                                << "is Intel HEX text, not a binary image (make one with "
                                   "objcopy -I ihex -O binary)";
-    QTest::newRow("s-record") << QByteArray("S00F000068656C6C6F202020202000003C\r\n"
-                                            "S11F00007C0802A6900100049421FFF07C6C1B787C8C23783C6000003863000026\r\n")
-                              << QStringList{}
-                              << "is S-record text, not a binary image (make one with objcopy "
-                                 "-I srec -O binary)";
+    QTest::newRow("s-record")
+        << QByteArray(
+               "S00F000068656C6C6F202020202000003C\r\n"
+               "S11F00007C0802A6900100049421FFF07C6C1B787C8C23783C6000003863000026\r\n")
+        << QStringList{}
+        << "is S-record text, not a binary image (make one with objcopy "
+           "-I srec -O binary)";
     QTest::newRow("too large") << imageOfSize(200) << QStringList{"--max-size", "100"}
                                << "is 200 bytes, more than the 100 a section takes (--max-size)";
     QTest::newRow("over the default")
@@ -1296,13 +1301,14 @@ void tst_WorksurfaceTool::flashRefusesWhatIsNoBinaryImage()
     QFETCH(QString, what);
     const QString path = writeImage(content);
     m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
-    const Run r = run(QStringList{"flash", path, "--section", "0", "--ports", m_sim->slavePath()} +
-                      options);
+    const Run r =
+        run(QStringList{"flash", path, "--section", "0", "--ports", m_sim->slavePath()} + options);
     QCOMPARE(r.exitCode, 4);
-    QCOMPARE(r.out, QStringList({QStringLiteral("section 0  failed  %1 %2 (exit 4)").arg(path, what)}));
-    const Run json = run(QStringList{"flash", path, "--json", "--section", "0", "--ports",
-                                     m_sim->slavePath()} +
-                         options);
+    QCOMPARE(r.out,
+             QStringList({QStringLiteral("section 0  failed  %1 %2 (exit 4)").arg(path, what)}));
+    const Run json =
+        run(QStringList{"flash", path, "--json", "--section", "0", "--ports", m_sim->slavePath()} +
+            options);
     QCOMPARE(json.exitCode, 4);
     QCOMPARE(json.out,
              QStringList({QStringLiteral(R"({"section":0,"event":"failed","reason":0,"exit":4,)"
@@ -1320,11 +1326,11 @@ void tst_WorksurfaceTool::flashPrintsTheImagesSizeAndSha256()
     m_sim->setVersionReport(35, 40);
     const Run r = run({"flash", path, "--section", "0", "--ports", m_sim->slavePath()});
     QCOMPARE(r.exitCode, 0);
-    QCOMPARE(r.err.split('\n').first(),
-             QStringLiteral("image %1  100 bytes  sha256 %2")
-                 .arg(path, QString::fromLatin1(
-                                QCryptographicHash::hash(image, QCryptographicHash::Sha256)
-                                    .toHex())));
+    QCOMPARE(
+        r.err.split('\n').first(),
+        QStringLiteral("image %1  100 bytes  sha256 %2")
+            .arg(path, QString::fromLatin1(
+                           QCryptographicHash::hash(image, QCryptographicHash::Sha256).toHex())));
 }
 
 void tst_WorksurfaceTool::flashDryRunProbesAndWritesNothing()
@@ -1353,16 +1359,15 @@ void tst_WorksurfaceTool::flashExpectVersionFailsOnAnotherVersion()
     m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
     m_sim->setVersionReport(35, 40);
     const QString sim = m_sim->slavePath();
-    const Run r =
-        run({"flash", path, "--expect-version", "36", "--section", "0", "--ports", sim});
+    const Run r = run({"flash", path, "--expect-version", "36", "--section", "0", "--ports", sim});
     QCOMPARE(r.exitCode, 10);
     QCOMPARE(r.out.mid(r.out.size() - 2),
              QStringList({"section 0  done  version 35",
                           "section 0  failed  came back with version 35, not 36 (exit 10)"}));
 
     m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
-    const Run json = run({"flash", path, "--json", "--expect-version", "36", "--section", "0",
-                          "--ports", sim});
+    const Run json =
+        run({"flash", path, "--json", "--expect-version", "36", "--section", "0", "--ports", sim});
     QCOMPARE(json.exitCode, 10);
     QCOMPARE(json.out.last(), QStringLiteral(R"({"section":0,"event":"failed","exit":10,)"
                                              R"("version":35,"expected":36})"));
@@ -1454,20 +1459,18 @@ void tst_WorksurfaceTool::flashWritesThreeSectionsAtOnceGroupedPerSection()
     // after another, it would have finished by then.
     bool section2Started = false;
     int section0Blocks = 0;
-    connect(sims[0].get(), &PtySectionSimulator::bootloaderPacketReceived, this,
-            [&](int command) {
-                if (command == BootloaderCommand::SendData) {
-                    ++section0Blocks;
-                }
-            });
+    connect(sims[0].get(), &PtySectionSimulator::bootloaderPacketReceived, this, [&](int command) {
+        if (command == BootloaderCommand::SendData) {
+            ++section0Blocks;
+        }
+    });
     int section0BlocksWhen2Started = -1;
-    connect(sims[2].get(), &PtySectionSimulator::bootloaderPacketReceived, this,
-            [&](int command) {
-                if (command == BootloaderCommand::Download && !section2Started) {
-                    section2Started = true;
-                    section0BlocksWhen2Started = section0Blocks;
-                }
-            });
+    connect(sims[2].get(), &PtySectionSimulator::bootloaderPacketReceived, this, [&](int command) {
+        if (command == BootloaderCommand::Download && !section2Started) {
+            section2Started = true;
+            section0BlocksWhen2Started = section0Blocks;
+        }
+    });
     QElapsedTimer timer;
     timer.start();
     const Run r = run({"flash", path, "--ports", ports.join(',')});
@@ -1497,11 +1500,13 @@ void tst_WorksurfaceTool::portsNamesTheProcessHoldingTheDevice()
     const QString sim = m_sim->slavePath();
     QSerialPort holder(sim);
     QVERIFY(holder.open(QIODevice::ReadWrite));
-    const QString inUse = QStringLiteral("in use by pid %1").arg(QCoreApplication::applicationPid());
+    const QString inUse =
+        QStringLiteral("in use by pid %1").arg(QCoreApplication::applicationPid());
     const Run r = run({"ports", "--section", "0", "--ports", sim});
     QCOMPARE(r.exitCode, 2);
-    QCOMPARE(r.out,
-             QStringList({QStringLiteral("section 0  %1  exists  not openable: %2").arg(sim, inUse)}));
+    QCOMPARE(
+        r.out,
+        QStringList({QStringLiteral("section 0  %1  exists  not openable: %2").arg(sim, inUse)}));
     const Run json = run({"ports", "--json", "--section", "0", "--ports", sim});
     QCOMPARE(json.out, QStringList({QStringLiteral(R"({"section":0,"device":"%1","exists":true,)"
                                                    R"("openable":false,"error":"%2"})")
@@ -1596,8 +1601,9 @@ void tst_WorksurfaceTool::helpIsACommand()
     const Run help = run({"help"});
     QCOMPARE(help.exitCode, 0);
     QCOMPARE(help.out, run({"--help"}).out);
-    QVERIFY(help.out.join('\n').contains(QLatin1String("  10 flash: a section came back with "
-                                                       "another version than --expect-version")));
+    QVERIFY(
+        help.out.join('\n').contains(QLatin1String("  10 flash: a section came back with "
+                                                   "another version than --expect-version")));
 }
 
 void tst_WorksurfaceTool::decodeReadsStandardInputFromDash()
@@ -1617,8 +1623,8 @@ void tst_WorksurfaceTool::decodeReadsStandardInputFromDash()
 
 void tst_WorksurfaceTool::decodeOfAKnownSectionNamesOnlyItsControls()
 {
-    const QByteArray capture = frame(18, 12, QByteArray::fromHex("fe")) +
-                               frame(20, 40, QByteArray::fromHex("01"));
+    const QByteArray capture =
+        frame(18, 12, QByteArray::fromHex("fe")) + frame(20, 40, QByteArray::fromHex("01"));
     const QString path = m_dir->filePath(QStringLiteral("capture.bin"));
     QFile file(path);
     QVERIFY(file.open(QIODevice::WriteOnly));
@@ -1629,9 +1635,10 @@ void tst_WorksurfaceTool::decodeOfAKnownSectionNamesOnlyItsControls()
     QCOMPARE(strip.out, QStringList({"       0  section 0  in   rotary step  device 12  steps -2",
                                      "       5  section 0  in   button  device 40  pressed"}));
     const Run master = run({"decode", path, "--section", "1", "--model", "K40"});
-    QCOMPARE(master.out,
-             QStringList({"       0  section 1  in   rotary step  device 12  side rotary 2  steps -2",
-                          "       5  section 1  in   button  device 40  layer up  pressed"}));
+    QCOMPARE(
+        master.out,
+        QStringList({"       0  section 1  in   rotary step  device 12  side rotary 2  steps -2",
+                     "       5  section 1  in   button  device 40  layer up  pressed"}));
 }
 
 void tst_WorksurfaceTool::decodeOfAMissingFileSaysWhy()
@@ -1639,9 +1646,8 @@ void tst_WorksurfaceTool::decodeOfAMissingFileSaysWhy()
     const QString missing = m_dir->filePath(QStringLiteral("none.bin"));
     const Run r = run({"decode", missing});
     QCOMPARE(r.exitCode, 4);
-    QCOMPARE(r.err,
-             QStringLiteral("worksurface-tool: cannot read %1: No such file or directory\n")
-                 .arg(missing));
+    QCOMPARE(r.err, QStringLiteral("worksurface-tool: cannot read %1: No such file or directory\n")
+                        .arg(missing));
 }
 
 void tst_WorksurfaceTool::probeChecksEverySectionAtOnce()
@@ -1675,8 +1681,8 @@ void tst_WorksurfaceTool::probeChecksEverySectionAtOnce()
 void tst_WorksurfaceTool::exerciseCoversTheMasterSection()
 {
     // Section 1 is the K40's master section.
-    const Run r = run({"exercise", "--model", "K40", "--step-ms", "0", "--section", "1",
-                       "--ports", m_sim->slavePath()});
+    const Run r = run({"exercise", "--model", "K40", "--step-ms", "0", "--section", "1", "--ports",
+                       m_sim->slavePath()});
     QCOMPARE(r.exitCode, 0);
     // Ten strips and the master fader, three moves each.
     QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedMessages(13).size(), 18, 5000);
@@ -1687,7 +1693,8 @@ void tst_WorksurfaceTool::exerciseCoversTheMasterSection()
     // The strips' twenty LEDs and the seven master switches', each on and off.
     const QList<SerialMessage> leds = m_sim->receivedMessages(11);
     QCOMPARE(leds.size(), 54);
-    QCOMPARE(leds.at(40), SerialMessage(11, DeviceIdTable::led(LedType::MasterMuteButton, 0), {255, 0}));
+    QCOMPARE(leds.at(40),
+             SerialMessage(11, DeviceIdTable::led(LedType::MasterMuteButton, 0), {255, 0}));
     // Ten rotary rings, six side rotary rings and six logos, four colours each.
     const QList<SerialMessage> rings = m_sim->receivedMessages(12);
     QCOMPARE(rings.size(), 88);
@@ -1710,8 +1717,8 @@ void tst_WorksurfaceTool::exerciseSkipsASectionThatDoesNotAnswer()
 {
     m_sim->setSilent(true);
     const QString sim = m_sim->slavePath();
-    const Run r = run({"exercise", "--timeout", "0.3", "--step-ms", "0", "--section", "0",
-                       "--ports", sim});
+    const Run r =
+        run({"exercise", "--timeout", "0.3", "--step-ms", "0", "--section", "0", "--ports", sim});
     QCOMPARE(r.exitCode, 3);
     QVERIFY(r.out.isEmpty());
     QCOMPARE(r.err, QStringLiteral("section 0  %1  silent: not exercised\n").arg(sim));
@@ -1750,8 +1757,8 @@ void tst_WorksurfaceTool::exerciseInterruptedTurnsTheLedsOff_data()
 void tst_WorksurfaceTool::exerciseInterruptedTurnsTheLedsOff()
 {
     QFETCH(int, signal);
-    QProcess* process = start(
-        {"exercise", "--step-ms", "150", "--section", "0", "--ports", m_sim->slavePath()});
+    QProcess* process =
+        start({"exercise", "--step-ms", "150", "--section", "0", "--ports", m_sim->slavePath()});
     QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
         return out.contains(QLatin1String("led  device 10  solo 0 led  level 255"));
     }));
@@ -1762,10 +1769,10 @@ void tst_WorksurfaceTool::exerciseInterruptedTurnsTheLedsOff()
     QVERIFY2((m_err + r.err).endsWith(QLatin1String("section 0 interrupted: LEDs off (exit 9)\n")),
              qPrintable(m_err + r.err));
     // The pattern stopped early, and every LED it lit is dark again.
-    QTRY_VERIFY_WITH_TIMEOUT(!m_sim->receivedMessages(11).isEmpty() &&
-                                 m_sim->receivedMessages(11).last().payload ==
-                                     std::vector<uint8_t>({0, 0}),
-                             5000);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        !m_sim->receivedMessages(11).isEmpty() &&
+            m_sim->receivedMessages(11).last().payload == std::vector<uint8_t>({0, 0}),
+        5000);
     QTest::qWait(100);
     QMap<int, std::vector<uint8_t>> last;
     for (const SerialMessage& m : m_sim->receivedMessages(11)) {
@@ -1779,8 +1786,8 @@ void tst_WorksurfaceTool::exerciseInterruptedTurnsTheLedsOff()
 
 void tst_WorksurfaceTool::aSecondCtrlCEndsAtOnce()
 {
-    QProcess* process = start(
-        {"exercise", "--step-ms", "150", "--section", "0", "--ports", m_sim->slavePath()});
+    QProcess* process =
+        start({"exercise", "--step-ms", "150", "--section", "0", "--ports", m_sim->slavePath()});
     QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
         return out.contains(QLatin1String("led  device 0  mute 0 led  level 255"));
     }));
@@ -1795,7 +1802,8 @@ void tst_WorksurfaceTool::aSecondCtrlCEndsAtOnce()
         }
         for (const QByteArray& line : status.readAll().split('\n')) {
             if (line.startsWith("SigCgt:")) {
-                return (line.mid(7).trimmed().toULongLong(nullptr, 16) & (1ull << (SIGINT - 1))) != 0;
+                return (line.mid(7).trimmed().toULongLong(nullptr, 16) & (1ull << (SIGINT - 1))) !=
+                       0;
             }
         }
         return false;

@@ -47,8 +47,8 @@ public:
     struct FailureDetail
     {
         int reason = -1;
-        QString command;  // the refused command, or the one the error status answered
-        int status = -1;  // the bootloader's status byte, for an error status
+        QString command;    // the refused command, or the one the error status answered
+        int status = -1;    // the bootloader's status byte, for an error status
         qint64 offset = 0;  // image offset of the block in question
     };
 

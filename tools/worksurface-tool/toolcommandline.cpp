@@ -107,10 +107,10 @@ QString generalHelp()
 // The values that follow these options are not the command.
 bool takesValue(const QString& argument)
 {
-    static const QStringList options{"--model",  "--ports", "--port", "--section",
-                                     "--timeout", "--step-ms", "--max-size",
-                                     "--expect-version", "--time", "--type", "--device",
-                                     "--dir", "-m", "-p", "-s", "-t"};
+    static const QStringList options{"--model",   "--ports",   "--port",     "--section",
+                                     "--timeout", "--step-ms", "--max-size", "--expect-version",
+                                     "--time",    "--type",    "--device",   "--dir",
+                                     "-m",        "-p",        "-s",         "-t"};
     return options.contains(argument);
 }
 
@@ -235,20 +235,19 @@ int ToolCommandLine::parse(const QStringList& arguments, Options& options)
     const QCommandLineOption maxSizeOption(
         "max-size", "Refuse a larger image (bytes, or with K or M; default 256K).", "SIZE");
     const QCommandLineOption expectOption(
-        "expect-version", "Fail (exit 10) unless the section comes back with this version.",
-        "V");
-    const QCommandLineOption dryRunOption(
-        "dry-run", "Check the file and probe the sections; write nothing.");
+        "expect-version", "Fail (exit 10) unless the section comes back with this version.", "V");
+    const QCommandLineOption dryRunOption("dry-run",
+                                          "Check the file and probe the sections; write nothing.");
     const QCommandLineOption listenOption(
         "listen-only", "Send nothing (no probe, no pings, no error replies); only listen.");
     const QCommandLineOption followOption(
         "follow", "Keep waiting for a lost device to come back instead of ending (exit 2).");
     const QCommandLineOption timeOption(
-        "time", "Times as seconds since start (relative), wall clock (iso) or since the "
-                "line before (delta).",
+        "time",
+        "Times as seconds since start (relative), wall clock (iso) or since the "
+        "line before (delta).",
         "iso|relative|delta", "relative");
-    const QCommandLineOption typeOption("type", "Only these message types (numbers).",
-                                        "T[,T...]");
+    const QCommandLineOption typeOption("type", "Only these message types (numbers).", "T[,T...]");
     const QCommandLineOption deviceOption("device", "Only these device ids.", "ID[,ID...]");
     const QCommandLineOption dirOption("dir", "Only received (in) or sent (out) traffic.",
                                        "in|out");

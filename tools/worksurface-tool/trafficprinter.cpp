@@ -28,8 +28,7 @@ void TrafficPrinter::setScope(uint8_t section, const MessageCatalog::Scope& scop
     m_scopes.insert(section, scope);
 }
 
-void TrafficPrinter::setFilter(const QSet<int>& types, const QSet<int>& devices,
-                               const QString& dir)
+void TrafficPrinter::setFilter(const QSet<int>& types, const QSet<int>& devices, const QString& dir)
 {
     m_types = types;
     m_devices = devices;

@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QSerialPortInfo>
+#include <cctype>
 #include <climits>
 
 #include "base/logger.h"
@@ -67,8 +68,9 @@ QString failureText(const SectionSession::FailureDetail& detail)
                 .arg(detail.command)
                 .arg(detail.offset);
         case ISectionUpdaterListener::BootloaderErrorStatus:
-            return QStringLiteral("the bootloader reported an error status: %1 after %2 at "
-                                  "offset %3")
+            return QStringLiteral(
+                       "the bootloader reported an error status: %1 after %2 at "
+                       "offset %3")
                 .arg(detail.status >= 0 ? bootloaderCommandName(uint8_t(detail.status))
                                         : QStringLiteral("unknown"),
                      detail.command)
@@ -428,9 +430,11 @@ QString WorksurfaceTool::imageProblem(const QByteArray& head, qint64 size) const
     if (size == 0) {
         return QStringLiteral("is empty");
     }
-    if (head.startsWith("\x7f" "ELF")) {
-        return QStringLiteral("is an ELF file, not a binary image (make one with objcopy -O "
-                              "binary)");
+    if (head.startsWith("\x7f"
+                        "ELF")) {
+        return QStringLiteral(
+            "is an ELF file, not a binary image (make one with objcopy -O "
+            "binary)");
     }
     // Text images: every line a record of hex digits, Intel HEX lines beginning with a
     // colon, S-records with S and the record type.
@@ -449,13 +453,15 @@ QString WorksurfaceTool::imageProblem(const QByteArray& head, qint64 size) const
     };
     const QByteArray first = lines.value(0).trimmed();
     if (first.startsWith(':') && hexText(first, 1)) {
-        return QStringLiteral("is Intel HEX text, not a binary image (make one with objcopy -I "
-                              "ihex -O binary)");
+        return QStringLiteral(
+            "is Intel HEX text, not a binary image (make one with objcopy -I "
+            "ihex -O binary)");
     }
     if (first.size() > 2 && first.at(0) == 'S' && first.at(1) >= '0' && first.at(1) <= '9' &&
         hexText(first, 2)) {
-        return QStringLiteral("is S-record text, not a binary image (make one with objcopy -I "
-                              "srec -O binary)");
+        return QStringLiteral(
+            "is S-record text, not a binary image (make one with objcopy -I "
+            "srec -O binary)");
     }
     if (size > m_options.maxSize) {
         return QStringLiteral("is %1 bytes, more than the %2 a section takes (--max-size)")
@@ -522,8 +528,8 @@ int WorksurfaceTool::flash()
     }
     file.close();
 
-    const auto failed = [&](FlashJob* job, uint8_t index, int exit, const QString& why,
-                            int reason, const QString& error, const JsonLine& extra) {
+    const auto failed = [&](FlashJob* job, uint8_t index, int exit, const QString& why, int reason,
+                            const QString& error, const JsonLine& extra) {
         QByteArray bytes;
         if (m_output->isJson()) {
             JsonLine line;
@@ -572,12 +578,11 @@ int WorksurfaceTool::flash()
         }
         return ExitCode::FileError;
     }
-    ToolOutput::note(
-        QStringLiteral("image %1  %2 bytes  sha256 %3")
-            .arg(m_options.file)
-            .arg(total)
-            .arg(QString::fromLatin1(
-                QCryptographicHash::hash(image, QCryptographicHash::Sha256).toHex())));
+    ToolOutput::note(QStringLiteral("image %1  %2 bytes  sha256 %3")
+                         .arg(m_options.file)
+                         .arg(total)
+                         .arg(QString::fromLatin1(
+                             QCryptographicHash::hash(image, QCryptographicHash::Sha256).toHex())));
 
     InterruptWatcher watcher;
     std::vector<std::unique_ptr<FlashJob>> jobs;
@@ -650,8 +655,7 @@ int WorksurfaceTool::flash()
                 // At least a millisecond: a small image may pass within one.
                 const qint64 elapsedMs =
                     qMax<qint64>(1, (MonotonicClock::nowNs() - s.transferStartNs()) / kNsPerMs);
-                emitBytes(job, '\r' + ProgressBar::line(job.index, percent, bytes, total,
-                                                        elapsedMs)
+                emitBytes(job, '\r' + ProgressBar::line(job.index, percent, bytes, total, elapsedMs)
                                           .toLocal8Bit());
                 job.barDrawn = true;
             }
@@ -738,9 +742,9 @@ int WorksurfaceTool::flash()
                                       .add("event", "done")
                                       .add("version", s.version()));
                 } else {
-                    emitText(job, QStringLiteral("section %1  done  version %2")
-                                      .arg(index)
-                                      .arg(s.version()));
+                    emitText(
+                        job,
+                        QStringLiteral("section %1  done  version %2").arg(index).arg(s.version()));
                 }
                 if (m_options.expectVersion >= 0 && s.version() != m_options.expectVersion) {
                     failed(&job, index, ExitCode::WrongVersion,
@@ -801,9 +805,8 @@ int WorksurfaceTool::flash()
                 keepFirst(code, ExitCode::StillInBootloader);
                 break;
             case FlashJob::Outcome::Interrupted: {
-                const QString what = job.resetSent
-                                         ? QStringLiteral("interrupted: section reset")
-                                         : QStringLiteral("interrupted");
+                const QString what = job.resetSent ? QStringLiteral("interrupted: section reset")
+                                                   : QStringLiteral("interrupted");
                 if (m_output->isJson()) {
                     emitJson(job, JsonLine()
                                       .add("section", static_cast<int>(index))
@@ -992,8 +995,7 @@ int WorksurfaceTool::monitor()
                     const QString error = s.serialError();
                     printer.event(now, s.index(),
                                   QStringLiteral("device lost: %1%2")
-                                      .arg(error, m_options.follow &&
-                                                          !m_options.listenOnly
+                                      .arg(error, m_options.follow && !m_options.listenOnly
                                                       ? QStringLiteral("; waiting for it")
                                                       : QString()),
                                   "lost", JsonLine().add("error", error));
@@ -1156,9 +1158,8 @@ int WorksurfaceTool::exercise()
             }
             queue();
             // A link whose device went away empties its queue into nothing.
-            alive = waitUntil(
-                        [&] { return s->queuedMessages() == 0 || watcher.isInterrupted(); },
-                        m_options.timeoutMs) &&
+            alive = waitUntil([&] { return s->queuedMessages() == 0 || watcher.isInterrupted(); },
+                              m_options.timeoutMs) &&
                     s->serialIsOpen();
             waitUntil([&] { return watcher.isInterrupted(); }, m_options.stepMs);
         };
