@@ -142,7 +142,9 @@ QString SectionSession::serialError() const
 
 bool SectionSession::abortUpdate()
 {
-    if (!m_updater || !m_serial || !m_serial->isOpen() || !m_updater->isActive()) {
+    // Only a section that is being written sits in its bootloader for sure: one still
+    // being probed may be running its application, which a Reset packet would only confuse.
+    if (!m_updater || !m_serial || !m_serial->isOpen() || !m_updater->isUpdating()) {
         return false;
     }
     // The updater goes no further; its bootloader is told to reset (its application

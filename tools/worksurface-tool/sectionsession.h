@@ -82,9 +82,9 @@ public:
     qint64 bytesReceivedCount() const { return m_bytesReceived; }
     // How often the link has probed again for a section that did not answer.
     uint64_t reconnectAttempts() const;
-    // Ends a bootloader exchange early (Ctrl-C during flash): the section is told to reset,
-    // which takes it out of its bootloader, and the updater is stopped from going on.
-    // Returns whether a reset was sent.
+    // Ends an update early (Ctrl-C during flash): the section is told to reset, which takes
+    // it out of its bootloader, and nothing the updater would send next reaches the line.
+    // Returns whether a reset was sent (only while an update runs).
     bool abortUpdate();
     // Sends one message at once, bypassing the queue (the LEDs off after an interrupted
     // exercise).
