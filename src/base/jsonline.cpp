@@ -76,6 +76,17 @@ JsonLine& JsonLine::addJson(const char* key, const QByteArray& json)
     return *this;
 }
 
+JsonLine& JsonLine::append(const JsonLine& other)
+{
+    if (!other.m_body.isEmpty()) {
+        if (!m_body.isEmpty()) {
+            m_body += ',';
+        }
+        m_body += other.m_body;
+    }
+    return *this;
+}
+
 QByteArray JsonLine::toJson() const
 {
     return '{' + m_body + '}';

@@ -22,6 +22,9 @@ public:
     // A value already written as JSON (an array, say).
     JsonLine& addJson(const char* key, const QByteArray& json);
 
+    // The keys of another line, after these.
+    JsonLine& append(const JsonLine& other);
+
     QByteArray toJson() const;
 
 private:

@@ -3,6 +3,7 @@
 #include <QColor>
 #include <iterator>
 
+#include "base/isettings.h"
 #include "surface/controltypes.h"
 #include "surface/deviceidtable.h"
 
@@ -74,6 +75,15 @@ const MessageTypeEntry kMessageTypes[] = {
     {"surface over-brightness", ControlKind::Section, ValueKind::Level},
 };
 
+// Where a family of controls sits: on every strip, on the master section's side rotaries,
+// or once on the master section.
+enum class Place
+{
+    Strip,
+    Side,
+    Master,
+};
+
 // A family of controls and its name; "%1" takes the control's index within the section.
 // Families without an index have one control whatever index is asked for.
 struct ControlFamily
@@ -82,6 +92,7 @@ struct ControlFamily
     int32_t type;
     const char* name;
     bool indexed;
+    Place place;
 };
 
 template <typename E>
@@ -91,43 +102,47 @@ constexpr int32_t v(E e)
 }
 
 const ControlFamily kControlFamilies[] = {
-    {ControlKind::Fader, v(FaderType::Fader), "fader %1", true},
-    {ControlKind::Fader, v(FaderType::MasterFader), "master fader", false},
-    {ControlKind::Button, v(ButtonType::Mute), "mute %1", true},
-    {ControlKind::Button, v(ButtonType::Solo), "solo %1", true},
-    {ControlKind::Button, v(ButtonType::MasterMute), "master mute", false},
-    {ControlKind::Button, v(ButtonType::MasterSolo), "master solo", false},
-    {ControlKind::Button, v(ButtonType::NextSnapsthot), "next snapshot", false},
-    {ControlKind::Button, v(ButtonType::PreviousSnapshot), "previous snapshot", false},
-    {ControlKind::Button, v(ButtonType::LayerUp), "layer up", false},
-    {ControlKind::Button, v(ButtonType::LayerDown), "layer down", false},
-    {ControlKind::Button, v(ButtonType::Spillset), "spill set", false},
-    {ControlKind::Button, v(ButtonType::Overview), "overview", false},
-    {ControlKind::Button, v(ButtonType::UnderscreenRotary), "rotary %1 push", true},
-    {ControlKind::Button, v(ButtonType::SideRotary), "side rotary %1 push", true},
-    {ControlKind::Led, v(LedType::MuteButton), "mute %1 led", true},
-    {ControlKind::Led, v(LedType::SoloButton), "solo %1 led", true},
-    {ControlKind::Led, v(LedType::MasterMuteButton), "master mute led", false},
-    {ControlKind::Led, v(LedType::MasterSoloButton), "master solo led", false},
-    {ControlKind::Led, v(LedType::NextSnapsthotButton), "next snapshot led", false},
-    {ControlKind::Led, v(LedType::PreviousSnapshotButton), "previous snapshot led", false},
-    {ControlKind::Led, v(LedType::LayerUpButton), "layer up led", false},
-    {ControlKind::Led, v(LedType::LayerDownButton), "layer down led", false},
-    {ControlKind::Led, v(LedType::SpillsetButton), "spill set led", false},
-    {ControlKind::Led, v(LedType::OverviewButton), "overview led", false},
-    {ControlKind::RgbLed, v(RgbLedType::UnderscreenRotaryButton), "rotary %1 ring", true},
-    {ControlKind::RgbLed, v(RgbLedType::SideRotaryButton), "side rotary %1 ring", true},
-    {ControlKind::RgbLed, v(RgbLedType::NameLogo), "name logo", false},
-    {ControlKind::RgbLed, v(RgbLedType::MainLogo), "main logo", false},
-    {ControlKind::RgbLed, v(RgbLedType::HeadphoneLogo), "headphone logo", false},
-    {ControlKind::RgbLed, v(RgbLedType::SnapshotLogo), "snapshot logo", false},
-    {ControlKind::RgbLed, v(RgbLedType::DashboardLogo), "dashboard logo", false},
-    {ControlKind::RgbLed, v(RgbLedType::OverviewLogo), "overview logo", false},
-    {ControlKind::Rotary, v(RotaryType::UnderScreen), "rotary %1", true},
-    {ControlKind::Rotary, v(RotaryType::SideRotary), "side rotary %1", true},
-    {ControlKind::Pot, v(PotType::Headphone), "headphone pot", false},
-    {ControlKind::Meter, v(MeterType::MasterLeft), "master meter left", false},
-    {ControlKind::Meter, v(MeterType::MasterRight), "master meter right", false},
+    {ControlKind::Fader, v(FaderType::Fader), "fader %1", true, Place::Strip},
+    {ControlKind::Fader, v(FaderType::MasterFader), "master fader", false, Place::Master},
+    {ControlKind::Button, v(ButtonType::Mute), "mute %1", true, Place::Strip},
+    {ControlKind::Button, v(ButtonType::Solo), "solo %1", true, Place::Strip},
+    {ControlKind::Button, v(ButtonType::MasterMute), "master mute", false, Place::Master},
+    {ControlKind::Button, v(ButtonType::MasterSolo), "master solo", false, Place::Master},
+    {ControlKind::Button, v(ButtonType::NextSnapsthot), "next snapshot", false, Place::Master},
+    {ControlKind::Button, v(ButtonType::PreviousSnapshot), "previous snapshot", false,
+     Place::Master},
+    {ControlKind::Button, v(ButtonType::LayerUp), "layer up", false, Place::Master},
+    {ControlKind::Button, v(ButtonType::LayerDown), "layer down", false, Place::Master},
+    {ControlKind::Button, v(ButtonType::Spillset), "spill set", false, Place::Master},
+    {ControlKind::Button, v(ButtonType::Overview), "overview", false, Place::Master},
+    {ControlKind::Button, v(ButtonType::UnderscreenRotary), "rotary %1 push", true, Place::Strip},
+    {ControlKind::Button, v(ButtonType::SideRotary), "side rotary %1 push", true, Place::Side},
+    {ControlKind::Led, v(LedType::MuteButton), "mute %1 led", true, Place::Strip},
+    {ControlKind::Led, v(LedType::SoloButton), "solo %1 led", true, Place::Strip},
+    {ControlKind::Led, v(LedType::MasterMuteButton), "master mute led", false, Place::Master},
+    {ControlKind::Led, v(LedType::MasterSoloButton), "master solo led", false, Place::Master},
+    {ControlKind::Led, v(LedType::NextSnapsthotButton), "next snapshot led", false, Place::Master},
+    {ControlKind::Led, v(LedType::PreviousSnapshotButton), "previous snapshot led", false,
+     Place::Master},
+    {ControlKind::Led, v(LedType::LayerUpButton), "layer up led", false, Place::Master},
+    {ControlKind::Led, v(LedType::LayerDownButton), "layer down led", false, Place::Master},
+    {ControlKind::Led, v(LedType::SpillsetButton), "spill set led", false, Place::Master},
+    {ControlKind::Led, v(LedType::OverviewButton), "overview led", false, Place::Master},
+    {ControlKind::RgbLed, v(RgbLedType::UnderscreenRotaryButton), "rotary %1 ring", true,
+     Place::Strip},
+    {ControlKind::RgbLed, v(RgbLedType::SideRotaryButton), "side rotary %1 ring", true,
+     Place::Side},
+    {ControlKind::RgbLed, v(RgbLedType::NameLogo), "name logo", false, Place::Master},
+    {ControlKind::RgbLed, v(RgbLedType::MainLogo), "main logo", false, Place::Master},
+    {ControlKind::RgbLed, v(RgbLedType::HeadphoneLogo), "headphone logo", false, Place::Master},
+    {ControlKind::RgbLed, v(RgbLedType::SnapshotLogo), "snapshot logo", false, Place::Master},
+    {ControlKind::RgbLed, v(RgbLedType::DashboardLogo), "dashboard logo", false, Place::Master},
+    {ControlKind::RgbLed, v(RgbLedType::OverviewLogo), "overview logo", false, Place::Master},
+    {ControlKind::Rotary, v(RotaryType::UnderScreen), "rotary %1", true, Place::Strip},
+    {ControlKind::Rotary, v(RotaryType::SideRotary), "side rotary %1", true, Place::Side},
+    {ControlKind::Pot, v(PotType::Headphone), "headphone pot", false, Place::Master},
+    {ControlKind::Meter, v(MeterType::MasterLeft), "master meter left", false, Place::Master},
+    {ControlKind::Meter, v(MeterType::MasterRight), "master meter right", false, Place::Master},
 };
 
 uint8_t deviceId(ControlKind kind, int32_t type, int index)
@@ -182,7 +197,16 @@ QString MessageCatalog::typeName(uint8_t type)
     return e ? QString::fromLatin1(e->name) : QStringLiteral("type %1").arg(type);
 }
 
-QString MessageCatalog::controlName(uint8_t type, uint8_t device)
+MessageCatalog::Scope MessageCatalog::scopeFor(const ISettings& settings, uint8_t section)
+{
+    Scope scope;
+    scope.master = settings.masterSectionIndex() == section;
+    scope.strips = settings.stripCount();
+    scope.sideRotaries = scope.master ? settings.sideRotaryCount() : 0;
+    return scope;
+}
+
+QString MessageCatalog::controlName(uint8_t type, uint8_t device, const Scope& scope)
 {
     const MessageTypeEntry* e = entry(type);
     if (!e) {
@@ -192,7 +216,7 @@ QString MessageCatalog::controlName(uint8_t type, uint8_t device)
         return device == 0 ? QStringLiteral("section") : QString();
     }
     for (const ControlFamily& family : kControlFamilies) {
-        if (family.kind != e->kind) {
+        if (family.kind != e->kind || (family.place != Place::Strip && !scope.master)) {
             continue;
         }
         if (!family.indexed) {
@@ -201,7 +225,8 @@ QString MessageCatalog::controlName(uint8_t type, uint8_t device)
             }
             continue;
         }
-        for (int index = 0; index <= 255; ++index) {
+        const int count = family.place == Place::Side ? scope.sideRotaries : scope.strips;
+        for (int index = 0; index <= 255 && index < count; ++index) {
             const uint8_t id = deviceId(family.kind, family.type, index);
             if (id == DeviceIdTable::NoDevice) {
                 break;
@@ -214,17 +239,18 @@ QString MessageCatalog::controlName(uint8_t type, uint8_t device)
     return QString();
 }
 
-bool MessageCatalog::isControlReport(const SerialMessage& message)
+bool MessageCatalog::isControlReport(const SerialMessage& message, const Scope& scope)
 {
     if (message.type == MessageType::Ping) {
         return true;
     }
     const MessageTypeEntry* e = entry(message.type);
     return e && e->kind != ControlKind::Section && e->kind != ControlKind::None &&
-           !controlName(message.type, message.deviceId).isEmpty();
+           !controlName(message.type, message.deviceId, scope).isEmpty();
 }
 
-MessageCatalog::Description MessageCatalog::describe(const SerialMessage& message)
+MessageCatalog::Description MessageCatalog::describe(const SerialMessage& message,
+                                                     const Scope& scope)
 {
     Description d;
     if (message.zeroFill) {
@@ -234,7 +260,7 @@ MessageCatalog::Description MessageCatalog::describe(const SerialMessage& messag
         return d;
     }
     d.typeName = typeName(message.type);
-    d.control = controlName(message.type, message.deviceId);
+    d.control = controlName(message.type, message.deviceId, scope);
     const MessageTypeEntry* e = entry(message.type);
     if (!e) {
         return d;

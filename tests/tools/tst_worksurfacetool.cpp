@@ -8,16 +8,24 @@
 #include <pty.h>
 #include <termios.h>
 #include <unistd.h>
+#include <QCryptographicHash>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
+#include <QSerialPort>
 #include <QSocketNotifier>
 #include <QTemporaryDir>
 #include <QtTest>
 #include <csignal>
+#include <functional>
 #include <memory>
 
 #include "support/ptysectionsimulator.h"
+#include "surface/controltypes.h"
+#include "surface/deviceidtable.h"
 #include "updater/bootloaderpacket.h"
 
 using namespace Velmora::Worksurface;
@@ -107,6 +115,40 @@ private slots:
     // exercise
     void exerciseSendsThePatternToASection();
 
+    // On a real bench
+    void monitorShowsALateSectionAndWhatItSentBeforeItsAnswer();
+    void aSectionThatSendsGarbageIsGarbledNotSilent();
+    void monitorEndsWithTwoWhenTheDeviceIsLost();
+    void monitorWithFollowKeepsWaitingForALostDevice();
+    void monitorListenOnlySendsNothing();
+    void monitorFiltersByTypeDeviceAndDirection();
+    void monitorTimesAsIsoOrDelta();
+    void flashRefusesWhatIsNoBinaryImage_data();
+    void flashRefusesWhatIsNoBinaryImage();
+    void flashPrintsTheImagesSizeAndSha256();
+    void flashDryRunProbesAndWritesNothing();
+    void flashExpectVersionFailsOnAnotherVersion();
+    void flashReportsTheStatusCommandAndOffsetOfAnErrorInTheImage();
+    void flashInterruptedResetsTheSectionOutOfItsBootloader();
+    void flashWritesThreeSectionsAtOnceGroupedPerSection();
+    void portsNamesTheProcessHoldingTheDevice();
+    void anotherNameOfAHeldDeviceIsNotOpened();
+    void portsScanListsSerialDevices();
+    void aSinglePortsEntryIsTheGivenSections();
+    void tooManyPortsEntriesAreAUsageError();
+    void shortOptionsAreAccepted();
+    void helpIsACommand();
+    void decodeReadsStandardInputFromDash();
+    void decodeOfAKnownSectionNamesOnlyItsControls();
+    void decodeOfAMissingFileSaysWhy();
+    void probeChecksEverySectionAtOnce();
+    void exerciseCoversTheMasterSection();
+    void exerciseSkipsASectionThatDoesNotAnswer();
+    void exerciseReportsASectionThatStopsAnswering();
+    void exerciseInterruptedTurnsTheLedsOff_data();
+    void exerciseInterruptedTurnsTheLedsOff();
+    void aSecondCtrlCEndsAtOnce();
+
 private:
     Run run(const QStringList& arguments, int timeoutMs = kRunTimeout);
     // Starts the tool without waiting for it.
@@ -114,6 +156,13 @@ private:
     static Run finish(QProcess& process, int timeoutMs);
     QString writeImage(const QByteArray& image);
     QString missingDevice() const { return m_dir->filePath(QStringLiteral("no-such-tty")); }
+    // Runs the event loop until the process's standard output and error so far satisfy the
+    // condition; what was read is kept in out and err.
+    bool readUntil(QProcess& process,
+                   const std::function<bool(const QString& out, const QString& err)>& condition,
+                   int timeoutMs = 10000);
+    QString m_out;
+    QString m_err;
 
     std::unique_ptr<QTemporaryDir> m_dir;
     std::unique_ptr<PtySectionSimulator> m_sim;
@@ -143,6 +192,8 @@ void tst_WorksurfaceTool::cleanup()
         m_process->waitForFinished(5000);
     }
     m_process.reset();
+    m_out.clear();
+    m_err.clear();
     m_sim.reset();
     m_dir.reset();
 }
@@ -183,6 +234,28 @@ Run tst_WorksurfaceTool::run(const QStringList& arguments, int timeoutMs)
     return finish(*start(arguments), timeoutMs);
 }
 
+bool tst_WorksurfaceTool::readUntil(
+    QProcess& process, const std::function<bool(const QString&, const QString&)>& condition,
+    int timeoutMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    for (;;) {
+        m_out += QString::fromLocal8Bit(process.readAllStandardOutput());
+        m_err += QString::fromLocal8Bit(process.readAllStandardError());
+        if (condition(m_out, m_err)) {
+            return true;
+        }
+        if (timer.elapsed() > timeoutMs || process.state() == QProcess::NotRunning) {
+            m_out += QString::fromLocal8Bit(process.readAllStandardOutput());
+            m_err += QString::fromLocal8Bit(process.readAllStandardError());
+            return condition(m_out, m_err);
+        }
+        // The simulators answer on this event loop.
+        QTest::qWait(20);
+    }
+}
+
 QString tst_WorksurfaceTool::writeImage(const QByteArray& image)
 {
     const QString path = m_dir->filePath(QStringLiteral("worksurface-new.bin"));
@@ -216,19 +289,30 @@ void tst_WorksurfaceTool::everyCommandHasItsHelp_data()
 {
     QTest::addColumn<QString>("command");
     QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QStringList>("absent");
     const QStringList common{"--model", "--ports", "--section", "--timeout", "--json"};
-    QTest::newRow("ports") << "ports" << common;
-    QTest::newRow("probe") << "probe" << common;
-    QTest::newRow("flash") << "flash" << common;
-    QTest::newRow("monitor") << "monitor" << (common + QStringList{"--raw"});
-    QTest::newRow("decode") << "decode" << (common + QStringList{"--raw"});
-    QTest::newRow("exercise") << "exercise" << (common + QStringList{"--step-ms"});
+    QTest::newRow("ports") << "ports" << (common + QStringList{"--scan"}) << QStringList{};
+    QTest::newRow("probe") << "probe" << common << QStringList{};
+    QTest::newRow("flash") << "flash"
+                           << (common + QStringList{"--max-size", "--expect-version", "--dry-run"})
+                           << QStringList{};
+    // Monitor waits for nothing; decode opens no port.
+    QTest::newRow("monitor") << "monitor"
+                             << QStringList{"--model", "--ports", "--port",        "--section",
+                                            "--json",  "--raw",   "--listen-only", "--follow",
+                                            "--time",  "--type",  "--device",      "--dir"}
+                             << QStringList{"--timeout"};
+    QTest::newRow("decode") << "decode"
+                            << QStringList{"--model", "--section", "--json", "--raw", "(default 0)"}
+                            << QStringList{"--ports", "--port ", "--timeout", "default: all"};
+    QTest::newRow("exercise") << "exercise" << (common + QStringList{"--step-ms"}) << QStringList{};
 }
 
 void tst_WorksurfaceTool::everyCommandHasItsHelp()
 {
     QFETCH(QString, command);
     QFETCH(QStringList, options);
+    QFETCH(QStringList, absent);
     const Run r = run({command, "--help"});
     QCOMPARE(r.exitCode, 0);
     const QString help = r.out.join('\n');
@@ -237,6 +321,20 @@ void tst_WorksurfaceTool::everyCommandHasItsHelp()
     for (const QString& option : options) {
         QVERIFY2(help.contains(option), qPrintable(option));
     }
+    for (const QString& option : absent) {
+        QVERIFY2(!help.contains(option), qPrintable(option));
+    }
+    // The usage line names the tool as it is typed, not the binary's build path.
+    const QString file = command == QLatin1String("flash")    ? QStringLiteral(" FILE")
+                         : command == QLatin1String("decode") ? QStringLiteral(" [FILE]")
+                                                              : QString();
+    QCOMPARE(r.out.first(),
+             QStringLiteral("Usage: worksurface-tool %1 [options]%2").arg(command, file));
+    QVERIFY(!help.contains(QLatin1String(TARVIX_TOOL_PATH)));
+    // "help COMMAND" is the same text.
+    const Run viaHelp = run({"help", command});
+    QCOMPARE(viaHelp.exitCode, 0);
+    QCOMPARE(viaHelp.out, r.out);
 }
 
 void tst_WorksurfaceTool::versionPrintsTheToolsVersion()
@@ -526,7 +624,9 @@ void tst_WorksurfaceTool::flashStopsOnANakStormWithExitFive()
     m_sim->nakCommand(BootloaderCommand::SendData, -1);
     const Run r = run({"flash", path, "--json", "--section", "0", "--ports", m_sim->slavePath()});
     QCOMPARE(r.exitCode, 5);
-    QCOMPARE(r.out.last(), QStringLiteral(R"({"section":0,"event":"failed","reason":1,"exit":5})"));
+    // The refused command and where in the image it was.
+    QCOMPARE(r.out.last(), QStringLiteral(R"({"section":0,"event":"failed","reason":1,"exit":5,)"
+                                          R"("command":"SendData","offset":0})"));
     // The first block, then five resends; then the section is reset.
     QCOMPARE(m_sim->commandCount(BootloaderCommand::SendData), 6);
     QCOMPARE(m_sim->commandCount(BootloaderCommand::Reset), 1);
@@ -534,7 +634,9 @@ void tst_WorksurfaceTool::flashStopsOnANakStormWithExitFive()
     m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
     const Run text = run({"flash", path, "--section", "0", "--ports", m_sim->slavePath()});
     QCOMPARE(text.exitCode, 5);
-    QCOMPARE(text.out.last(), QStringLiteral("section 0  failed  resends exhausted (exit 5)"));
+    QCOMPARE(text.out.last(),
+             QStringLiteral("section 0  failed  resends exhausted: SendData refused at offset 0 "
+                            "(exit 5)"));
 }
 
 void tst_WorksurfaceTool::flashStopsOnAnErrorStatusWithExitSix()
@@ -546,7 +648,8 @@ void tst_WorksurfaceTool::flashStopsOnAnErrorStatusWithExitSix()
     QCOMPARE(r.exitCode, 6);
     QCOMPARE(r.out, QStringList({
                         R"({"section":0,"event":"progress","percent":0,"bytes":0,"total":300})",
-                        R"({"section":0,"event":"failed","reason":2,"exit":6})",
+                        R"({"section":0,"event":"failed","reason":2,"exit":6,)"
+                        R"("status":"FlashFailure","command":"Download","offset":0})",
                     }));
     QCOMPARE(m_sim->commandCount(BootloaderCommand::SendData), 0);
     QCOMPARE(m_sim->commandCount(BootloaderCommand::Reset), 1);
@@ -556,7 +659,8 @@ void tst_WorksurfaceTool::flashStopsOnAnErrorStatusWithExitSix()
     const Run text = run({"flash", path, "--section", "0", "--ports", m_sim->slavePath()});
     QCOMPARE(text.exitCode, 6);
     QCOMPARE(text.out.last(),
-             QStringLiteral("section 0  failed  the bootloader reported an error status (exit 6)"));
+             QStringLiteral("section 0  failed  the bootloader reported an error status: "
+                            "FlashFailure after Download at offset 0 (exit 6)"));
 }
 
 void tst_WorksurfaceTool::flashWithAMissingFileExitsWithFourWithoutOpeningAPort()
@@ -663,8 +767,9 @@ void tst_WorksurfaceTool::flashGivesUpOnASectionThatStaysInItsBootloader()
         }
     });
     const Run r = run({"flash", path, "--json", "--section", "0", "--ports", m_sim->slavePath()});
-    QCOMPARE(r.exitCode, 3);
-    QCOMPARE(r.out.last(), QStringLiteral(R"({"section":0,"event":"failed","exit":3})"));
+    // It answered: not a silent section (3) but one of its own (8).
+    QCOMPARE(r.exitCode, 8);
+    QCOMPARE(r.out.last(), QStringLiteral(R"({"section":0,"event":"failed","exit":8})"));
     // The updater's own retry wrote the image a second time; after that the tool only
     // probed, and left the section where it was.
     QCOMPARE(m_sim->commandCount(BootloaderCommand::Download), 2);
@@ -730,7 +835,9 @@ void tst_WorksurfaceTool::monitorShowsTrafficInOrderAndEndsCleanlyOnSigint()
                           "section 0  in   fader touch  device 3  fader 3  touch on",
                           "section 0  in   button  device 2  mute 2  pressed",
                           "section 0  in   noise  fffefdfcfb",
-                          "section 0  in   rotary step  device 12  side rotary 2  steps -2",
+                          // Section 0 of a K60 is a strip section: device 12 names
+                          // none of its controls (side rotaries are the master's).
+                          "section 0  in   rotary step  device 12  steps -2",
                           "section 0  in   noise  fafa",
                           "section 0  in   noise  f9f8f7",
                       }));
@@ -739,8 +846,9 @@ void tst_WorksurfaceTool::monitorShowsTrafficInOrderAndEndsCleanlyOnSigint()
 void tst_WorksurfaceTool::monitorAsJsonWithRawBytes()
 {
     m_sim->setVersionReport(34, 41);
+    // Section 2 is the K60's master section, with the master fader.
     QProcess* process =
-        start({"monitor", "--json", "--raw", "--section", "0", "--ports", m_sim->slavePath()});
+        start({"monitor", "--json", "--raw", "--section", "2", "--ports", m_sim->slavePath()});
     QString out;
     const auto readOut = [&] {
         out += QString::fromLocal8Bit(process->readAllStandardOutput());
@@ -761,15 +869,15 @@ void tst_WorksurfaceTool::monitorAsJsonWithRawBytes()
         lines << m.captured(1);
     }
     QVERIFY(lines.size() >= 4);
-    QCOMPARE(lines.at(0), QStringLiteral(R"("section":0,"dir":"out","type":0,"typeName":"ping",)"
+    QCOMPARE(lines.at(0), QStringLiteral(R"("section":2,"dir":"out","type":0,"typeName":"ping",)"
                                          R"("device":0,"control":"section","hex":"03000003"})"));
     QCOMPARE(lines.at(1),
-             QStringLiteral(R"("section":0,"dir":"in","type":0,"typeName":"ping","device":0,)"
+             QStringLiteral(R"("section":2,"dir":"in","type":0,"typeName":"ping","device":0,)"
                             R"("control":"section","value":{"version":34,"temperature":41},)"
                             R"("hex":"0600000a22295b"})"));
-    QVERIFY(lines.contains(QStringLiteral(R"("section":0,"dir":"in","noise":"ffff"})")));
+    QVERIFY(lines.contains(QStringLiteral(R"("section":2,"dir":"in","noise":"ffff"})")));
     QVERIFY(lines.contains(QStringLiteral(
-        R"("section":0,"dir":"in","type":7,"typeName":"fader position",)"
+        R"("section":2,"dir":"in","type":7,"typeName":"fader position",)"
         R"("device":10,"control":"master fader","value":511,"hex":"05070a01ff16"})")));
 }
 
@@ -950,6 +1058,765 @@ void tst_WorksurfaceTool::exerciseSendsThePatternToASection()
     QCOMPARE(lines.at(30), QStringLiteral("section 0  out  led  device 0  mute 0 led  level 255"));
     QCOMPARE(lines.last(),
              QStringLiteral("section 0  out  rgb colour  device 9  rotary 9 ring  colour #000000"));
+}
+
+// --- On a real bench ---------------------------------------------------------------------
+
+void tst_WorksurfaceTool::monitorShowsALateSectionAndWhatItSentBeforeItsAnswer()
+{
+    // The board is powered after the monitor started: it misses the first probe, then
+    // talks.
+    m_sim->setSilent(true);
+    m_sim->setVersionReport(34, 41);
+    QProcess* process = start({"monitor", "--section", "0", "--ports", m_sim->slavePath()});
+    QTRY_VERIFY_WITH_TIMEOUT(m_sim->commandCount(BootloaderCommand::AutoBaud) >= 1, 10000);
+    // A report sent while the link still waits for its probe answer reaches no one; it is
+    // shown as it came.
+    m_sim->sendFrame(7, 3, QByteArray::fromHex("018f"));
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String("section 0  in   noise  050703018f9f"));
+    }));
+    m_sim->setSilent(false);
+    // The link probes again within a second and comes up.
+    QVERIFY(readUntil(*process, [](const QString& out, const QString& err) {
+        return out.contains(QLatin1String("version 34 temperature 41")) &&
+               err.contains(QLatin1String("section 0  link connected"));
+    }));
+    QVERIFY2(m_err.contains(QRegularExpression(
+                 R"(\d+\.\d{3}  section 0  no answer to the probe yet; probing again every 1 s)")),
+             qPrintable(m_err));
+    m_sim->sendFaderPosition(3, 399);
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String("in   fader position  device 3  fader 3  position 399"));
+    }));
+    ::kill(static_cast<pid_t>(process->processId()), SIGINT);
+    const Run r = finish(*process, 10000);
+    QCOMPARE(r.exitCode, 0);
+    QVERIFY(m_sim->commandCount(BootloaderCommand::AutoBaud) >= 2);
+}
+
+void tst_WorksurfaceTool::aSectionThatSendsGarbageIsGarbledNotSilent()
+{
+    // A section on another baud rate: whatever it is asked, bytes come back that mean
+    // nothing (and none of them a bootloader answer).
+    const QByteArray garbage = QByteArray::fromHex("f0e1d2c3b4a59687");
+    m_sim->setSilent(true);
+    connect(m_sim.get(), &PtySectionSimulator::autoBaudReceived, this,
+            [&] { m_sim->sendRaw(garbage); });
+    const QString sim = m_sim->slavePath();
+    const Run r = run({"probe", "--timeout", "0.5", "--section", "0", "--ports", sim});
+    QCOMPARE(r.exitCode, 3);
+    QCOMPARE(r.out, QStringList({QStringLiteral("section 0  %1  garbled").arg(sim)}));
+    const Run json = run({"probe", "--json", "--timeout", "0.5", "--section", "0", "--ports", sim});
+    QCOMPARE(json.out, QStringList({QStringLiteral(R"({"section":0,"device":"%1","state":)"
+                                                   R"("garbled"})")
+                                        .arg(sim)}));
+
+    // Monitor shows those bytes.
+    QProcess* process = start({"monitor", "--section", "0", "--ports", sim});
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String("section 0  in   noise  f0e1d2c3b4a59687"));
+    }));
+    ::kill(static_cast<pid_t>(process->processId()), SIGINT);
+    QCOMPARE(finish(*process, 10000).exitCode, 0);
+}
+
+void tst_WorksurfaceTool::monitorEndsWithTwoWhenTheDeviceIsLost()
+{
+    m_sim->setVersionReport(34, 41);
+    const QString sim = m_sim->slavePath();
+    QProcess* process = start({"monitor", "--section", "0", "--ports", sim});
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String("version 34 temperature 41"));
+    }));
+    m_sim->hangUp();
+    const Run r = finish(*process, 10000);
+    QCOMPARE(r.exitStatus, QProcess::NormalExit);
+    QCOMPARE(r.exitCode, 2);
+    m_err += r.err;
+    QVERIFY2(m_err.contains(QRegularExpression(
+                 QStringLiteral(R"(\d+\.\d{3}  section 0  device lost: Device gone: %1\n)")
+                     .arg(QRegularExpression::escape(sim)))),
+             qPrintable(m_err));
+    QVERIFY(m_err.endsWith(QLatin1String("monitor ended\n")));
+
+    // As JSON, an event object among the traffic.
+    auto other = std::make_unique<PtySectionSimulator>();
+    QVERIFY(other->isOpen());
+    other->setVersionReport(34, 41);
+    m_out.clear();
+    m_err.clear();
+    process = start({"monitor", "--json", "--section", "0", "--ports", other->slavePath()});
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String("\"temperature\":41"));
+    }));
+    const QString otherPath = other->slavePath();
+    other->hangUp();
+    const Run json = finish(*process, 10000);
+    QCOMPARE(json.exitCode, 2);
+    m_out += json.out.join('\n');
+    QVERIFY2(m_out.contains(
+                 QRegularExpression(QStringLiteral(R"(\{"t":\d+\.\d{3},"section":0,"event":"lost",)"
+                                                   R"("error":"Device gone: %1"\})")
+                                        .arg(QRegularExpression::escape(otherPath)))),
+             qPrintable(m_out));
+}
+
+void tst_WorksurfaceTool::monitorWithFollowKeepsWaitingForALostDevice()
+{
+    m_sim->setVersionReport(34, 41);
+    QProcess* process =
+        start({"monitor", "--follow", "--section", "0", "--ports", m_sim->slavePath()});
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String("version 34 temperature 41"));
+    }));
+    m_sim->hangUp();
+    QVERIFY(readUntil(*process, [](const QString&, const QString& err) {
+        return err.contains(QLatin1String("; waiting for it"));
+    }));
+    // Past the next reconnection attempts, it is still there.
+    QTest::qWait(1500);
+    QCOMPARE(process->state(), QProcess::Running);
+    ::kill(static_cast<pid_t>(process->processId()), SIGINT);
+    const Run r = finish(*process, 10000);
+    QCOMPARE(r.exitCode, 0);
+}
+
+void tst_WorksurfaceTool::monitorListenOnlySendsNothing()
+{
+    QProcess* process =
+        start({"monitor", "--listen-only", "--section", "0", "--ports", m_sim->slavePath()});
+    QVERIFY(readUntil(*process, [](const QString&, const QString& err) {
+        return err.contains(QLatin1String("monitoring section 0"));
+    }));
+    m_sim->sendFaderPosition(3, 399);
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String("in   fader position  device 3  fader 3  position 399"));
+    }));
+    // Over ten bad bytes in one read: the link would answer with a serial error. (The
+    // last few wait for more bytes before the parser gives up on them.)
+    m_sim->sendRaw(QByteArray::fromHex("fffefdfcfbfaf9f8f7f6f5f4"));
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String("noise  fffefdfcfbfaf9f8f7"));
+    }));
+    QTest::qWait(2500);  // a ping would be due by now
+    ::kill(static_cast<pid_t>(process->processId()), SIGINT);
+    QCOMPARE(finish(*process, 10000).exitCode, 0);
+    QCOMPARE(m_sim->receivedBytes(), QByteArray());
+}
+
+void tst_WorksurfaceTool::monitorFiltersByTypeDeviceAndDirection()
+{
+    m_sim->setVersionReport(34, 41);
+    QProcess* process = start({"monitor", "--type", "7,16", "--device", "3", "--dir", "in",
+                               "--time", "delta", "--section", "0", "--ports", m_sim->slavePath()});
+    QTRY_VERIFY_WITH_TIMEOUT(m_sim->pingCount() >= 1, 10000);
+    m_sim->sendButton(3, true);                   // another type
+    m_sim->sendFaderPosition(2, 100);             // another device
+    m_sim->sendRaw(QByteArray::fromHex("fffe"));  // noise has neither
+    m_sim->sendFaderPosition(3, 399);
+    m_sim->sendFaderTouch(3, true);
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String("touch on"));
+    }));
+    ::kill(static_cast<pid_t>(process->processId()), SIGINT);
+    const Run r = finish(*process, 10000);
+    QCOMPARE(r.exitCode, 0);
+    const QStringList lines = (m_out + r.out.join('\n')).split('\n', Qt::SkipEmptyParts);
+    QCOMPARE(lines.size(), 2);
+    // Each line's time is the time since the line before it.
+    QVERIFY2(QRegularExpression(
+                 R"(^ *\+0\.000  section 0  in   fader position  device 3  fader 3  position 399$)")
+                 .match(lines.at(0))
+                 .hasMatch(),
+             qPrintable(lines.at(0)));
+    QVERIFY2(QRegularExpression(
+                 R"(^ *\+\d+\.\d{3}  section 0  in   fader touch  device 3  fader 3  touch on$)")
+                 .match(lines.at(1))
+                 .hasMatch(),
+             qPrintable(lines.at(1)));
+
+    const Run bad = run({"monitor", "--dir", "sideways"});
+    QCOMPARE(bad.exitCode, 1);
+    QCOMPARE(bad.err.split('\n').first(),
+             QStringLiteral("worksurface-tool: bad --dir: sideways (in or out)"));
+}
+
+void tst_WorksurfaceTool::monitorTimesAsIsoOrDelta()
+{
+    m_sim->setVersionReport(34, 41);
+    QProcess* process = start({"monitor", "--time", "iso", "--json", "--dir", "in", "--section",
+                               "0", "--ports", m_sim->slavePath()});
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String("\"temperature\":41"));
+    }));
+    ::kill(static_cast<pid_t>(process->processId()), SIGINT);
+    QCOMPARE(finish(*process, 10000).exitCode, 0);
+    const QString first = m_out.split('\n').first();
+    QVERIFY2(
+        QRegularExpression(
+            R"(^\{"t":\d+\.\d{3},"time":"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}[^"]*","section":0,"dir":"in","type":0,)")
+            .match(first)
+            .hasMatch(),
+        qPrintable(first));
+}
+
+void tst_WorksurfaceTool::flashRefusesWhatIsNoBinaryImage_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QString>("what");
+    QTest::newRow("empty") << QByteArray() << QStringList{} << "is empty";
+    QTest::newRow("elf") << (QByteArray("\x7f"
+                                        "ELF\x01\x01\x01",
+                                        7) +
+                             QByteArray(100, '\0'))
+                         << QStringList{}
+                         << "is an ELF file, not a binary image (make one with objcopy -O "
+                            "binary)";
+    QTest::newRow("intel hex") << QByteArray(
+                                      ":10000000000102030405060708090A0B0C0D0E0F78\n"
+                                      ":00000001FF\n")
+                               << QStringList{}
+                               << "is Intel HEX text, not a binary image (make one with "
+                                  "objcopy -I ihex -O binary)";
+    QTest::newRow("s-record")
+        << QByteArray(
+               "S00F000068656C6C6F202020202000003C\r\n"
+               "S11F00007C0802A6900100049421FFF07C6C1B787C8C23783C6000003863000026\r\n")
+        << QStringList{}
+        << "is S-record text, not a binary image (make one with objcopy "
+           "-I srec -O binary)";
+    QTest::newRow("too large") << imageOfSize(200) << QStringList{"--max-size", "100"}
+                               << "is 200 bytes, more than the 100 a section takes (--max-size)";
+    QTest::newRow("over the default")
+        << imageOfSize(256 * 1024 + 1) << QStringList{}
+        << "is 262145 bytes, more than the 262144 a section takes (--max-size)";
+}
+
+void tst_WorksurfaceTool::flashRefusesWhatIsNoBinaryImage()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(QStringList, options);
+    QFETCH(QString, what);
+    const QString path = writeImage(content);
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    const Run r =
+        run(QStringList{"flash", path, "--section", "0", "--ports", m_sim->slavePath()} + options);
+    QCOMPARE(r.exitCode, 4);
+    QCOMPARE(r.out,
+             QStringList({QStringLiteral("section 0  failed  %1 %2 (exit 4)").arg(path, what)}));
+    const Run json =
+        run(QStringList{"flash", path, "--json", "--section", "0", "--ports", m_sim->slavePath()} +
+            options);
+    QCOMPARE(json.exitCode, 4);
+    QCOMPARE(json.out,
+             QStringList({QStringLiteral(R"({"section":0,"event":"failed","reason":0,"exit":4,)"
+                                         R"("error":"%1 %2"})")
+                              .arg(path, what)}));
+    // Refused before any port was opened.
+    QCOMPARE(m_sim->receivedBytes(), QByteArray());
+}
+
+void tst_WorksurfaceTool::flashPrintsTheImagesSizeAndSha256()
+{
+    const QByteArray image = imageOfSize(100);
+    const QString path = writeImage(image);
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    m_sim->setVersionReport(35, 40);
+    const Run r = run({"flash", path, "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(r.exitCode, 0);
+    QCOMPARE(
+        r.err.split('\n').first(),
+        QStringLiteral("image %1  100 bytes  sha256 %2")
+            .arg(path, QString::fromLatin1(
+                           QCryptographicHash::hash(image, QCryptographicHash::Sha256).toHex())));
+}
+
+void tst_WorksurfaceTool::flashDryRunProbesAndWritesNothing()
+{
+    const QString path = writeImage(imageOfSize(100));
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    const QString sim = m_sim->slavePath();
+    const Run r = run({"flash", path, "--dry-run", "--section", "0", "--ports", sim});
+    QCOMPARE(r.exitCode, 0);
+    QCOMPARE(r.out, QStringList({QStringLiteral("section 0  %1  in its bootloader: would write "
+                                                "100 bytes (dry run)")
+                                     .arg(sim)}));
+    QCOMPARE(m_sim->receivedBytes(), QByteArray::fromHex("5555"));
+    QCOMPARE(m_sim->mode(), PtySectionSimulator::Mode::Bootloader);
+    const Run json = run({"flash", path, "--json", "--dry-run", "--section", "0", "--ports", sim});
+    QCOMPARE(json.out, QStringList({R"({"section":0,"event":"ready","total":100})"}));
+
+    // A section running its application is still refused.
+    m_sim->setMode(PtySectionSimulator::Mode::Application);
+    QCOMPARE(run({"flash", path, "--dry-run", "--section", "0", "--ports", sim}).exitCode, 7);
+}
+
+void tst_WorksurfaceTool::flashExpectVersionFailsOnAnotherVersion()
+{
+    const QString path = writeImage(imageOfSize(100));
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    m_sim->setVersionReport(35, 40);
+    const QString sim = m_sim->slavePath();
+    const Run r = run({"flash", path, "--expect-version", "36", "--section", "0", "--ports", sim});
+    QCOMPARE(r.exitCode, 10);
+    QCOMPARE(r.out.mid(r.out.size() - 2),
+             QStringList({"section 0  done  version 35",
+                          "section 0  failed  came back with version 35, not 36 (exit 10)"}));
+
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    const Run json =
+        run({"flash", path, "--json", "--expect-version", "36", "--section", "0", "--ports", sim});
+    QCOMPARE(json.exitCode, 10);
+    QCOMPARE(json.out.last(), QStringLiteral(R"({"section":0,"event":"failed","exit":10,)"
+                                             R"("version":35,"expected":36})"));
+
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    QCOMPARE(
+        run({"flash", path, "--expect-version", "35", "--section", "0", "--ports", sim}).exitCode,
+        0);
+}
+
+void tst_WorksurfaceTool::flashReportsTheStatusCommandAndOffsetOfAnErrorInTheImage()
+{
+    const QString path = writeImage(imageOfSize(300));
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    // Download and the first two blocks pass; the third block fails to program.
+    m_sim->enqueueStatusReply(BootloaderCommand::Success);
+    m_sim->enqueueStatusReply(BootloaderCommand::Success);
+    m_sim->enqueueStatusReply(BootloaderCommand::Success);
+    m_sim->enqueueStatusReply(BootloaderCommand::CRCheckFailure);
+    const Run r = run({"flash", path, "--json", "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(r.exitCode, 6);
+    QCOMPARE(r.out.last(), QStringLiteral(R"({"section":0,"event":"failed","reason":2,"exit":6,)"
+                                          R"("status":"CRCheckFailure","command":"SendData",)"
+                                          R"("offset":128})"));
+
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    // The second block is refused over and over: the refusals begin with the status check
+    // after the first block.
+    int checks = 0;
+    connect(m_sim.get(), &PtySectionSimulator::bootloaderPacketReceived, this, [&](int command) {
+        if (command == BootloaderCommand::GetStatus && ++checks == 2) {
+            m_sim->nakCommand(BootloaderCommand::SendData, -1);
+        }
+    });
+    const Run text = run({"flash", path, "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(text.exitCode, 5);
+    QCOMPARE(text.out.last(), QStringLiteral("section 0  failed  resends exhausted: SendData "
+                                             "refused at offset 64 (exit 5)"));
+}
+
+void tst_WorksurfaceTool::flashInterruptedResetsTheSectionOutOfItsBootloader()
+{
+    const QByteArray image = imageOfSize(256 * 1024);
+    const QString path = writeImage(image);
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    QProcess* process =
+        start({"flash", path, "--json", "--section", "0", "--ports", m_sim->slavePath()});
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String("\"percent\":5,"));
+    }));
+    ::kill(static_cast<pid_t>(process->processId()), SIGINT);
+    const Run r = finish(*process, 10000);
+    QCOMPARE(r.exitStatus, QProcess::NormalExit);
+    QCOMPARE(r.exitCode, 9);
+    QCOMPARE(r.out.last(),
+             QStringLiteral(R"({"section":0,"event":"interrupted","reset":true,"exit":9})"));
+    // Told to reset, the section left its bootloader.
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->commandCount(BootloaderCommand::Reset), 1, 5000);
+    QCOMPARE(m_sim->mode(), PtySectionSimulator::Mode::Application);
+    QVERIFY(m_sim->image().size() < image.size());
+
+    // In text.
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    m_out.clear();
+    process = start({"flash", path, "--section", "0", "--ports", m_sim->slavePath()});
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String(" 10 %"));
+    }));
+    ::kill(static_cast<pid_t>(process->processId()), SIGTERM);
+    const Run text = finish(*process, 10000);
+    QCOMPARE(text.exitCode, 9);
+    QCOMPARE(text.out.last(), QStringLiteral("section 0  interrupted: section reset (exit 9)"));
+}
+
+void tst_WorksurfaceTool::flashWritesThreeSectionsAtOnceGroupedPerSection()
+{
+    const QByteArray image = imageOfSize(32 * 1024);
+    const QString path = writeImage(image);
+    std::vector<std::unique_ptr<PtySectionSimulator>> sims;
+    QStringList ports;
+    for (int i = 0; i < 3; ++i) {
+        sims.push_back(std::make_unique<PtySectionSimulator>());
+        QVERIFY(sims.back()->isOpen());
+        sims.back()->setMode(PtySectionSimulator::Mode::Bootloader);
+        sims.back()->setVersionReport(uint8_t(40 + i), 30);
+        ports << sims.back()->slavePath();
+    }
+    // Section 2 gets its Download only once section 0 has written at least one block: one
+    // after another, it would have finished by then.
+    bool section2Started = false;
+    int section0Blocks = 0;
+    connect(sims[0].get(), &PtySectionSimulator::bootloaderPacketReceived, this, [&](int command) {
+        if (command == BootloaderCommand::SendData) {
+            ++section0Blocks;
+        }
+    });
+    int section0BlocksWhen2Started = -1;
+    connect(sims[2].get(), &PtySectionSimulator::bootloaderPacketReceived, this, [&](int command) {
+        if (command == BootloaderCommand::Download && !section2Started) {
+            section2Started = true;
+            section0BlocksWhen2Started = section0Blocks;
+        }
+    });
+    QElapsedTimer timer;
+    timer.start();
+    const Run r = run({"flash", path, "--ports", ports.join(',')});
+    const qint64 elapsed = timer.elapsed();
+    QCOMPARE(r.exitCode, 0);
+    qInfo("three sections of 32 KiB each flashed in %lld ms", elapsed);
+    for (auto& sim : sims) {
+        QVERIFY(sim->image() == image);
+    }
+    QVERIFY2(section0BlocksWhen2Started >= 0 && section0BlocksWhen2Started < 512,
+             qPrintable(QString::number(section0BlocksWhen2Started)));
+    // Grouped: every line of section 0, then of 1, then of 2.
+    QStringList sections;
+    for (const QString& line : r.out) {
+        const QString prefix = line.left(9);
+        if (sections.isEmpty() || sections.last() != prefix) {
+            sections << prefix;
+        }
+    }
+    QCOMPARE(sections, QStringList({"section 0", "section 1", "section 2"}));
+    QCOMPARE(r.out.last(), QStringLiteral("section 2  done  version 42"));
+    QVERIFY(r.out.contains(QStringLiteral("section 0  done  version 40")));
+}
+
+void tst_WorksurfaceTool::portsNamesTheProcessHoldingTheDevice()
+{
+    const QString sim = m_sim->slavePath();
+    QSerialPort holder(sim);
+    QVERIFY(holder.open(QIODevice::ReadWrite));
+    const QString inUse =
+        QStringLiteral("in use by pid %1").arg(QCoreApplication::applicationPid());
+    const Run r = run({"ports", "--section", "0", "--ports", sim});
+    QCOMPARE(r.exitCode, 2);
+    QCOMPARE(
+        r.out,
+        QStringList({QStringLiteral("section 0  %1  exists  not openable: %2").arg(sim, inUse)}));
+    const Run json = run({"ports", "--json", "--section", "0", "--ports", sim});
+    QCOMPARE(json.out, QStringList({QStringLiteral(R"({"section":0,"device":"%1","exists":true,)"
+                                                   R"("openable":false,"error":"%2"})")
+                                        .arg(sim, inUse)}));
+    holder.close();
+    QCOMPARE(run({"ports", "--section", "0", "--ports", sim}).exitCode, 0);
+}
+
+void tst_WorksurfaceTool::anotherNameOfAHeldDeviceIsNotOpened()
+{
+    m_sim->setVersionReport(34, 41);
+    const QString link = m_dir->filePath(QStringLiteral("section0"));
+    QVERIFY(QFile::link(m_sim->slavePath(), link));
+    QSerialPort holder(m_sim->slavePath());
+    QVERIFY(holder.open(QIODevice::ReadWrite));
+    const Run r = run({"probe", "--section", "0", "--ports", link});
+    QCOMPARE(r.exitCode, 2);
+    QCOMPARE(r.out, QStringList({QStringLiteral("section 0  %1  port-error  in use by pid %2")
+                                     .arg(link)
+                                     .arg(QCoreApplication::applicationPid())}));
+    QVERIFY(m_sim->receivedBytes().isEmpty());
+    holder.close();
+    // Free, the link's name works as any other.
+    const Run free = run({"probe", "--section", "0", "--ports", link});
+    QCOMPARE(free.exitCode, 0);
+    QCOMPARE(free.out, QStringList({QStringLiteral("section 0  %1  application  version 34  "
+                                                   "temperature 41")
+                                        .arg(link)}));
+}
+
+void tst_WorksurfaceTool::portsScanListsSerialDevices()
+{
+    // What a machine has differs; every line is a device, and JSON lines parse.
+    const Run r = run({"ports", "--scan", "--json"});
+    QCOMPARE(r.exitCode, 0);
+    for (const QString& line : r.out) {
+        const QJsonObject object = QJsonDocument::fromJson(line.toUtf8()).object();
+        QVERIFY2(object.value(QLatin1String("device")).toString().startsWith(QLatin1String("/")),
+                 qPrintable(line));
+    }
+    const Run text = run({"ports", "--scan"});
+    QCOMPARE(text.exitCode, 0);
+    QCOMPARE(text.out.size(), r.out.size());
+    if (r.out.isEmpty()) {
+        QCOMPARE(text.err, QStringLiteral("no serial devices found\n"));
+    }
+}
+
+void tst_WorksurfaceTool::aSinglePortsEntryIsTheGivenSections()
+{
+    m_sim->setVersionReport(34, 41);
+    const QString sim = m_sim->slavePath();
+    const Run r = run({"probe", "--section", "1", "--ports", sim});
+    QCOMPARE(r.exitCode, 0);
+    QCOMPARE(r.out, QStringList({QStringLiteral("section 1  %1  application  version 34  "
+                                                "temperature 41")
+                                     .arg(sim)}));
+    const Run port = run({"probe", "--section", "2", "--port", sim});
+    QCOMPARE(port.exitCode, 0);
+    QCOMPARE(port.out, QStringList({QStringLiteral("section 2  %1  application  version 34  "
+                                                   "temperature 41")
+                                        .arg(sim)}));
+    const Run alone = run({"probe", "--port", sim});
+    QCOMPARE(alone.exitCode, 1);
+    QCOMPARE(alone.err.split('\n').first(),
+             QStringLiteral("worksurface-tool: --port needs --section N"));
+}
+
+void tst_WorksurfaceTool::tooManyPortsEntriesAreAUsageError()
+{
+    const Run r = run({"probe", "--ports", "a,b,c,d"});
+    QCOMPARE(r.exitCode, 1);
+    QCOMPARE(r.err.split('\n').first(),
+             QStringLiteral("worksurface-tool: --ports has 4 entries; the K60 has 3 sections"));
+    const Run k40 = run({"ports", "--model", "K40", "--ports", "a,b,c"});
+    QCOMPARE(k40.exitCode, 1);
+    QCOMPARE(k40.err.split('\n').first(),
+             QStringLiteral("worksurface-tool: --ports has 3 entries; the K40 has 2 sections"));
+}
+
+void tst_WorksurfaceTool::shortOptionsAreAccepted()
+{
+    m_sim->setSilent(true);
+    const QString sim = m_sim->slavePath();
+    const Run r = run({"probe", "-t", "0.3", "-m", "K40", "-s", "1", "-p", sim});
+    QCOMPARE(r.exitCode, 3);
+    QCOMPARE(r.out, QStringList({QStringLiteral("section 1  %1  silent").arg(sim)}));
+}
+
+void tst_WorksurfaceTool::helpIsACommand()
+{
+    const Run help = run({"help"});
+    QCOMPARE(help.exitCode, 0);
+    QCOMPARE(help.out, run({"--help"}).out);
+    QVERIFY(
+        help.out.join('\n').contains(QLatin1String("  10 flash: a section came back with "
+                                                   "another version than --expect-version")));
+}
+
+void tst_WorksurfaceTool::decodeReadsStandardInputFromDash()
+{
+    const QByteArray capture = frame(7, 3, QByteArray::fromHex("018f"));
+    m_process = std::make_unique<QProcess>();
+    m_process->setProcessEnvironment(m_env);
+    m_process->start(QStringLiteral(TARVIX_TOOL_PATH), {"decode", "-"});
+    QVERIFY(m_process->waitForStarted(10000));
+    m_process->write(capture);
+    m_process->closeWriteChannel();
+    const Run r = finish(*m_process, kRunTimeout);
+    QCOMPARE(r.exitCode, 0);
+    QCOMPARE(r.out, QStringList({"       0  section 0  in   fader position  device 3  fader 3  "
+                                 "position 399"}));
+}
+
+void tst_WorksurfaceTool::decodeOfAKnownSectionNamesOnlyItsControls()
+{
+    const QByteArray capture =
+        frame(18, 12, QByteArray::fromHex("fe")) + frame(20, 40, QByteArray::fromHex("01"));
+    const QString path = m_dir->filePath(QStringLiteral("capture.bin"));
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(capture);
+    file.close();
+    // A strip section of the K60 has no side rotary and no layer switch.
+    const Run strip = run({"decode", path, "--section", "0"});
+    QCOMPARE(strip.out, QStringList({"       0  section 0  in   rotary step  device 12  steps -2",
+                                     "       5  section 0  in   button  device 40  pressed"}));
+    const Run master = run({"decode", path, "--section", "1", "--model", "K40"});
+    QCOMPARE(
+        master.out,
+        QStringList({"       0  section 1  in   rotary step  device 12  side rotary 2  steps -2",
+                     "       5  section 1  in   button  device 40  layer up  pressed"}));
+}
+
+void tst_WorksurfaceTool::decodeOfAMissingFileSaysWhy()
+{
+    const QString missing = m_dir->filePath(QStringLiteral("none.bin"));
+    const Run r = run({"decode", missing});
+    QCOMPARE(r.exitCode, 4);
+    QCOMPARE(r.err, QStringLiteral("worksurface-tool: cannot read %1: No such file or directory\n")
+                        .arg(missing));
+}
+
+void tst_WorksurfaceTool::probeChecksEverySectionAtOnce()
+{
+    // Section 0 answers its probe only once section 2 has been probed: one section after
+    // another, section 0's time-out would be over before section 2 heard anything.
+    PtySectionSimulator late;
+    PtySectionSimulator third;
+    QVERIFY(late.isOpen() && third.isOpen());
+    late.setSilent(true);
+    late.setVersionReport(34, 41);
+    third.setVersionReport(36, 42);
+    connect(&third, &PtySectionSimulator::autoBaudReceived, this, [&] {
+        late.setSilent(false);
+        late.sendRaw(QByteArray::fromHex("aa"));
+    });
+    const QString ports =
+        QStringList{late.slavePath(), missingDevice(), third.slavePath()}.join(',');
+    const Run r = run({"probe", "--timeout", "1", "--ports", ports});
+    QCOMPARE(r.exitCode, 2);
+    QCOMPARE(r.out, QStringList({
+                        QStringLiteral("section 0  %1  application  version 34  temperature 41")
+                            .arg(late.slavePath()),
+                        QStringLiteral("section 1  %1  port-error  No such file or directory")
+                            .arg(missingDevice()),
+                        QStringLiteral("section 2  %1  application  version 36  temperature 42")
+                            .arg(third.slavePath()),
+                    }));
+}
+
+void tst_WorksurfaceTool::exerciseCoversTheMasterSection()
+{
+    // Section 1 is the K40's master section.
+    const Run r = run({"exercise", "--model", "K40", "--step-ms", "0", "--section", "1", "--ports",
+                       m_sim->slavePath()});
+    QCOMPARE(r.exitCode, 0);
+    // Ten strips and the master fader, three moves each.
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedMessages(13).size(), 18, 5000);
+    const QList<SerialMessage> faders = m_sim->receivedMessages(7);
+    QCOMPARE(faders.size(), 33);
+    QCOMPARE(faders.at(10), SerialMessage(7, 10, {0, 0}));
+    QCOMPARE(faders.at(21), SerialMessage(7, 10, {1, 255}));
+    // The strips' twenty LEDs and the seven master switches', each on and off.
+    const QList<SerialMessage> leds = m_sim->receivedMessages(11);
+    QCOMPARE(leds.size(), 54);
+    QCOMPARE(leds.at(40),
+             SerialMessage(11, DeviceIdTable::led(LedType::MasterMuteButton, 0), {255, 0}));
+    // Ten rotary rings, six side rotary rings and six logos, four colours each.
+    const QList<SerialMessage> rings = m_sim->receivedMessages(12);
+    QCOMPARE(rings.size(), 88);
+    QCOMPARE(rings.at(21), SerialMessage(12, rings.at(21).deviceId, {255, 0, 0, 0}));
+    QCOMPARE(rings.at(87), SerialMessage(12, rings.at(21).deviceId, {0, 0, 0, 0}));
+    // Both master meters up and down.
+    const QList<SerialMessage> meters = m_sim->receivedMessages(13);
+    QCOMPARE(meters.at(0), SerialMessage(13, 0, {0}));
+    QCOMPARE(meters.at(1), SerialMessage(13, 1, {0}));
+    QCOMPARE(meters.at(8), SerialMessage(13, 0, {24}));
+    QCOMPARE(meters.at(17), SerialMessage(13, 1, {0}));
+    // Printed in the master section's names.
+    QVERIFY(r.out.join('\n').contains(
+        QLatin1String("section 1  out  fader position  device 10  master fader  position 511")));
+    QVERIFY(r.out.join('\n').contains(
+        QLatin1String("section 1  out  meter level  device 1  master meter right  level 24")));
+}
+
+void tst_WorksurfaceTool::exerciseSkipsASectionThatDoesNotAnswer()
+{
+    m_sim->setSilent(true);
+    const QString sim = m_sim->slavePath();
+    const Run r =
+        run({"exercise", "--timeout", "0.3", "--step-ms", "0", "--section", "0", "--ports", sim});
+    QCOMPARE(r.exitCode, 3);
+    QVERIFY(r.out.isEmpty());
+    QCOMPARE(r.err, QStringLiteral("section 0  %1  silent: not exercised\n").arg(sim));
+    QVERIFY(m_sim->receivedMessages(7).isEmpty());
+
+    const Run missing =
+        run({"exercise", "--step-ms", "0", "--section", "0", "--ports", missingDevice()});
+    QCOMPARE(missing.exitCode, 2);
+    QCOMPARE(missing.err,
+             QStringLiteral("section 0  %1  port-error  No such file or directory: not "
+                            "exercised\n")
+                 .arg(missingDevice()));
+}
+
+void tst_WorksurfaceTool::exerciseReportsASectionThatStopsAnswering()
+{
+    // The cable is pulled while the LEDs go on.
+    connect(m_sim.get(), &PtySectionSimulator::messageReceived, this, [this](int type) {
+        if (type == 11 && m_sim->isOpen()) {
+            QTimer::singleShot(0, m_sim.get(), [this] { m_sim->hangUp(); });
+        }
+    });
+    const Run r = run({"exercise", "--timeout", "0.5", "--step-ms", "0", "--section", "0",
+                       "--ports", m_sim->slavePath()});
+    QCOMPARE(r.exitCode, 3);
+    QVERIFY2(r.err.endsWith(QLatin1String("section 0 stopped answering\n")), qPrintable(r.err));
+}
+
+void tst_WorksurfaceTool::exerciseInterruptedTurnsTheLedsOff_data()
+{
+    QTest::addColumn<int>("signal");
+    QTest::newRow("SIGINT") << int(SIGINT);
+    QTest::newRow("SIGTERM") << int(SIGTERM);
+}
+
+void tst_WorksurfaceTool::exerciseInterruptedTurnsTheLedsOff()
+{
+    QFETCH(int, signal);
+    QProcess* process =
+        start({"exercise", "--step-ms", "150", "--section", "0", "--ports", m_sim->slavePath()});
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String("led  device 10  solo 0 led  level 255"));
+    }));
+    ::kill(static_cast<pid_t>(process->processId()), signal);
+    const Run r = finish(*process, 10000);
+    QCOMPARE(r.exitStatus, QProcess::NormalExit);
+    QCOMPARE(r.exitCode, 9);
+    QVERIFY2((m_err + r.err).endsWith(QLatin1String("section 0 interrupted: LEDs off (exit 9)\n")),
+             qPrintable(m_err + r.err));
+    // The pattern stopped early, and every LED it lit is dark again.
+    QTRY_VERIFY_WITH_TIMEOUT(
+        !m_sim->receivedMessages(11).isEmpty() &&
+            m_sim->receivedMessages(11).last().payload == std::vector<uint8_t>({0, 0}),
+        5000);
+    QTest::qWait(100);
+    QMap<int, std::vector<uint8_t>> last;
+    for (const SerialMessage& m : m_sim->receivedMessages(11)) {
+        last[m.deviceId] = m.payload;
+    }
+    QVERIFY(last.size() < 20 || m_sim->receivedMessages(12).size() < 40);
+    for (auto it = last.cbegin(); it != last.cend(); ++it) {
+        QVERIFY2(it.value() == std::vector<uint8_t>({0, 0}), qPrintable(QString::number(it.key())));
+    }
+}
+
+void tst_WorksurfaceTool::aSecondCtrlCEndsAtOnce()
+{
+    QProcess* process =
+        start({"exercise", "--step-ms", "150", "--section", "0", "--ports", m_sim->slavePath()});
+    QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
+        return out.contains(QLatin1String("led  device 0  mute 0 led  level 255"));
+    }));
+    const auto pid = static_cast<pid_t>(process->processId());
+    // The first Ctrl-C starts the clean ending; once the tool has taken it, Ctrl-C is no
+    // longer caught, and a second one ends the tool where it stands.
+    ::kill(pid, SIGINT);
+    const auto caught = [pid] {
+        QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+        if (!status.open(QIODevice::ReadOnly)) {
+            return false;
+        }
+        for (const QByteArray& line : status.readAll().split('\n')) {
+            if (line.startsWith("SigCgt:")) {
+                return (line.mid(7).trimmed().toULongLong(nullptr, 16) & (1ull << (SIGINT - 1))) !=
+                       0;
+            }
+        }
+        return false;
+    };
+    QElapsedTimer timer;
+    timer.start();
+    while (caught() && timer.elapsed() < 5000) {
+        QCoreApplication::processEvents();
+    }
+    ::kill(pid, SIGINT);
+    const Run r = finish(*process, 10000);
+    QCOMPARE(r.exitStatus, QProcess::CrashExit);
+    QVERIFY(!r.err.contains(QLatin1String("interrupted: LEDs off")));
 }
 
 QTEST_GUILESS_MAIN(tst_WorksurfaceTool)

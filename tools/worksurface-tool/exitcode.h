@@ -6,13 +6,16 @@ namespace ExitCode {
 enum : int
 {
     Success = 0,
-    Usage = 1,             // bad command line
-    PortError = 2,         // a port could not be opened
-    NoAnswer = 3,          // a section did not answer in time
-    FileError = 4,         // the firmware file (decode: the capture, trace: the trace) is missing,
-                           // unreadable (trace: or malformed)
-    ResendsExhausted = 5,  // the bootloader kept refusing a packet during an update
-    BootloaderError = 6,   // the bootloader reported an error status
-    NotInBootloader = 7,   // flash found a section running its application
+    Usage = 1,              // bad command line
+    PortError = 2,          // a port could not be opened
+    NoAnswer = 3,           // a section did not answer in time
+    FileError = 4,          // the firmware file (decode: the capture, trace: the trace) is
+                            // missing, unreadable or not what the command takes
+    ResendsExhausted = 5,   // the bootloader kept refusing a packet during an update
+    BootloaderError = 6,    // the bootloader reported an error status
+    NotInBootloader = 7,    // flash found a section running its application
+    StillInBootloader = 8,  // flash: the section stayed in its bootloader after its updates
+    Interrupted = 9,        // Ctrl-C or SIGTERM during flash or exercise
+    WrongVersion = 10,      // flash: the section came back with another than --expect-version
 };
 }  // namespace ExitCode

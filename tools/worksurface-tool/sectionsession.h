@@ -40,6 +40,17 @@ public:
     // Every frame in (decoded with the link's parser, while the parser is the one that gets
     // the bytes) and out, and the noise the parser discards, with the time it was seen.
     std::function<void(qint64 nowNs, bool incoming, const FrameDecoder::Event&)> onTraffic;
+    // Every change of the link's state (ISectionConnection's values), as the link tells it.
+    std::function<void(qint64 nowNs, uint8_t state)> onLinkState;
+
+    // What went wrong in a failed update, as far as the line shows it.
+    struct FailureDetail
+    {
+        int reason = -1;
+        QString command;    // the refused command, or the one the error status answered
+        int status = -1;    // the bootloader's status byte, for an error status
+        qint64 offset = 0;  // image offset of the block in question
+    };
 
     SectionSession(uint8_t index, const QString& device,
                    std::shared_ptr<Velmora::Worksurface::ISettings> settings,
@@ -58,6 +69,26 @@ public:
     // False when the port could not be opened (see portError()).
     bool open(bool probeOnly);
     void close();
+    // Before open(): the link re-probes a section that has not answered, and reopens a
+    // device that went away, every intervalMs (0: never, the plugin's default).
+    void setReconnectIntervalMs(int intervalMs) { m_reconnectMs = intervalMs; }
+    // Before open(): nothing is written to the section; every received byte is decoded.
+    void setListenOnly(bool listenOnly) { m_listenOnly = listenOnly; }
+    // The port is open now (false once its device went away).
+    bool serialIsOpen() const;
+    // Why the device last failed to open or stay open ("Device gone: ...").
+    QString serialError() const;
+    // Received bytes of any kind so far.
+    qint64 bytesReceivedCount() const { return m_bytesReceived; }
+    // How often the link has probed again for a section that did not answer.
+    uint64_t reconnectAttempts() const;
+    // Ends an update early (Ctrl-C during flash): the section is told to reset, which takes
+    // it out of its bootloader, and nothing the updater would send next reaches the line.
+    // Returns whether a reset was sent (only while an update runs).
+    bool abortUpdate();
+    // Sends one message at once, bypassing the queue (the LEDs off after an interrupted
+    // exercise).
+    void sendDirect(const Velmora::Worksurface::SerialMessage& message);
     // See SectionUpdater::setProbeOnly(): from now on a section found in its bootloader is
     // left there.
     void setProbeOnly(bool probeOnly);
@@ -78,6 +109,7 @@ public:
 
     // Updater failures, in order (reasons as the updater reports them).
     const std::vector<int>& failures() const { return m_failures; }
+    const FailureDetail& failureDetail() const { return m_failureDetail; }
     // How many times a transfer of the image began (the updater updates again when the
     // section is still in its bootloader a second after the reset).
     int updatePasses() const { return m_updatePasses; }
@@ -106,6 +138,10 @@ public:
 
 private:
     void bytesReceived(const QByteArray& data);
+    // Bytes that reach the updater, not the parser: its answers are its own, the rest is
+    // shown as noise.
+    void bootloaderBytes(qint64 nowNs, const QByteArray& data);
+    void sniffStatus(const QByteArray& data);
 
     const uint8_t m_index;
     const QString m_device;
@@ -130,5 +166,12 @@ private:
     qint64 m_blocks = 0;
     qint64 m_transferStartNs = 0;
     uint8_t m_lastPacketCommand = 0;
+    uint8_t m_lastDataCommand = 0;  // the last packet that a status check is about
     qint64 m_lastActivityNs = 0;
+    int m_reconnectMs = 0;
+    bool m_listenOnly = false;
+    qint64 m_bytesReceived = 0;
+    QByteArray m_statusSniff;
+    int m_lastStatus = -1;
+    FailureDetail m_failureDetail;
 };

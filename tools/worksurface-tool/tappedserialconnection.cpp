@@ -42,6 +42,9 @@ void TappedSerialConnection::close()
 
 void TappedSerialConnection::writeRaw(const BootloaderPacket& packet)
 {
+    if (m_listenOnly) {
+        return;
+    }
     if (onPacketWritten) {
         onPacketWritten(packet);
     }
@@ -50,6 +53,9 @@ void TappedSerialConnection::writeRaw(const BootloaderPacket& packet)
 
 void TappedSerialConnection::sendMessage(const SerialMessage& message)
 {
+    if (m_listenOnly) {
+        return;
+    }
     if (onMessageSent) {
         onMessageSent(message);
     }
@@ -59,6 +65,21 @@ void TappedSerialConnection::sendMessage(const SerialMessage& message)
 void TappedSerialConnection::flush()
 {
     m_inner->flush();
+}
+
+QString TappedSerialConnection::portName() const
+{
+    return m_inner->portName();
+}
+
+QString TappedSerialConnection::portError() const
+{
+    return m_inner->portError();
+}
+
+void TappedSerialConnection::reopen()
+{
+    m_inner->reopen();
 }
 
 void TappedSerialConnection::dataReceived(const QByteArray& data)

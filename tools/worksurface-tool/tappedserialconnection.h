@@ -29,10 +29,18 @@ public:
     void writeRaw(const Velmora::Worksurface::BootloaderPacket& packet) override;
     void sendMessage(const Velmora::Worksurface::SerialMessage& message) override;
     void flush() override;
+    QString portName() const override;
+    QString portError() const override;
+    void reopen() override;
+
+    // Listen only: nothing is written to the line (no probe, no pings, no error replies);
+    // the link still believes it wrote.
+    void setListenOnly(bool listenOnly) { m_listenOnly = listenOnly; }
 
     void dataReceived(const QByteArray& data) override;
 
 private:
     std::shared_ptr<Velmora::Worksurface::ISerialConnection> m_inner;
     Velmora::Worksurface::ISerialDataReceiver* m_receiver = nullptr;
+    bool m_listenOnly = false;
 };

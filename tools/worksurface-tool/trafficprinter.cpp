@@ -1,5 +1,6 @@
 #include "trafficprinter.h"
 
+#include <QDateTime>
 #include <QStringList>
 
 #include "base/jsonline.h"
@@ -9,9 +10,81 @@
 using Velmora::Worksurface::MessageCatalog;
 using Velmora::Worksurface::SerialMessage;
 
+namespace {
+
+// The local time with its offset from UTC, so that logs from two benches line up.
+QString isoNow()
+{
+    const QDateTime now = QDateTime::currentDateTime();
+    return now.toOffsetFromUtc(now.offsetFromUtc()).toString(Qt::ISODateWithMs);
+}
+
+}  // namespace
+
 TrafficPrinter::TrafficPrinter(ToolOutput& output, Position position, bool raw)
     : m_output(output), m_position(position), m_raw(raw)
 {}
+
+void TrafficPrinter::setScope(uint8_t section, const MessageCatalog::Scope& scope)
+{
+    m_scopes.insert(section, scope);
+}
+
+void TrafficPrinter::setFilter(const QSet<int>& types, const QSet<int>& devices, const QString& dir)
+{
+    m_types = types;
+    m_devices = devices;
+    m_dir = dir;
+}
+
+bool TrafficPrinter::passes(bool incoming, const FrameDecoder::Event& event) const
+{
+    if (!m_dir.isEmpty() && m_dir != (incoming ? QLatin1String("in") : QLatin1String("out"))) {
+        return false;
+    }
+    if (event.noise) {
+        return m_types.isEmpty() && m_devices.isEmpty();
+    }
+    return (m_types.isEmpty() || m_types.contains(event.message.type)) &&
+           (m_devices.isEmpty() || m_devices.contains(event.message.deviceId));
+}
+
+QString TrafficPrinter::timeText(qint64 at)
+{
+    if (m_position == Position::Offset) {
+        return QStringLiteral("%1").arg(at, 8);
+    }
+    switch (m_timeMode) {
+        case ToolCommandLine::TimeMode::Iso:
+            return isoNow();
+        case ToolCommandLine::TimeMode::Delta: {
+            const qint64 delta = m_lastAt < 0 ? 0 : at - m_lastAt;
+            m_lastAt = at;
+            return QStringLiteral("%1").arg(
+                '+' + QString::number(static_cast<double>(delta) / 1e9, 'f', 3), 8);
+        }
+        case ToolCommandLine::TimeMode::Relative:
+            break;
+    }
+    return QStringLiteral("%1").arg(static_cast<double>(at) / 1e9, 8, 'f', 3);
+}
+
+void TrafficPrinter::addTime(JsonLine& line, qint64 at)
+{
+    if (m_position == Position::Offset) {
+        line.add("offset", at);
+        return;
+    }
+    // "t" stays the seconds since start in every mode; the other modes add their own key.
+    line.addFixed("t", static_cast<double>(at) / 1e9, 3);
+    if (m_timeMode == ToolCommandLine::TimeMode::Iso) {
+        line.add("time", isoNow());
+    } else if (m_timeMode == ToolCommandLine::TimeMode::Delta) {
+        const qint64 delta = m_lastAt < 0 ? 0 : at - m_lastAt;
+        m_lastAt = at;
+        line.addFixed("dt", static_cast<double>(delta) / 1e9, 3);
+    }
+}
 
 void TrafficPrinter::print(qint64 at, uint8_t section, bool incoming, const SerialMessage& message)
 {
@@ -24,24 +97,23 @@ void TrafficPrinter::print(qint64 at, uint8_t section, bool incoming, const Seri
 void TrafficPrinter::print(qint64 at, uint8_t section, bool incoming,
                            const FrameDecoder::Event& event)
 {
+    if (!passes(incoming, event)) {
+        return;
+    }
     const QString dir = incoming ? QStringLiteral("in") : QStringLiteral("out");
     const QString hex = QString::fromLatin1(event.bytes.toHex());
-    const double seconds = static_cast<double>(at) / 1e9;
+    const MessageCatalog::Scope scope = m_scopes.value(section, MessageCatalog::Scope());
 
     if (m_output.isJson()) {
         JsonLine line;
-        if (m_position == Position::Time) {
-            line.addFixed("t", seconds, 3);
-        } else {
-            line.add("offset", at);
-        }
+        addTime(line, at);
         line.add("section", static_cast<int>(section)).add("dir", dir);
         if (event.noise) {
             line.add("noise", hex);
             m_output.json(line);
             return;
         }
-        const MessageCatalog::Description d = MessageCatalog::describe(event.message);
+        const MessageCatalog::Description d = MessageCatalog::describe(event.message, scope);
         line.add("type", static_cast<int>(event.message.type))
             .add("typeName", d.typeName)
             .add("device", static_cast<int>(event.message.deviceId));
@@ -66,18 +138,14 @@ void TrafficPrinter::print(qint64 at, uint8_t section, bool incoming,
     }
 
     QStringList fields;
-    if (m_position == Position::Time) {
-        fields << QStringLiteral("%1").arg(seconds, 8, 'f', 3);
-    } else {
-        fields << QStringLiteral("%1").arg(at, 8);
-    }
+    fields << timeText(at);
     fields << QStringLiteral("section %1").arg(section) << dir.leftJustified(3);
     if (event.noise) {
         fields << QStringLiteral("noise") << hex;
         m_output.text(fields.join(QStringLiteral("  ")));
         return;
     }
-    const MessageCatalog::Description d = MessageCatalog::describe(event.message);
+    const MessageCatalog::Description d = MessageCatalog::describe(event.message, scope);
     fields << d.typeName << QStringLiteral("device %1").arg(event.message.deviceId);
     if (!d.control.isEmpty()) {
         fields << d.control;
@@ -89,4 +157,18 @@ void TrafficPrinter::print(qint64 at, uint8_t section, bool incoming,
         fields << QStringLiteral("[%1]").arg(hex);
     }
     m_output.text(fields.join(QStringLiteral("  ")));
+}
+
+void TrafficPrinter::event(qint64 at, uint8_t section, const QString& text, const char* name,
+                           const JsonLine& fields)
+{
+    if (m_output.isJson()) {
+        JsonLine line;
+        addTime(line, at);
+        line.add("section", static_cast<int>(section)).add("event", name);
+        line.append(fields);
+        m_output.json(line);
+        return;
+    }
+    ToolOutput::note(QStringLiteral("%1  section %2  %3").arg(timeText(at)).arg(section).arg(text));
 }

@@ -1,16 +1,24 @@
 #pragma once
 
 #include <QByteArray>
+#include <QMap>
+#include <QSet>
+#include <QString>
 #include <QtGlobal>
 #include <cstdint>
 
 #include "framedecoder.h"
+#include "messagecatalog.h"
+#include "toolcommandline.h"
 
+class JsonLine;
 class ToolOutput;
 
 // Prints what went over a section's line, one line per frame or noise run, as text or
 // JSON: where (time since start, or byte offset in a capture), section, direction,
 // message type, device id, control and value, all in the words of MessageCatalog.
+// Monitor's link events (state changes, a lost device) go through it too, so that they
+// carry the same times.
 class TrafficPrinter
 {
 public:
@@ -22,14 +30,37 @@ public:
 
     TrafficPrinter(ToolOutput& output, Position position, bool raw);
 
+    // Which controls a section has, for naming them (default: every control).
+    void setScope(uint8_t section, const MessageCatalog::Scope& scope);
+    // Only these types, device ids (empty: all) and direction ("in", "out", empty: both).
+    // Noise has no type or device: it is left out once types or devices are asked for.
+    void setFilter(const QSet<int>& types, const QSet<int>& devices, const QString& dir);
+    void setTimeMode(ToolCommandLine::TimeMode mode) { m_timeMode = mode; }
+
     // A received or sent frame, or received noise; `at` is nanoseconds since start or the
     // byte offset.
     void print(qint64 at, uint8_t section, bool incoming, const FrameDecoder::Event& event);
     void print(qint64 at, uint8_t section, bool incoming,
                const Velmora::Worksurface::SerialMessage& message);
+    // A link event: text on standard error ("section 0  link connected"), JSON on standard
+    // output ({"t":…,"section":0,"event":"link","state":"connected"}). `fields` adds keys
+    // after "event"; `text` is what follows the section in text.
+    void event(qint64 at, uint8_t section, const QString& text, const char* name,
+               const JsonLine& fields);
 
 private:
+    bool passes(bool incoming, const FrameDecoder::Event& event) const;
+    // The time column in text and the time keys in JSON.
+    QString timeText(qint64 at);
+    void addTime(JsonLine& line, qint64 at);
+
     ToolOutput& m_output;
     Position m_position;
     bool m_raw;
+    QMap<uint8_t, MessageCatalog::Scope> m_scopes;
+    QSet<int> m_types;
+    QSet<int> m_devices;
+    QString m_dir;
+    ToolCommandLine::TimeMode m_timeMode = ToolCommandLine::TimeMode::Relative;
+    qint64 m_lastAt = -1;
 };

@@ -1,10 +1,14 @@
 #include "worksurfacetool.h"
 
 #include <QCoreApplication>
+#include <QCryptographicHash>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QSerialPortInfo>
 #include <QTimer>
+#include <cctype>
 #include <climits>
 
 #include "base/jsonline.h"
@@ -12,6 +16,7 @@
 #include "exitcode.h"
 #include "framedecoder.h"
 #include "interruptwatcher.h"
+#include "portlock.h"
 #include "progressbar.h"
 #include "sectionsession.h"
 #include "serial/hardwareserialconnection.h"
@@ -25,6 +30,7 @@
 #include "toolsettings.h"
 #include "tracecommand.h"
 #include "trafficprinter.h"
+#include "updater/bootloaderpacket.h"
 #include "updater/isectionupdaterlistener.h"
 #include "updater/sectionupdater.h"
 
@@ -36,6 +42,12 @@ constexpr qint64 kNsPerMs = 1000000;
 // How many times flash lets the updater write the image into a section that stays in its
 // bootloader after the reset (the updater's own retry), before it gives up on the section.
 constexpr int kMaxUpdatePasses = 2;
+// How often monitor's links probe again for a section that has not answered yet, and
+// reopen a device that went away.
+constexpr int kMonitorReconnectMs = 1000;
+// After Ctrl-C: how long the reset (flash) or the dark LEDs (exercise) get to leave the
+// port before it closes.
+constexpr int kInterruptDrainMs = 200;
 
 int exitForFailure(int reason)
 {
@@ -49,13 +61,21 @@ int exitForFailure(int reason)
     }
 }
 
-QString failureText(int reason)
+QString failureText(const SectionSession::FailureDetail& detail)
 {
-    switch (reason) {
+    switch (detail.reason) {
         case ISectionUpdaterListener::ResendsExhausted:
-            return QStringLiteral("resends exhausted");
+            return QStringLiteral("resends exhausted: %1 refused at offset %2")
+                .arg(detail.command)
+                .arg(detail.offset);
         case ISectionUpdaterListener::BootloaderErrorStatus:
-            return QStringLiteral("the bootloader reported an error status");
+            return QStringLiteral(
+                       "the bootloader reported an error status: %1 after %2 at "
+                       "offset %3")
+                .arg(detail.status >= 0 ? bootloaderCommandName(uint8_t(detail.status))
+                                        : QStringLiteral("unknown"),
+                     detail.command)
+                .arg(detail.offset);
         default:
             return QStringLiteral("the firmware file is missing or unreadable");
     }
@@ -65,6 +85,29 @@ void keepFirst(int& code, int candidate)
 {
     if (code == ExitCode::Success) {
         code = candidate;
+    }
+}
+
+// The link's states in the words monitor prints.
+QString linkStateName(uint8_t state)
+{
+    switch (state) {
+        case ISectionConnection::Connected:
+            return QStringLiteral("connected");
+        case ISectionConnection::Closed:
+            return QStringLiteral("closed");
+        case ISectionConnection::Connecting:
+            return QStringLiteral("connecting");
+        case ISectionConnection::Updating:
+            return QStringLiteral("updating");
+        case ISectionConnection::Calibrating:
+            return QStringLiteral("calibrating");
+        case ISectionConnection::SerialError:
+            return QStringLiteral("serial-error");
+        case ISectionConnection::NoResponse:
+            return QStringLiteral("no-response");
+        default:
+            return QStringLiteral("state %1").arg(state);
     }
 }
 
@@ -93,7 +136,7 @@ int WorksurfaceTool::run(const QStringList& arguments)
         return decode();
     }
     if (command == QLatin1String("ports")) {
-        return ports();
+        return m_options.scan ? scanPorts() : ports();
     }
     m_pool = std::make_shared<TaskPool>();
     m_pool->start();
@@ -161,21 +204,48 @@ bool WorksurfaceTool::waitUntil(const std::function<bool()>& condition, int time
     return true;
 }
 
-QString WorksurfaceTool::awaitApplication(SectionSession& session)
+std::vector<QString> WorksurfaceTool::awaitApplication(const std::vector<SectionSession*>& sessions)
 {
-    // The updater's probe comes first: a bootloader acknowledges it, an application
-    // answers that it is none, and only then does the link ping.
-    if (!waitUntil([&] { return session.updaterState() != SectionUpdater::Exchanging; },
-                   m_options.timeoutMs)) {
-        return QStringLiteral("silent");
-    }
-    if (session.updaterState() == SectionUpdater::InBootloader) {
-        return QStringLiteral("bootloader");
-    }
-    if (!waitUntil([&] { return session.hasVersion(); }, m_options.timeoutMs)) {
-        return QStringLiteral("silent");
-    }
-    return QStringLiteral("application");
+    // Per section: the updater's probe comes first (a bootloader acknowledges it, an
+    // application answers that it is none), and only then does the link ping. Every
+    // section runs through this at the same time, each with its own time-out per step.
+    const qint64 timeoutNs = m_options.timeoutMs * kNsPerMs;
+    std::vector<QString> states(sessions.size());
+    std::vector<qint64> deadlines(sessions.size(), MonotonicClock::nowNs() + timeoutNs);
+    std::vector<bool> probed(sessions.size(), false);
+    const auto settle = [&] {
+        bool all = true;
+        const qint64 now = MonotonicClock::nowNs();
+        for (std::size_t i = 0; i < sessions.size(); ++i) {
+            SectionSession& s = *sessions[i];
+            if (!states[i].isEmpty()) {
+                continue;
+            }
+            if (!probed[i] && s.updaterState() != SectionUpdater::Exchanging) {
+                if (s.updaterState() == SectionUpdater::InBootloader) {
+                    states[i] = QStringLiteral("bootloader");
+                    continue;
+                }
+                probed[i] = true;
+                deadlines[i] = now + timeoutNs;
+            }
+            if (probed[i] && s.hasVersion()) {
+                states[i] = QStringLiteral("application");
+                continue;
+            }
+            if (now >= deadlines[i]) {
+                // Bytes that came without an answer: a section on another baud rate, a
+                // wrong device, a line picking up noise; not a dead line.
+                states[i] = s.bytesReceivedCount() > 0 ? QStringLiteral("garbled")
+                                                       : QStringLiteral("silent");
+                continue;
+            }
+            all = false;
+        }
+        return all;
+    };
+    waitUntil(settle, INT_MAX);
+    return states;
 }
 
 // --- ports -------------------------------------------------------------------------------
@@ -188,11 +258,14 @@ int WorksurfaceTool::ports()
         const uint8_t index = entry.first;
         const QString device = entry.second;
         const bool exists = !device.isEmpty() && QFileInfo::exists(device);
-        // Opened only for the check, with the link's own line settings.
-        HardwareSerialConnection connection(index, device);
+        // Opened only for the check, with the link's own line settings, under the device's
+        // real name (the one its lock is taken by).
+        const QString canonical = QFileInfo(device).canonicalFilePath();
+        HardwareSerialConnection connection(index, canonical.isEmpty() ? device : canonical);
         connection.open();
         const bool openable = connection.isOpen();
-        const QString error = openable ? QString() : connection.errorString();
+        const QString error =
+            openable ? QString() : PortLock::describe(device, connection.errorString());
         connection.close();
         if (!openable) {
             keepFirst(code, ExitCode::PortError);
@@ -220,29 +293,118 @@ int WorksurfaceTool::ports()
     return code;
 }
 
+int WorksurfaceTool::scanPorts()
+{
+    // Every serial device the machine has, with the names that find it again after a
+    // replug (/dev/serial/by-id) and what the USB side says about it.
+    QMap<QString, QString> byId;
+    const QDir idDirectory(QStringLiteral("/dev/serial/by-id"));
+    for (const QFileInfo& link : idDirectory.entryInfoList(QDir::System | QDir::Files)) {
+        byId.insert(link.canonicalFilePath(), link.absoluteFilePath());
+    }
+    const QList<QSerialPortInfo> infos = QSerialPortInfo::availablePorts();
+    for (const QSerialPortInfo& info : infos) {
+        const QString device = info.systemLocation();
+        const QString canonical = QFileInfo(device).canonicalFilePath();
+        const QString id = byId.value(canonical.isEmpty() ? device : canonical);
+        const qint64 pid = PortLock::holder(canonical.isEmpty() ? device : canonical);
+        QString driver;
+        const QString sysDriver =
+            QFileInfo(QStringLiteral("/sys/class/tty/%1/device/driver").arg(info.portName()))
+                .canonicalFilePath();
+        if (!sysDriver.isEmpty()) {
+            driver = QFileInfo(sysDriver).fileName();
+        }
+        const auto hex4 = [](quint16 value) {
+            return QStringLiteral("%1").arg(value, 4, 16, QLatin1Char('0'));
+        };
+        if (m_output->isJson()) {
+            JsonLine line;
+            line.add("device", device);
+            if (!id.isEmpty()) {
+                line.add("byId", id);
+            }
+            if (info.hasVendorIdentifier()) {
+                line.add("vendorId", hex4(info.vendorIdentifier()));
+            }
+            if (info.hasProductIdentifier()) {
+                line.add("productId", hex4(info.productIdentifier()));
+            }
+            if (!info.serialNumber().isEmpty()) {
+                line.add("serialNumber", info.serialNumber());
+            }
+            if (!info.description().isEmpty()) {
+                line.add("description", info.description());
+            }
+            if (!driver.isEmpty()) {
+                line.add("driver", driver);
+            }
+            if (pid > 0) {
+                line.add("pid", pid);
+            }
+            m_output->json(line);
+            continue;
+        }
+        QStringList fields{device};
+        if (!id.isEmpty()) {
+            fields << id;
+        }
+        if (info.hasVendorIdentifier() && info.hasProductIdentifier()) {
+            fields << QStringLiteral("usb %1:%2")
+                          .arg(hex4(info.vendorIdentifier()), hex4(info.productIdentifier()));
+        }
+        if (!info.serialNumber().isEmpty()) {
+            fields << QStringLiteral("serial %1").arg(info.serialNumber());
+        }
+        if (!info.description().isEmpty()) {
+            fields << info.description();
+        }
+        if (!driver.isEmpty()) {
+            fields << QStringLiteral("driver %1").arg(driver);
+        }
+        fields << (pid > 0 ? QStringLiteral("in use by pid %1").arg(pid) : QStringLiteral("free"));
+        m_output->text(fields.join(QStringLiteral("  ")));
+    }
+    if (infos.isEmpty()) {
+        ToolOutput::note(QStringLiteral("no serial devices found"));
+    }
+    return ExitCode::Success;
+}
+
 // --- probe -------------------------------------------------------------------------------
 
 int WorksurfaceTool::probe()
 {
+    const auto entries = sections();
+    std::vector<std::unique_ptr<SectionSession>> all;
+    std::vector<SectionSession*> open;
+    for (const auto& entry : entries) {
+        all.push_back(session(entry.first, entry.second));
+        if (all.back()->open(true)) {
+            open.push_back(all.back().get());
+        }
+    }
+    // Every section at once: N silent sections take one time-out, not N.
+    const std::vector<QString> answers = awaitApplication(open);
+
     int code = ExitCode::Success;
-    for (const auto& entry : sections()) {
-        // Plain copies, not structured bindings: the loop's lambdas capture them.
-        const uint8_t index = entry.first;
-        const QString device = entry.second;
-        std::unique_ptr<SectionSession> s = session(index, device);
+    std::size_t next = 0;
+    for (auto& s : all) {
         QString state;
         QString error;
-        if (!s->open(true)) {
-            state = QStringLiteral("port-error");
-            error = s->portError();
-            keepFirst(code, ExitCode::PortError);
-        } else {
-            state = awaitApplication(*s);
+        if (next < open.size() && open[next] == s.get()) {
+            state = answers[next++];
             if (state != QLatin1String("application")) {
                 keepFirst(code, ExitCode::NoAnswer);
             }
+        } else {
+            state = QStringLiteral("port-error");
+            error = s->portError();
+            keepFirst(code, ExitCode::PortError);
         }
         s->close();
+        const uint8_t index = s->index();
+        const QString& device = s->device();
         const bool application = state == QLatin1String("application");
         if (m_output->isJson()) {
             JsonLine line;
@@ -272,16 +434,112 @@ int WorksurfaceTool::probe()
 
 // --- flash -------------------------------------------------------------------------------
 
+QString WorksurfaceTool::imageProblem(const QByteArray& head, qint64 size) const
+{
+    if (size == 0) {
+        return QStringLiteral("is empty");
+    }
+    if (head.startsWith("\x7f"
+                        "ELF")) {
+        return QStringLiteral(
+            "is an ELF file, not a binary image (make one with objcopy -O "
+            "binary)");
+    }
+    // Text images: every line a record of hex digits, Intel HEX lines beginning with a
+    // colon, S-records with S and the record type.
+    const QList<QByteArray> lines = head.split('\n');
+    const auto hexText = [&](const QByteArray& line, int from) {
+        const QByteArray body = line.trimmed().mid(from);
+        if (body.size() < 8) {
+            return false;
+        }
+        for (const char c : body) {
+            if (!std::isxdigit(static_cast<unsigned char>(c))) {
+                return false;
+            }
+        }
+        return true;
+    };
+    const QByteArray first = lines.value(0).trimmed();
+    if (first.startsWith(':') && hexText(first, 1)) {
+        return QStringLiteral(
+            "is Intel HEX text, not a binary image (make one with objcopy -I "
+            "ihex -O binary)");
+    }
+    if (first.size() > 2 && first.at(0) == 'S' && first.at(1) >= '0' && first.at(1) <= '9' &&
+        hexText(first, 2)) {
+        return QStringLiteral(
+            "is S-record text, not a binary image (make one with objcopy -I "
+            "srec -O binary)");
+    }
+    if (size > m_options.maxSize) {
+        return QStringLiteral("is %1 bytes, more than the %2 a section takes (--max-size)")
+            .arg(size)
+            .arg(m_options.maxSize);
+    }
+    return QString();
+}
+
+namespace {
+
+// One section's flash: its link, what the tool has shown of its progress, and its end.
+struct FlashJob
+{
+    enum class Outcome
+    {
+        Running,
+        Done,
+        Failed,
+        Application,
+        Silent,
+        StaysInBootloader,
+        Ready,  // --dry-run: in its bootloader, would be written
+        Interrupted,
+        PortError,
+    };
+
+    uint8_t index = 0;
+    QString device;
+    std::unique_ptr<SectionSession> s;
+    Outcome outcome = Outcome::Running;
+    // Waiting for the reset after a failure to be heard, or for the version after the
+    // update; 0 while not.
+    qint64 failedAtNs = 0;
+    qint64 versionDeadlineNs = 0;
+    bool resetSent = false;
+
+    int lastPercent = -1;
+    int lastDecade = -1;
+    qint64 lastBlocks = -1;
+    bool barDrawn = false;
+    int pass = 0;
+
+    // With several sections the lines of each are held and printed together, in section
+    // order; with one they go out as they come.
+    bool live = true;
+    QByteArray held;
+    bool printed = false;
+};
+
+}  // namespace
+
 int WorksurfaceTool::flash()
 {
     const QFileInfo info(m_options.file);
     QFile file(info.absoluteFilePath());
     const bool readable = info.isFile() && file.open(QIODevice::ReadOnly);
     const qint64 total = readable ? file.size() : 0;
+    QByteArray image;
+    if (readable && total <= m_options.maxSize) {
+        image = file.readAll();
+    } else if (readable) {
+        image = file.read(4096);
+    }
     file.close();
 
-    const auto failed = [&](uint8_t index, int exit, const QString& why, int reason,
-                            const QString& error) {
+    const auto failed = [&](FlashJob* job, uint8_t index, int exit, const QString& why, int reason,
+                            const QString& error, const JsonLine& extra) {
+        QByteArray bytes;
         if (m_output->isJson()) {
             JsonLine line;
             line.add("section", static_cast<int>(index)).add("event", "failed");
@@ -292,195 +550,362 @@ int WorksurfaceTool::flash()
             if (!error.isEmpty()) {
                 line.add("error", error);
             }
-            m_output->json(line);
+            line.append(extra);
+            bytes = line.toJson() + '\n';
         } else {
-            m_output->text(
-                QStringLiteral("section %1  failed  %2 (exit %3)").arg(index).arg(why).arg(exit));
+            bytes = QStringLiteral("section %1  failed  %2 (exit %3)")
+                        .arg(index)
+                        .arg(why)
+                        .arg(exit)
+                        .toLocal8Bit() +
+                    '\n';
+        }
+        if (job && !job->live) {
+            job->held += bytes;
+        } else {
+            m_output->raw(bytes);
         }
     };
 
     int code = ExitCode::Success;
     if (!readable) {
         for (const auto& entry : sections()) {
-            failed(entry.first, ExitCode::FileError,
+            failed(nullptr, entry.first, ExitCode::FileError,
                    QStringLiteral("cannot read %1").arg(m_options.file),
-                   ISectionUpdaterListener::FirmwareFileError, QString());
+                   ISectionUpdaterListener::FirmwareFileError, QString(), JsonLine());
         }
         return ExitCode::FileError;
     }
+    // What a section's bootloader writes is the file's bytes as they are: a text image
+    // or an ELF file would be written as its text or its headers.
+    const QString problem = imageProblem(image.left(4096), total);
+    if (!problem.isEmpty()) {
+        const QString why = QStringLiteral("%1 %2").arg(m_options.file, problem);
+        for (const auto& entry : sections()) {
+            failed(nullptr, entry.first, ExitCode::FileError, why,
+                   ISectionUpdaterListener::FirmwareFileError, why, JsonLine());
+        }
+        return ExitCode::FileError;
+    }
+    ToolOutput::note(QStringLiteral("image %1  %2 bytes  sha256 %3")
+                         .arg(m_options.file)
+                         .arg(total)
+                         .arg(QString::fromLatin1(
+                             QCryptographicHash::hash(image, QCryptographicHash::Sha256).toHex())));
+
+    InterruptWatcher watcher;
+    std::vector<std::unique_ptr<FlashJob>> jobs;
+    const auto entries = sections();
+    for (const auto& entry : entries) {
+        auto job = std::make_unique<FlashJob>();
+        job->index = entry.first;
+        job->device = entry.second;
+        job->live = entries.size() == 1;
+        job->s = session(job->index, job->device, info.absoluteFilePath());
+        if (!job->s->open(m_options.dryRun)) {
+            job->outcome = FlashJob::Outcome::PortError;
+        }
+        jobs.push_back(std::move(job));
+    }
 
     const bool bar = !m_output->isJson() && ToolOutput::isTerminal();
-    for (const auto& entry : sections()) {
-        // Plain copies, not structured bindings: the loop's lambdas capture them.
-        const uint8_t index = entry.first;
-        const QString device = entry.second;
-        std::unique_ptr<SectionSession> s = session(index, device, info.absoluteFilePath());
-        if (!s->open(false)) {
-            const QString error = s->portError();
-            failed(index, ExitCode::PortError, QStringLiteral("port error: %1").arg(error), -1,
-                   error);
-            keepFirst(code, ExitCode::PortError);
-            continue;
+    const auto emitBytes = [&](FlashJob& job, const QByteArray& bytes) {
+        if (job.live) {
+            m_output->raw(bytes);
+        } else {
+            job.held += bytes;
         }
+    };
+    const auto emitText = [&](FlashJob& job, const QString& text) {
+        emitBytes(job, text.toLocal8Bit() + '\n');
+    };
+    const auto emitJson = [&](FlashJob& job, const JsonLine& line) {
+        emitBytes(job, line.toJson() + '\n');
+    };
 
-        int lastPercent = -1;
-        int lastDecade = -1;
-        qint64 lastBlocks = -1;
-        bool barDrawn = false;
-        int pass = 0;
+    const auto showProgress = [&](FlashJob& job) {
+        SectionSession& s = *job.s;
+        if (!s.hasProgress()) {
+            return;
+        }
+        if (s.updatePasses() != job.pass) {
+            job.pass = s.updatePasses();
+            job.lastPercent = -1;
+            job.lastDecade = -1;
+            if (!m_output->isJson()) {
+                if (job.barDrawn) {
+                    emitBytes(job, "\n");
+                    job.barDrawn = false;
+                }
+                emitText(job, QStringLiteral("section %1  %2  updating from %3 (%4 bytes)")
+                                  .arg(job.index)
+                                  .arg(job.device, m_options.file)
+                                  .arg(total));
+            }
+        }
+        const int percent = s.percent();
+        const qint64 blocks = s.blocksSent();
+        if (percent == job.lastPercent && blocks == job.lastBlocks) {
+            return;
+        }
+        const qint64 bytes = qMin(blocks * SectionUpdater::kBlockSize, total);
+        job.lastBlocks = blocks;
+        if (m_output->isJson()) {
+            if (percent != job.lastPercent) {
+                emitJson(job, JsonLine()
+                                  .add("section", static_cast<int>(job.index))
+                                  .add("event", "progress")
+                                  .add("percent", percent)
+                                  .add("bytes", bytes)
+                                  .add("total", total));
+            }
+        } else if (bar && job.live) {
+            if (percent != job.lastPercent) {
+                // At least a millisecond: a small image may pass within one.
+                const qint64 elapsedMs =
+                    qMax<qint64>(1, (MonotonicClock::nowNs() - s.transferStartNs()) / kNsPerMs);
+                emitBytes(job, '\r' + ProgressBar::line(job.index, percent, bytes, total, elapsedMs)
+                                          .toLocal8Bit());
+                job.barDrawn = true;
+            }
+        } else if (percent / 10 > job.lastDecade) {
+            job.lastDecade = percent / 10;
+            emitText(job, QStringLiteral("section %1  %2 %  %3/%4 bytes")
+                              .arg(job.index)
+                              .arg(percent, 3)
+                              .arg(bytes)
+                              .arg(total));
+        }
+        job.lastPercent = percent;
+    };
+
+    // One look at a running section; sets its outcome once it has one.
+    const auto poll = [&](FlashJob& job) {
+        SectionSession& s = *job.s;
+        const qint64 now = MonotonicClock::nowNs();
+        const qint64 timeoutNs = m_options.timeoutMs * kNsPerMs;
         // The section owes an answer unless the updater itself is waiting (the second
         // between the acknowledged reset and its next probe).
-        const auto idleTooLong = [&] {
-            return !s->updaterHasPendingAutoUpdate() &&
-                   MonotonicClock::nowNs() - s->lastActivityNs() > m_options.timeoutMs * kNsPerMs;
-        };
-        const auto showProgress = [&] {
-            if (!s->hasProgress()) {
-                return;
+        const bool idleTooLong =
+            !s.updaterHasPendingAutoUpdate() && now - s.lastActivityNs() > timeoutNs;
+        showProgress(job);
+        if (!s.failures().empty()) {
+            // The updater resets the section after a failure: let that be heard before the
+            // port closes.
+            if (job.failedAtNs == 0) {
+                job.failedAtNs = now;
             }
-            if (s->updatePasses() != pass) {
-                pass = s->updatePasses();
-                lastPercent = -1;
-                lastDecade = -1;
-                if (!m_output->isJson()) {
-                    if (barDrawn) {
-                        m_output->raw("\n");
-                        barDrawn = false;
-                    }
-                    m_output->text(QStringLiteral("section %1  %2  updating from %3 (%4 bytes)")
-                                       .arg(index)
-                                       .arg(device, m_options.file)
-                                       .arg(total));
-                }
+            if (s.updaterHasPendingAutoUpdate() || now - job.failedAtNs > timeoutNs) {
+                job.outcome = FlashJob::Outcome::Failed;
             }
-            const int percent = s->percent();
-            const qint64 blocks = s->blocksSent();
-            if (percent == lastPercent && blocks == lastBlocks) {
-                return;
-            }
-            const qint64 bytes = qMin(blocks * SectionUpdater::kBlockSize, total);
-            lastBlocks = blocks;
-            if (m_output->isJson()) {
-                if (percent != lastPercent) {
-                    m_output->json(JsonLine()
-                                       .add("section", static_cast<int>(index))
-                                       .add("event", "progress")
-                                       .add("percent", percent)
-                                       .add("bytes", bytes)
-                                       .add("total", total));
-                }
-            } else if (bar) {
-                if (percent != lastPercent) {
-                    // At least a millisecond: a small image may pass within one.
-                    const qint64 elapsedMs = qMax<qint64>(
-                        1, (MonotonicClock::nowNs() - s->transferStartNs()) / kNsPerMs);
-                    m_output->raw(
-                        '\r' +
-                        ProgressBar::line(index, percent, bytes, total, elapsedMs).toLocal8Bit());
-                    barDrawn = true;
-                }
-            } else if (percent / 10 > lastDecade) {
-                lastDecade = percent / 10;
-                m_output->text(QStringLiteral("section %1  %2 %  %3/%4 bytes")
-                                   .arg(index)
-                                   .arg(percent, 3)
-                                   .arg(bytes)
-                                   .arg(total));
-            }
-            lastPercent = percent;
-        };
-
-        enum class Outcome
-        {
-            Done,
-            Failed,
-            Application,
-            Silent,
-            StaysInBootloader,
-        };
-        Outcome outcome = Outcome::Silent;
-        for (;;) {
-            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-            showProgress();
-            if (!s->failures().empty()) {
-                // The updater resets the section after a failure: let that be heard before
-                // the port closes.
-                waitUntil([&] { return s->updaterHasPendingAutoUpdate() || idleTooLong(); },
-                          m_options.timeoutMs);
-                outcome = Outcome::Failed;
-                break;
-            }
-            if (s->updatePasses() == 0 && s->linkState() == ISectionConnection::Connected) {
-                outcome = Outcome::Application;
-                break;
-            }
-            if (s->updatePasses() >= kMaxUpdatePasses && s->updaterHasPendingAutoUpdate()) {
-                // The last transfer is through and the section reset: the updater's next
-                // probe only looks, so a section still in its bootloader is not written a
-                // third time.
-                s->setProbeOnly(true);
-            }
-            if (s->updaterState() == SectionUpdater::InBootloader) {
-                outcome = Outcome::StaysInBootloader;
-                break;
-            }
-            if (s->updatePasses() > 0 && s->linkState() == ISectionConnection::Connected &&
-                s->updaterState() == SectionUpdater::Idle) {
-                // Back in its application: the link pings, the answer has the version.
-                outcome = waitUntil([&] { return s->hasVersion(); }, m_options.timeoutMs)
-                              ? Outcome::Done
-                              : Outcome::Silent;
-                break;
-            }
-            if (idleTooLong()) {
-                outcome = Outcome::Silent;
-                break;
-            }
+            return;
         }
-        showProgress();
-        if (barDrawn) {
-            m_output->raw("\n");
+        if (job.versionDeadlineNs != 0) {
+            if (s.hasVersion()) {
+                job.outcome = FlashJob::Outcome::Done;
+            } else if (now > job.versionDeadlineNs) {
+                job.outcome = FlashJob::Outcome::Silent;
+            }
+            return;
         }
-        s->close();
+        if (s.updatePasses() == 0 && s.linkState() == ISectionConnection::Connected) {
+            job.outcome = FlashJob::Outcome::Application;
+            return;
+        }
+        if (s.updatePasses() >= kMaxUpdatePasses && s.updaterHasPendingAutoUpdate()) {
+            // The last transfer is through and the section reset: the updater's next
+            // probe only looks, so a section still in its bootloader is not written a
+            // third time.
+            s.setProbeOnly(true);
+        }
+        if (s.updaterState() == SectionUpdater::InBootloader) {
+            job.outcome = m_options.dryRun && s.updatePasses() == 0
+                              ? FlashJob::Outcome::Ready
+                              : FlashJob::Outcome::StaysInBootloader;
+            return;
+        }
+        if (s.updatePasses() > 0 && s.linkState() == ISectionConnection::Connected &&
+            s.updaterState() == SectionUpdater::Idle) {
+            // Back in its application: the link pings, the answer has the version.
+            job.versionDeadlineNs = now + timeoutNs;
+            if (s.hasVersion()) {
+                job.outcome = FlashJob::Outcome::Done;
+            }
+            return;
+        }
+        if (idleTooLong) {
+            job.outcome = FlashJob::Outcome::Silent;
+        }
+    };
 
-        switch (outcome) {
-            case Outcome::Done:
+    const auto report = [&](FlashJob& job) {
+        SectionSession& s = *job.s;
+        const uint8_t index = job.index;
+        switch (job.outcome) {
+            case FlashJob::Outcome::Running:
+                break;
+            case FlashJob::Outcome::Done:
                 if (m_output->isJson()) {
-                    m_output->json(JsonLine()
-                                       .add("section", static_cast<int>(index))
-                                       .add("event", "done")
-                                       .add("version", s->version()));
+                    emitJson(job, JsonLine()
+                                      .add("section", static_cast<int>(index))
+                                      .add("event", "done")
+                                      .add("version", s.version()));
                 } else {
-                    m_output->text(QStringLiteral("section %1  done  version %2")
-                                       .arg(index)
-                                       .arg(s->version()));
+                    emitText(
+                        job,
+                        QStringLiteral("section %1  done  version %2").arg(index).arg(s.version()));
+                }
+                if (m_options.expectVersion >= 0 && s.version() != m_options.expectVersion) {
+                    failed(&job, index, ExitCode::WrongVersion,
+                           QStringLiteral("came back with version %1, not %2")
+                               .arg(s.version())
+                               .arg(m_options.expectVersion),
+                           -1, QString(),
+                           JsonLine()
+                               .add("version", s.version())
+                               .add("expected", m_options.expectVersion));
+                    keepFirst(code, ExitCode::WrongVersion);
                 }
                 break;
-            case Outcome::Failed: {
-                const int reason = s->failures().front();
-                failed(index, exitForFailure(reason), failureText(reason), reason, QString());
-                keepFirst(code, exitForFailure(reason));
+            case FlashJob::Outcome::Ready:
+                if (m_output->isJson()) {
+                    emitJson(job, JsonLine()
+                                      .add("section", static_cast<int>(index))
+                                      .add("event", "ready")
+                                      .add("total", total));
+                } else {
+                    emitText(job, QStringLiteral("section %1  %2  in its bootloader: would "
+                                                 "write %3 bytes (dry run)")
+                                      .arg(index)
+                                      .arg(job.device)
+                                      .arg(total));
+                }
+                break;
+            case FlashJob::Outcome::Failed: {
+                const SectionSession::FailureDetail& detail = s.failureDetail();
+                JsonLine extra;
+                if (detail.reason != ISectionUpdaterListener::FirmwareFileError) {
+                    if (detail.status >= 0) {
+                        extra.add("status", bootloaderCommandName(uint8_t(detail.status)));
+                    }
+                    extra.add("command", detail.command).add("offset", detail.offset);
+                }
+                failed(&job, index, exitForFailure(detail.reason), failureText(detail),
+                       detail.reason, QString(), extra);
+                keepFirst(code, exitForFailure(detail.reason));
                 break;
             }
-            case Outcome::Application:
-                failed(index, ExitCode::NotInBootloader,
+            case FlashJob::Outcome::Application:
+                failed(&job, index, ExitCode::NotInBootloader,
                        QStringLiteral("running its application, not its bootloader: not flashed"),
-                       -1, QString());
+                       -1, QString(), JsonLine());
                 keepFirst(code, ExitCode::NotInBootloader);
                 break;
-            case Outcome::Silent:
-                failed(index, ExitCode::NoAnswer, QStringLiteral("no answer in time"), -1,
-                       QString());
+            case FlashJob::Outcome::Silent:
+                failed(&job, index, ExitCode::NoAnswer, QStringLiteral("no answer in time"), -1,
+                       QString(), JsonLine());
                 keepFirst(code, ExitCode::NoAnswer);
                 break;
-            case Outcome::StaysInBootloader:
-                failed(index, ExitCode::NoAnswer,
+            case FlashJob::Outcome::StaysInBootloader:
+                failed(&job, index, ExitCode::StillInBootloader,
                        QStringLiteral("still in its bootloader after %1 updates")
                            .arg(kMaxUpdatePasses),
-                       -1, QString());
-                keepFirst(code, ExitCode::NoAnswer);
+                       -1, QString(), JsonLine());
+                keepFirst(code, ExitCode::StillInBootloader);
                 break;
+            case FlashJob::Outcome::Interrupted: {
+                const QString what = job.resetSent ? QStringLiteral("interrupted: section reset")
+                                                   : QStringLiteral("interrupted");
+                if (m_output->isJson()) {
+                    emitJson(job, JsonLine()
+                                      .add("section", static_cast<int>(index))
+                                      .add("event", "interrupted")
+                                      .add("reset", job.resetSent)
+                                      .add("exit", int(ExitCode::Interrupted)));
+                } else {
+                    emitText(job, QStringLiteral("section %1  %2 (exit %3)")
+                                      .arg(index)
+                                      .arg(what)
+                                      .arg(ExitCode::Interrupted));
+                }
+                keepFirst(code, ExitCode::Interrupted);
+                break;
+            }
+            case FlashJob::Outcome::PortError: {
+                const QString error = s.portError();
+                failed(&job, index, ExitCode::PortError,
+                       QStringLiteral("port error: %1").arg(error), -1, error, JsonLine());
+                keepFirst(code, ExitCode::PortError);
+                break;
+            }
         }
+    };
+
+    const auto finish = [&](FlashJob& job) {
+        showProgress(job);
+        if (job.barDrawn) {
+            emitBytes(job, "\n");
+            job.barDrawn = false;
+        }
+        job.s->close();
+        report(job);
+    };
+    // Held groups go out in section order, each as soon as it and those before it are done.
+    const auto printGroups = [&] {
+        for (auto& job : jobs) {
+            if (job->outcome == FlashJob::Outcome::Running) {
+                return;
+            }
+            if (!job->printed) {
+                job->printed = true;
+                if (!job->live) {
+                    m_output->raw(job->held);
+                }
+            }
+        }
+    };
+
+    for (auto& job : jobs) {
+        if (job->outcome == FlashJob::Outcome::PortError) {
+            finish(*job);
+        }
+    }
+    for (;;) {
+        bool running = false;
+        for (auto& job : jobs) {
+            if (job->outcome != FlashJob::Outcome::Running) {
+                continue;
+            }
+            poll(*job);
+            if (job->outcome != FlashJob::Outcome::Running) {
+                finish(*job);
+            } else {
+                running = true;
+            }
+        }
+        printGroups();
+        if (!running) {
+            break;
+        }
+        if (watcher.isInterrupted()) {
+            // Ctrl-C: no section is left mid-transfer in its bootloader where a reset can
+            // take it out.
+            for (auto& job : jobs) {
+                if (job->outcome == FlashJob::Outcome::Running) {
+                    job->resetSent = job->s->abortUpdate();
+                }
+            }
+            waitUntil([] { return false; }, kInterruptDrainMs);
+            for (auto& job : jobs) {
+                if (job->outcome == FlashJob::Outcome::Running) {
+                    job->outcome = FlashJob::Outcome::Interrupted;
+                    finish(*job);
+                }
+            }
+            printGroups();
+            break;
+        }
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     }
     return code;
 }
@@ -491,19 +916,32 @@ int WorksurfaceTool::monitor()
 {
     InterruptWatcher watcher;
     TrafficPrinter printer(*m_output, TrafficPrinter::Position::Time, m_options.raw);
+    printer.setFilter(m_options.types, m_options.devices, m_options.dir);
+    printer.setTimeMode(m_options.time);
+    const ToolSettings model(m_options.mode, QString(), false);
     int code = ExitCode::Success;
     std::vector<std::unique_ptr<SectionSession>> sessions;
+    // Per section: the link has been up once; the device is open.
+    std::vector<bool> up;
     QStringList names;
     for (const auto& entry : sections()) {
         // Plain copies, not structured bindings: the loop's lambdas capture them.
         const uint8_t index = entry.first;
         const QString device = entry.second;
         std::unique_ptr<SectionSession> s = session(index, device);
+        printer.setScope(index, MessageCatalog::scopeFor(model, index));
         const uint8_t section = index;
         s->onTraffic = [this, &printer, section](qint64 nowNs, bool incoming,
                                                  const FrameDecoder::Event& event) {
             printer.print(nowNs - m_startNs, section, incoming, event);
         };
+        if (m_options.listenOnly) {
+            s->setListenOnly(true);
+        } else {
+            // A section powered up after the monitor started, or one whose device comes
+            // back, is found by probing again.
+            s->setReconnectIntervalMs(kMonitorReconnectMs);
+        }
         if (!s->open(true)) {
             ToolOutput::note(QStringLiteral("section %1  %2  port-error  %3")
                                  .arg(index)
@@ -519,23 +957,77 @@ int WorksurfaceTool::monitor()
     }
     ToolOutput::note(QStringLiteral("monitoring section %1; Ctrl-C ends").arg(names.join(", ")));
 
+    up.assign(sessions.size(), false);
+    std::vector<bool> open(sessions.size(), true);
     std::vector<bool> noted(sessions.size(), false);
+    std::vector<bool> reprobing(sessions.size(), false);
+    bool lost = false;
+    for (std::size_t i = 0; i < sessions.size(); ++i) {
+        SectionSession* s = sessions[i].get();
+        // The ordinary start (the probe answered at once) shows as the first ping; every
+        // change after it, and a late section's arrival, is told.
+        s->onLinkState = [&, i, s](qint64 nowNs, uint8_t state) {
+            const bool first = !up[i];
+            if (state == ISectionConnection::Connected) {
+                up[i] = true;
+            }
+            if (first && (state == ISectionConnection::Connecting ||
+                          (state == ISectionConnection::Connected && !reprobing[i]))) {
+                return;
+            }
+            printer.event(nowNs - m_startNs, s->index(),
+                          QStringLiteral("link %1").arg(linkStateName(state)), "link",
+                          JsonLine().add("state", linkStateName(state)));
+        };
+    }
     waitUntil(
         [&] {
+            const qint64 now = MonotonicClock::nowNs() - m_startNs;
             for (std::size_t i = 0; i < sessions.size(); ++i) {
-                if (!noted[i] && sessions[i]->updaterState() == SectionUpdater::InBootloader) {
+                SectionSession& s = *sessions[i];
+                if (!noted[i] && s.updaterState() == SectionUpdater::InBootloader) {
                     noted[i] = true;
                     ToolOutput::note(QStringLiteral("section %1 is in its bootloader: left there")
-                                         .arg(sessions[i]->index()));
+                                         .arg(s.index()));
+                }
+                if (!reprobing[i] && !up[i] && s.reconnectAttempts() > 0) {
+                    reprobing[i] = true;
+                    printer.event(now, s.index(),
+                                  QStringLiteral("no answer to the probe yet; probing again "
+                                                 "every %1 s")
+                                      .arg(kMonitorReconnectMs / 1000),
+                                  "waiting", JsonLine());
+                }
+                const bool isOpen = s.serialIsOpen();
+                if (open[i] && !isOpen) {
+                    open[i] = false;
+                    const QString error = s.serialError();
+                    printer.event(now, s.index(),
+                                  QStringLiteral("device lost: %1%2")
+                                      .arg(error, m_options.follow && !m_options.listenOnly
+                                                      ? QStringLiteral("; waiting for it")
+                                                      : QString()),
+                                  "lost", JsonLine().add("error", error));
+                    if (!m_options.follow || m_options.listenOnly) {
+                        lost = true;
+                    }
+                } else if (!open[i] && isOpen) {
+                    open[i] = true;
+                    printer.event(now, s.index(), QStringLiteral("device back"), "back",
+                                  JsonLine());
                 }
             }
-            return watcher.isInterrupted();
+            return lost || watcher.isInterrupted();
         },
         INT_MAX);
     for (auto& s : sessions) {
         s->flushTraffic();
         s->onTraffic = nullptr;
+        s->onLinkState = nullptr;
         s->close();
+    }
+    if (lost) {
+        keepFirst(code, ExitCode::PortError);
     }
     ToolOutput::note(QStringLiteral("monitor ended"));
     return code;
@@ -558,6 +1050,13 @@ int WorksurfaceTool::decode()
     }
     const uint8_t section = m_options.section >= 0 ? static_cast<uint8_t>(m_options.section) : 0;
     TrafficPrinter printer(*m_output, TrafficPrinter::Position::Offset, m_options.raw);
+    printer.setFilter(m_options.types, m_options.devices, m_options.dir);
+    if (m_options.section >= 0) {
+        // A capture from a known section names only the controls that section has;
+        // without --section every control the table knows is named.
+        const ToolSettings model(m_options.mode, QString(), false);
+        printer.setScope(section, MessageCatalog::scopeFor(model, section));
+    }
     FrameDecoder decoder([&](const FrameDecoder::Event& event) {
         printer.print(event.offset, section, true, event);
     });
@@ -578,30 +1077,47 @@ int WorksurfaceTool::decode()
 
 int WorksurfaceTool::exercise()
 {
+    InterruptWatcher watcher;
     TrafficPrinter printer(*m_output, TrafficPrinter::Position::Time, false);
     const ToolSettings model(m_options.mode, QString(), false);
     int code = ExitCode::Success;
+    // Every section is opened and probed at once (one time-out in all); the pattern then
+    // goes to one section after another, for the eye to follow.
+    std::vector<std::unique_ptr<SectionSession>> all;
+    std::vector<SectionSession*> open;
     for (const auto& entry : sections()) {
-        // Plain copies, not structured bindings: the loop's lambdas capture them.
-        const uint8_t index = entry.first;
-        const QString device = entry.second;
-        std::unique_ptr<SectionSession> s = session(index, device);
+        all.push_back(session(entry.first, entry.second));
+        if (all.back()->open(true)) {
+            open.push_back(all.back().get());
+        }
+    }
+    const std::vector<QString> answers = awaitApplication(open);
+    std::size_t next = 0;
+    for (auto& s : all) {
+        const uint8_t index = s->index();
+        const QString device = s->device();
         QString state;
-        if (!s->open(true)) {
-            state = QStringLiteral("port-error  ") + s->portError();
-            keepFirst(code, ExitCode::PortError);
-        } else {
-            state = awaitApplication(*s);
+        if (next < open.size() && open[next] == s.get()) {
+            state = answers[next++];
             if (state != QLatin1String("application")) {
                 keepFirst(code, ExitCode::NoAnswer);
             }
+        } else {
+            state = QStringLiteral("port-error  ") + s->portError();
+            keepFirst(code, ExitCode::PortError);
         }
         if (state != QLatin1String("application")) {
+            s->close();
             ToolOutput::note(
                 QStringLiteral("section %1  %2  %3: not exercised").arg(index).arg(device, state));
             continue;
         }
+        if (watcher.isInterrupted()) {
+            s->close();
+            continue;
+        }
         const uint8_t section = index;
+        printer.setScope(index, MessageCatalog::scopeFor(model, index));
         s->onTraffic = [this, &printer, section](qint64 nowNs, bool incoming,
                                                  const FrameDecoder::Event& event) {
             if (!incoming) {
@@ -646,12 +1162,15 @@ int WorksurfaceTool::exercise()
         bool alive = true;
         // One step: queue it, let the link send all of it, then wait for the eye.
         const auto step = [&](const std::function<void()>& queue) {
-            if (!alive) {
+            if (!alive || watcher.isInterrupted()) {
                 return;
             }
             queue();
-            alive = waitUntil([&] { return s->queuedMessages() == 0; }, m_options.timeoutMs);
-            waitUntil([] { return false; }, m_options.stepMs);
+            // A link whose device went away empties its queue into nothing.
+            alive = waitUntil([&] { return s->queuedMessages() == 0 || watcher.isInterrupted(); },
+                              m_options.timeoutMs) &&
+                    s->serialIsOpen();
+            waitUntil([&] { return watcher.isInterrupted(); }, m_options.stepMs);
         };
         for (uint16_t position : {uint16_t{0}, uint16_t{511}, uint16_t{0}}) {
             step([&] {
@@ -686,10 +1205,34 @@ int WorksurfaceTool::exercise()
                 });
             }
         }
+        if (watcher.isInterrupted()) {
+            // Stopped early: nothing stays lit. The queue may still hold part of a step;
+            // the dark frames go out at once, ahead of it.
+            for (uint8_t id : leds) {
+                s->sendDirect(SerialMessage(MessageType::Led, id, {0, 0}));
+            }
+            for (uint8_t id : rgbLeds) {
+                s->sendDirect(SerialMessage(MessageType::RgbColor, id, {0, 0, 0, 0}));
+            }
+        }
         // Let the last writes leave the port before it closes.
-        waitUntil([] { return false; }, 200);
+        waitUntil([] { return false; }, watcher.isInterrupted() ? kInterruptDrainMs : 200);
         s->onTraffic = nullptr;
         s->close();
+        if (watcher.isInterrupted()) {
+            if (m_output->isJson()) {
+                m_output->json(JsonLine()
+                                   .add("section", static_cast<int>(index))
+                                   .add("event", "interrupted")
+                                   .add("exit", int(ExitCode::Interrupted)));
+            } else {
+                ToolOutput::note(QStringLiteral("section %1 interrupted: LEDs off (exit %2)")
+                                     .arg(index)
+                                     .arg(ExitCode::Interrupted));
+            }
+            keepFirst(code, ExitCode::Interrupted);
+            break;
+        }
         if (!alive) {
             ToolOutput::note(QStringLiteral("section %1 stopped answering").arg(index));
             keepFirst(code, ExitCode::NoAnswer);
