@@ -4,7 +4,6 @@
 #include "base/settings.h"
 #include "bindings/surfaceconnection.h"
 #include "serial/isectionconnection.h"
-#include "surface/surface.h"
 #include "software/qmlcontrollerconnection.h"
 #include "software/sectioncontrol.h"
 #include "support/deferreddeletes.h"
@@ -13,6 +12,7 @@
 #include "support/manualclock.h"
 #include "support/recordingsectioninfo.h"
 #include "support/softwaresurfacefixture.h"
+#include "surface/surface.h"
 
 using namespace Velmora::Worksurface;
 
@@ -74,10 +74,7 @@ struct Scene
 
     ~Scene() { flushDeferredDeletes(); }
 
-    uint8_t state(uint8_t section)
-    {
-        return fixture->surface().connections()[section]->state();
-    }
+    uint8_t state(uint8_t section) { return fixture->surface().connections()[section]->state(); }
 };
 
 }  // namespace
@@ -113,12 +110,14 @@ void TestSoftwareFaults::consoles()
     QTest::newRow("K60 master") << 2 << 2;
 }
 
-void TestSoftwareFaults::silentSectionIsNoResponseAfterTheGraceAndTheSilenceAndRestartsTenSecondsLater_data()
+void TestSoftwareFaults::
+    silentSectionIsNoResponseAfterTheGraceAndTheSilenceAndRestartsTenSecondsLater_data()
 {
     consoles();
 }
 
-void TestSoftwareFaults::silentSectionIsNoResponseAfterTheGraceAndTheSilenceAndRestartsTenSecondsLater()
+void TestSoftwareFaults::
+    silentSectionIsNoResponseAfterTheGraceAndTheSilenceAndRestartsTenSecondsLater()
 {
     QFETCH(int, mode);
     QFETCH(int, section);
@@ -181,7 +180,8 @@ void TestSoftwareFaults::answeringAgainBringsANoResponseLinkBackAtItsNextPing()
     QVERIFY(scene.info[section].calls.contains(QStringLiteral("updateInfo 34 77")));
 }
 
-void TestSoftwareFaults::unpluggedLineLogsAndReportsAsAPulledAdapterAndComesBackWithinAnInterval_data()
+void TestSoftwareFaults::
+    unpluggedLineLogsAndReportsAsAPulledAdapterAndComesBackWithinAnInterval_data()
 {
     consoles();
 }

@@ -59,7 +59,8 @@ void TestSoftwareBootloader::downloadIsAcknowledgedAndStartsTheImageOver()
     bootloader.receive(packet(BootloaderCommand::SendData, QByteArray(64, '\x11')));
     QCOMPARE(bootloader.image().size(), 64);
     const QByteArray download = QByteArray::fromHex("0b25210000000000000400");
-    QCOMPARE(packet(BootloaderCommand::Download, QByteArray::fromHex("0000000000000400")), download);
+    QCOMPARE(packet(BootloaderCommand::Download, QByteArray::fromHex("0000000000000400")),
+             download);
     const auto result = bootloader.receive(download);
     QCOMPARE(result.answer, QByteArray::fromHex("cc"));
     QVERIFY(result.imageChanged);
@@ -82,8 +83,8 @@ void TestSoftwareBootloader::sendDataAppendsItsBlockToTheImage()
     bootloader.receive(packet(BootloaderCommand::SendData, QByteArray(64, '\xff')));
     QCOMPARE(bootloader.image(), block + QByteArray(64, '\xff'));
     QCOMPARE(bootloader.imageCrc32(),
-             QStringLiteral("%1").arg(SoftwareBootloader::crc32(block + QByteArray(64, '\xff')),
-                                      8, 16, QLatin1Char('0')));
+             QStringLiteral("%1").arg(SoftwareBootloader::crc32(block + QByteArray(64, '\xff')), 8,
+                                      16, QLatin1Char('0')));
 }
 
 void TestSoftwareBootloader::getStatusIsAcknowledgedAndAnsweredWithTheFlashStatus()
@@ -143,7 +144,8 @@ void TestSoftwareBootloader::resetIsAcknowledgedAndLeavesTheBootloader()
 {
     SoftwareBootloader bootloader;
     bootloader.receive(QByteArray::fromHex("5555"));
-    const auto result = bootloader.receive(QByteArray::fromHex("032525") + QByteArray::fromHex("032020"));
+    const auto result =
+        bootloader.receive(QByteArray::fromHex("032525") + QByteArray::fromHex("032020"));
     // What follows the Reset is the application's, not answered here.
     QCOMPARE(result.answer, QByteArray::fromHex("cc"));
     QVERIFY(result.left);
