@@ -206,6 +206,7 @@ void SectionControl::setNakCount(int count)
         return;
     }
     m_bootloader.setNakCount(count);
+    m_notifiedNakCount = count;
     emit nakCountChanged();
 }
 
@@ -299,28 +300,34 @@ bool SectionControl::handleSoftwareMessage(uint8_t sectionIndex, const SerialMes
 
 void SectionControl::bootloaderBytes(const QByteArray& bytes)
 {
-    const QString crcBefore = m_bootloader.imageCrc32();
-    const int sizeBefore = m_bootloader.image().size();
     const SoftwareBootloader::Result result = m_bootloader.receive(bytes);
-    if (!result.answer.isEmpty()) {
-        // Answered once the packet and the answer would have crossed the line; never from
-        // inside the plugin's own write, which keeps the updater's exchange flat.
-        m_pendingAnswers.append(
-            PendingAnswer{result.answer, lineMs(bytes.size() + result.answer.size()), result.left});
-        if (!m_answerTimer.isActive()) {
-            m_answerTimer.start(m_pendingAnswers.first().delayMs);
-        }
+    if (result.answer.isEmpty()) {
+        return;
     }
-    if (result.nakCountChanged) {
+    // Answered once the packet and the answer would have crossed the line, from the timer:
+    // never from inside the plugin's own write, which keeps the updater's exchange flat and
+    // lets QML handlers of the changes below call anything.
+    m_pendingAnswers.append(
+        PendingAnswer{result.answer, lineMs(bytes.size() + result.answer.size()), result.left});
+    if (!m_answerTimer.isActive()) {
+        m_answerTimer.start(m_pendingAnswers.first().delayMs);
+    }
+}
+
+void SectionControl::notifyBootloaderChanges()
+{
+    if (m_bootloader.nakCount() != m_notifiedNakCount) {
+        m_notifiedNakCount = m_bootloader.nakCount();
         emit nakCountChanged();
     }
-    if (result.imageChanged) {
-        if (m_bootloader.image().size() != sizeBefore) {
-            emit receivedBytesChanged();
-        }
-        if (m_bootloader.imageCrc32() != crcBefore) {
-            emit imageCrc32Changed();
-        }
+    if (m_bootloader.image().size() != m_notifiedReceivedBytes) {
+        m_notifiedReceivedBytes = m_bootloader.image().size();
+        emit receivedBytesChanged();
+    }
+    const QString crc = m_bootloader.imageCrc32();
+    if (crc != m_notifiedCrc) {
+        m_notifiedCrc = crc;
+        emit imageCrc32Changed();
     }
 }
 
@@ -330,6 +337,12 @@ void SectionControl::deliverAnswer()
         return;
     }
     const PendingAnswer answer = m_pendingAnswers.takeFirst();
+    // What the packets changed shows before the plugin hears the answer. A handler may have
+    // unplugged the section or ended its bootloader meanwhile: then the answer is dropped.
+    notifyBootloaderChanges();
+    if (!m_inBootloader || !m_plugged) {
+        return;
+    }
     // The plugin may write its next packet from inside this delivery; it is queued behind.
     if (QmlControllerConnection* controller = qmlController()) {
         controller->sendRawToPlugin(m_sectionIndex, answer.bytes);

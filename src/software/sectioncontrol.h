@@ -146,6 +146,8 @@ private:
     };
     // Sends the next paced bootloader answer.
     void deliverAnswer();
+    // Emits the changes of nakCount, receivedBytes and imageCrc32 since they were last told.
+    void notifyBootloaderChanges();
     // Whether the updater's exchange with this section's bootloader is running.
     bool updateRunning() const;
     Velmora::Worksurface::QmlControllerConnection* qmlController() const;
@@ -168,5 +170,8 @@ private:
     int m_versionMinor = VersionMinor;
     Velmora::Worksurface::SoftwareBootloader m_bootloader;
     QList<PendingAnswer> m_pendingAnswers;
+    int m_notifiedNakCount = 0;
+    int m_notifiedReceivedBytes = 0;
+    QString m_notifiedCrc;
     QTimer m_answerTimer;
 };
