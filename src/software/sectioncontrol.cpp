@@ -4,6 +4,7 @@
 #include <QtGlobal>
 #include <algorithm>
 
+#include "base/logcategories.h"
 #include "serial/isoftwarecontrollerconnection.h"
 #include "software/qmlcontrollerconnection.h"
 
@@ -25,7 +26,7 @@ int lineMs(int bytes)
 
 void warn(const QString& text)
 {
-    qWarning("%s", qPrintable(text));
+    qCWarning(lcSoftware, "%s", qPrintable(text));
 }
 
 }  // namespace
