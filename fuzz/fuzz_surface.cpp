@@ -11,7 +11,9 @@
 // Input: a sequence of commands. Each command is one byte whose low three bits select it:
 //   0..2  a chunk of 1..32 bytes for section 0..2 (length from the command's high bits)
 //   3     a chunk of 1..256 bytes for the section chosen by the high bits (length from the
-//         next byte)
+//         next byte); high bits 24..31 put it on the line through the section's
+//         SectionControl.sendRaw() instead (odd: as a JS-style list of numbers, even: as
+//         bytes), 31 after pulling the section out or plugging it back in
 //   4     advance the clock by 0..255 ms, then tick the pool
 //   5     advance the clock by a 16-bit number of milliseconds, then tick the pool
 //   6     tick the pool without moving the clock, and deliver the handles' queued requests
@@ -27,6 +29,8 @@
 #include <QFile>
 #include <QString>
 #include <QTemporaryDir>
+#include <QVariant>
+#include <QVariantList>
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -36,9 +40,12 @@
 #include <vector>
 
 #include "base/logger.h"
+#include "bindings/surfaceconnection.h"
 #include "qml/sectioninfomodel.h"
 #include "serial/flightrecorder.h"
 #include "serial/isectionconnection.h"
+#include "software/qmlcontrollerconnection.h"
+#include "software/sectioncontrol.h"
 #include "support/fakesectioninfoprovider.h"
 #include "support/fakeserialconnection.h"
 #include "support/fakeserialconnectionfactory.h"
@@ -286,6 +293,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     const std::size_t initialTasks = pool->taskCount();
     surface->start();
 
+    // The software side of each section, as a QML page plays it: raw bytes from a
+    // SectionControl reach the same link through the software controller.
+    auto controller = std::make_shared<QmlControllerConnection>();
+    for (uint8_t s = 0; s < kSections; ++s) {
+        controller->setDataReceiver(s, lines->at(s).line->dataReceiver());
+    }
+    SurfaceConnection softwareSide(controller, nullptr);
+    SectionControl played[kSections];
+    for (uint8_t s = 0; s < kSections; ++s) {
+        played[s].setConnection(&softwareSide);
+        played[s].setSectionIndex(s);
+    }
+
     Handles handles;
     std::size_t commands = 0;
     while (!input.atEnd()) {
@@ -298,8 +318,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
                 lines->at(command & 0x03).line->pushData(input.bytes(1 + (command >> 3)));
                 break;
             case 3: {
-                const std::size_t section = (command >> 3) % kSections;
-                lines->at(section).line->pushData(input.bytes(1 + std::size_t(input.byte())));
+                const unsigned which = command >> 3;
+                const std::size_t section = which % kSections;
+                const QByteArray chunk = input.bytes(1 + std::size_t(input.byte()));
+                if (which < 24) {
+                    lines->at(section).line->pushData(chunk);
+                    break;
+                }
+                if (which == 31) {
+                    played[section].setPlugged(!played[section].plugged());
+                }
+                if (which % 2 == 1) {
+                    QVariantList numbers;
+                    for (const char c : chunk) {
+                        numbers.append(static_cast<int>(static_cast<uint8_t>(c)));
+                    }
+                    played[section].sendRaw(QVariant(numbers));
+                } else {
+                    played[section].sendRaw(QVariant(chunk));
+                }
                 break;
             }
             case 4:
@@ -363,6 +400,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 
     handles = Handles{};
     QCoreApplication::sendPostedEvents();
+    controller->clearDataReceivers();
     surface.reset();
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     return 0;

@@ -1,7 +1,9 @@
 #include "demohost.h"
 
+#include <QByteArray>
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QImage>
 #include <QPixmap>
@@ -50,4 +52,18 @@ void DemoHost::exit(int code) const
 {
     // Queued, so a call from inside a QML handler unwinds before the loop ends.
     QTimer::singleShot(0, qApp, [code]() { QCoreApplication::exit(code); });
+}
+
+bool DemoHost::writeDemoFirmware(const QString& home)
+{
+    if (!QDir(home).mkpath(QStringLiteral(".firmware"))) {
+        return false;
+    }
+    QByteArray image(kDemoFirmwareBytes, '\0');
+    for (int i = 0; i < image.size(); ++i) {
+        image[i] = static_cast<char>((i * 31 + 7) & 0xFF);
+    }
+    QFile file(QDir(home).filePath(QStringLiteral(".firmware/worksurface.bin")));
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
+           file.write(image) == image.size();
 }

@@ -21,4 +21,11 @@ public:
     Q_INVOKABLE bool saveScreenshot(QObject* window, const QString& path) const;
     // Leaves the event loop with `code` once control returns to it.
     Q_INVOKABLE void exit(int code) const;
+
+    // Size of the image writeDemoFirmware() writes: 128 blocks of 64 bytes, an update of a
+    // few seconds in the demo's window, long enough to watch the progress.
+    static constexpr int kDemoFirmwareBytes = 8192;
+    // Writes the software sections' demo firmware image as `home`/.firmware/worksurface.bin
+    // (byte i is i * 31 + 7, modulo 256); false if it cannot.
+    static bool writeDemoFirmware(const QString& home);
 };

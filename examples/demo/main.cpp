@@ -4,12 +4,14 @@
 
 #include <QCommandLineParser>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QGuiApplication>
 #include <QQmlApplicationEngine>
 #include <QQmlContext>
 #include <QQuickWindow>
 #include <QSGRendererInterface>
+#include <QTemporaryDir>
 #include <QUrl>
 #include <cstdio>
 
@@ -95,6 +97,15 @@ int main(int argc, char* argv[])
 #else
         QQuickWindow::setSceneGraphBackend(QSGRendererInterface::Software);
 #endif
+    }
+
+    // The software sections can be put into their bootloader from the fault panel: they are
+    // then updated from a firmware image generated here, in a scratch home folder where the
+    // plugin looks first. The sections on hardware keep the user's own image.
+    QTemporaryDir firmwareHome;
+    if (type == QLatin1String("software") && firmwareHome.isValid() &&
+        DemoHost::writeDemoFirmware(firmwareHome.path())) {
+        qputenv("HOME", QFile::encodeName(firmwareHome.path()));
     }
 
     // Before the engine, so it outlives every QML object that may still call it.

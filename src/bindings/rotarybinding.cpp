@@ -16,6 +16,8 @@ RotaryBinding::RotaryBinding(QObject* parent) : BindingBase(parent), m_flash(new
 {
     connect(m_flash, &FlashInfo::enabledChanged, this, &RotaryBinding::sendRotaryFlashEnabled);
     connect(m_flash, &FlashInfo::intervalChanged, this, &RotaryBinding::sendRotaryFlashInterval);
+    // After the ring has been told: a handler reading the interval sees it in effect.
+    connect(m_flash, &FlashInfo::intervalChanged, this, &RotaryBinding::flashIntervalChanged);
 }
 
 RotaryBinding::~RotaryBinding()

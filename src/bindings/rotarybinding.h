@@ -75,6 +75,7 @@ signals:
     void colorChanged();
     // A signed number of steps, positive clockwise: -128..127 per report.
     void rotaryRotated(int value);
+    // flash.interval changed (and the ring has been told).
     void flashIntervalChanged();
     void scopeChanged();
 

@@ -8,6 +8,7 @@
 namespace Velmora::Worksurface {
 
 class ISerialDataReceiver;
+class ISoftwareSectionLine;
 class ISoftwareSerialMessageHandler;
 
 // The in-process stand-in for every section's microcontroller when the surface is played
@@ -30,6 +31,38 @@ public:
     virtual void sendToPlugin(uint8_t sectionIndex, const SerialMessage& message) = 0;
     virtual void messageFromPlugin(uint8_t sectionIndex, const SerialMessage& message) = 0;
     virtual void replayLastMessage(uint8_t sectionIndex, uint8_t type, uint8_t deviceId) = 0;
+
+    // Fault rehearsal. A controller that plays no faults keeps these defaults: every section
+    // is plugged in and runs its application.
+
+    // The section's line, told when the section is unplugged or plugged in again; replaces
+    // any line registered for the index. Not owned.
+    virtual void setSectionLine(uint8_t sectionIndex, ISoftwareSectionLine* line)
+    {
+        (void)sectionIndex;
+        (void)line;
+    }
+    // Forgets the section's line only if it is `line`.
+    virtual void removeSectionLine(uint8_t sectionIndex, ISoftwareSectionLine* line)
+    {
+        (void)sectionIndex;
+        (void)line;
+    }
+    // Whether the section is plugged in: a line cannot open while it is not.
+    virtual bool isSectionPlugged(uint8_t sectionIndex) const
+    {
+        (void)sectionIndex;
+        return true;
+    }
+    // Offers a firmware-update packet the plugin wrote to the section. True when the
+    // section took it (a section in its bootloader answers it itself, a silent one drops
+    // it); false leaves it to the line's own answer for a section running its application.
+    virtual bool takeBootloaderPacket(uint8_t sectionIndex, const BootloaderPacket& packet)
+    {
+        (void)sectionIndex;
+        (void)packet;
+        return false;
+    }
 };
 
 }  // namespace Velmora::Worksurface

@@ -5,6 +5,8 @@
 #include <utility>
 
 #include "base/isettings.h"
+#include "base/logcategories.h"
+#include "base/logger.h"
 #include "serial/hardwareserialconnection.h"
 #include "serial/softwareserialconnection.h"
 
@@ -23,7 +25,8 @@ std::shared_ptr<ISerialConnection> SerialConnectionFactory::createSerialConnecti
         return nullptr;
     }
     if (source->type() == static_cast<uint8_t>(SurfaceType::Software)) {
-        return std::make_shared<SoftwareSerialConnection>(sectionIndex, m_controller);
+        return std::make_shared<SoftwareSerialConnection>(
+            sectionIndex, m_controller, std::make_shared<Logger>(source, lcLink()));
     }
     return std::make_shared<HardwareSerialConnection>(sectionIndex,
                                                       serialPortName(sectionIndex, *source));

@@ -4,14 +4,28 @@
 #include <utility>
 
 #include "base/logcategories.h"
+#include "base/logger.h"
 #include "serial/isoftwarecontrollerconnection.h"
 
 namespace Velmora::Worksurface {
 
+namespace {
+
+// What QSerialPort reports for a device that went away while open (ResourceError), as the
+// hardware link logs it.
+constexpr int kResourceErrorCode = 9;
+
+}  // namespace
+
 SoftwareSerialConnection::SoftwareSerialConnection(
-    uint8_t sectionIndex, std::shared_ptr<ISoftwareControllerConnection> controller)
-    : m_sectionIndex(sectionIndex), m_controller(std::move(controller))
-{}
+    uint8_t sectionIndex, std::shared_ptr<ISoftwareControllerConnection> controller,
+    std::shared_ptr<Logger> logger)
+    : m_sectionIndex(sectionIndex), m_controller(std::move(controller)), m_logger(std::move(logger))
+{
+    if (m_controller) {
+        m_controller->setSectionLine(m_sectionIndex, this);
+    }
+}
 
 // The receiver registered through this connection goes with it (it is the section
 // connection that owns this one), but only if it is still the registered one: a newer
@@ -20,6 +34,9 @@ SoftwareSerialConnection::~SoftwareSerialConnection()
 {
     if (m_controller && m_receiver != nullptr) {
         m_controller->removeDataReceiver(m_sectionIndex, m_receiver);
+    }
+    if (m_controller) {
+        m_controller->removeSectionLine(m_sectionIndex, this);
     }
 }
 
@@ -41,9 +58,54 @@ void SoftwareSerialConnection::setDataReceiver(ISerialDataReceiver* receiver)
     }
 }
 
+QString SoftwareSerialConnection::lineName() const
+{
+    return QStringLiteral("software section %1").arg(static_cast<int>(m_sectionIndex));
+}
+
 void SoftwareSerialConnection::open()
 {
+    if (m_open) {
+        return;
+    }
+    // A repeat of the previous outcome within a series of reconnection attempts is not news.
+    const auto isNews = [this](LastOpen outcome) { return !m_reopening || m_lastOpen != outcome; };
+    // The quoted name matches the hardware link's lines, whose port name Qt's stream quotes.
+    const QString quotedName = QLatin1Char('"') + lineName() + QLatin1Char('"');
+    if (m_controller && !m_controller->isSectionPlugged(m_sectionIndex)) {
+        if (isNews(LastOpen::Failed)) {
+            logDebug(QStringLiteral("Unable to open connection to WS section %1  Connection name: "
+                                    "%2 The device was not found.")
+                         .arg(static_cast<int>(m_sectionIndex))
+                         .arg(quotedName));
+            logCritical(QStringLiteral("Unable to open WS section %1 serial port with name:  %2")
+                            .arg(static_cast<int>(m_sectionIndex))
+                            .arg(quotedName));
+            logCritical(QStringLiteral("Error was: DeviceNotFoundError"));
+        }
+        m_down = true;
+        m_outputBuffer.clear();
+        m_lastOpen = LastOpen::Failed;
+        m_portError = QStringLiteral("Device not found: %1").arg(lineName());
+        return;
+    }
     m_open = true;
+    // Only a line that was down says it is back; a section never unplugged opens silently.
+    if (m_down && isNews(LastOpen::Opened)) {
+        logDebug(QStringLiteral("WS section %1 serial port: %2 ready and open.")
+                     .arg(static_cast<int>(m_sectionIndex))
+                     .arg(quotedName));
+    }
+    m_down = false;
+    m_lastOpen = LastOpen::Opened;
+    m_portError.clear();
+}
+
+void SoftwareSerialConnection::reopen()
+{
+    m_reopening = true;
+    open();
+    m_reopening = false;
 }
 
 void SoftwareSerialConnection::close()
@@ -51,11 +113,41 @@ void SoftwareSerialConnection::close()
     m_open = false;
 }
 
+QString SoftwareSerialConnection::portError() const
+{
+    return m_portError;
+}
+
+void SoftwareSerialConnection::pluggedChanged(bool plugged)
+{
+    // Plugged in again: the link's next attempt opens the line. Pulled out while closed: the
+    // next open fails.
+    if (plugged || !m_open) {
+        return;
+    }
+    logDebug(QStringLiteral("Serial port error in WS section %1 Error core: %2")
+                 .arg(static_cast<int>(m_sectionIndex))
+                 .arg(kResourceErrorCode));
+    m_open = false;
+    m_down = true;
+    m_outputBuffer.clear();
+    m_portError = QStringLiteral("Device gone: %1").arg(lineName());
+    // Whatever opens the line next is news.
+    m_lastOpen = LastOpen::None;
+}
+
 void SoftwareSerialConnection::writeRaw(const BootloaderPacket& packet)
 {
-    // A simulated section has no bootloader: it only tells the updater so, which ends the
-    // start-up exchange.
-    if (packet.command == BootloaderCommand::AutoBaud && m_controller) {
+    if (m_down || !m_controller) {
+        return;
+    }
+    // A section in its bootloader answers the packet itself.
+    if (m_controller->takeBootloaderPacket(m_sectionIndex, packet)) {
+        return;
+    }
+    // A section running its application only tells the updater that it is not in its
+    // bootloader, which ends the start-up exchange.
+    if (packet.command == BootloaderCommand::AutoBaud) {
         m_controller->sendBootloaderReply(m_sectionIndex,
                                           BootloaderPacket(BootloaderCommand::NotBootLoader));
     }
@@ -69,6 +161,11 @@ void SoftwareSerialConnection::sendMessage(const SerialMessage& message)
 
 void SoftwareSerialConnection::flush()
 {
+    if (m_down) {
+        // A section that is not there hears nothing, as a closed port writes nothing.
+        m_outputBuffer.clear();
+        return;
+    }
     if (m_flushing) {
         m_flushRequested = true;
         return;
@@ -106,6 +203,20 @@ void SoftwareSerialConnection::badDataReceived(const QByteArray& data)
 {
     qCDebug(lcLink) << "SW serial message connection for section:"
                     << static_cast<int>(m_sectionIndex) << "received bad data:" << data.toHex();
+}
+
+void SoftwareSerialConnection::logDebug(const QString& text) const
+{
+    if (m_logger) {
+        m_logger->debug(text);
+    }
+}
+
+void SoftwareSerialConnection::logCritical(const QString& text) const
+{
+    if (m_logger) {
+        m_logger->critical(text);
+    }
 }
 
 }  // namespace Velmora::Worksurface

@@ -3,7 +3,9 @@
 #include <algorithm>
 
 #include "serial/iserialdatareceiver.h"
+#include "serial/isoftwaresectionline.h"
 #include "serial/isoftwareserialmessagehandler.h"
+#include "software/isoftwaresection.h"
 
 namespace Velmora::Worksurface {
 
@@ -98,7 +100,96 @@ void QmlControllerConnection::messageFromPlugin(uint8_t sectionIndex, const Seri
     // bring the next message back here before this call returns.
     const SerialMessage copy = message;
     remember(sectionIndex, copy);
+    // A section that does not answer, or sits in its bootloader, does not take frames; what
+    // was sent is still remembered for the controls that catch up later.
+    if (const ISoftwareSection* played = section(sectionIndex)) {
+        if (!played->isAnswering() || played->isInBootloader()) {
+            return;
+        }
+    }
     dispatch(sectionIndex, copy);
+}
+
+void QmlControllerConnection::setSectionLine(uint8_t sectionIndex, ISoftwareSectionLine* line)
+{
+    m_lines.erase(sectionIndex);
+    if (line != nullptr) {
+        m_lines.emplace(sectionIndex, line);
+    }
+    if (ISoftwareSection* played = section(sectionIndex)) {
+        played->lineReset();
+    }
+}
+
+void QmlControllerConnection::removeSectionLine(uint8_t sectionIndex, ISoftwareSectionLine* line)
+{
+    const auto it = m_lines.find(sectionIndex);
+    if (it != m_lines.end() && it->second == line) {
+        m_lines.erase(it);
+        if (ISoftwareSection* played = section(sectionIndex)) {
+            played->lineReset();
+        }
+    }
+}
+
+bool QmlControllerConnection::isSectionPlugged(uint8_t sectionIndex) const
+{
+    const ISoftwareSection* played = section(sectionIndex);
+    return played == nullptr || played->isPlugged();
+}
+
+bool QmlControllerConnection::takeBootloaderPacket(uint8_t sectionIndex,
+                                                   const BootloaderPacket& packet)
+{
+    ISoftwareSection* played = section(sectionIndex);
+    if (played == nullptr) {
+        return false;
+    }
+    if (!played->isAnswering()) {
+        return true;
+    }
+    if (!played->isInBootloader()) {
+        return false;
+    }
+    played->bootloaderBytes(encodeBootloaderPacket(packet));
+    return true;
+}
+
+void QmlControllerConnection::addSection(ISoftwareSection* section)
+{
+    if (section != nullptr &&
+        std::find(m_sections.begin(), m_sections.end(), section) == m_sections.end()) {
+        m_sections.push_back(section);
+    }
+}
+
+void QmlControllerConnection::removeSection(ISoftwareSection* section)
+{
+    m_sections.erase(std::remove(m_sections.begin(), m_sections.end(), section), m_sections.end());
+}
+
+ISoftwareSection* QmlControllerConnection::section(uint8_t sectionIndex) const
+{
+    for (ISoftwareSection* candidate : m_sections) {
+        if (candidate->playedSectionIndex() == sectionIndex) {
+            return candidate;
+        }
+    }
+    return nullptr;
+}
+
+void QmlControllerConnection::sectionPluggedChanged(uint8_t sectionIndex)
+{
+    const auto it = m_lines.find(sectionIndex);
+    if (it != m_lines.end()) {
+        it->second->pluggedChanged(isSectionPlugged(sectionIndex));
+    }
+}
+
+void QmlControllerConnection::sendRawToPlugin(uint8_t sectionIndex, const QByteArray& bytes)
+{
+    TARVIX_ASSERT_THREAD(m_affinity);
+    deliver(sectionIndex, bytes);
 }
 
 void QmlControllerConnection::replayLastMessage(uint8_t sectionIndex, uint8_t type,
@@ -160,6 +251,11 @@ void QmlControllerConnection::dispatch(uint8_t sectionIndex, const SerialMessage
 
 void QmlControllerConnection::deliver(uint8_t sectionIndex, const QByteArray& bytes)
 {
+    // An unplugged section's bytes go nowhere.
+    const auto line = m_lines.find(sectionIndex);
+    if ((line != m_lines.end() && line->second->isDown()) || !isSectionPlugged(sectionIndex)) {
+        return;
+    }
     ISerialDataReceiver* receiver = dataReceiver(sectionIndex);
     if (receiver != nullptr) {
         receiver->dataReceived(bytes);

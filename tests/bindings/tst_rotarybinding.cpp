@@ -119,6 +119,7 @@ private slots:
     void flashingTogglesBetweenBlackAndTheColour();
     void disablingFlashShowsTheColourSteadily();
     void flashSlotsCalledFromQmlSendTheFlashState();
+    void flashIntervalChangeEmitsFlashIntervalChangedOnce();
 
     void typeWriteWaitsForTheNextLookup();
     void rebindingToTheSameRotaryResendsTheRing();
@@ -377,6 +378,28 @@ void TestRotaryBinding::sameColourStillResendsTheRing()
     binding->setColor(QColor(255, 0, 0));
     QCOMPARE(spy.count(), 0);
     QCOMPARE(rig.takeFrames(), QStringList({ringFrame(0, 3, "ff000000")}));
+}
+
+void TestRotaryBinding::flashIntervalChangeEmitsFlashIntervalChangedOnce()
+{
+    BindingTestRig rig;
+    auto binding = makeRedStripRotary(rig);
+    QSignalSpy changed(binding.get(), &RotaryBinding::flashIntervalChanged);
+    // Emitted after the ring was given the new interval.
+    int intervalSeen = -1;
+    QObject::connect(binding.get(), &RotaryBinding::flashIntervalChanged,
+                     [&]() { intervalSeen = binding->flash()->interval(); });
+    binding->flash()->setInterval(400);
+    QCOMPARE(changed.count(), 1);
+    QCOMPARE(intervalSeen, 400);
+    binding->flash()->setInterval(400);
+    QCOMPARE(changed.count(), 1);
+    binding->flash()->setInterval(250);
+    QCOMPARE(changed.count(), 2);
+    QCOMPARE(intervalSeen, 250);
+    // Enabling flashing is not an interval change.
+    binding->flash()->setEnabled(true);
+    QCOMPARE(changed.count(), 2);
 }
 
 void TestRotaryBinding::flashingTogglesBetweenBlackAndTheColour()

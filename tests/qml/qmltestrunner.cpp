@@ -1,13 +1,19 @@
 // Runs every tests/qml/tst_*.qml against the module in the build tree.
 //
-// Each file's engine also gets `qmlWatchdog`: a test arms it before a step that could hang
+// Each file's engine also gets `qmlFirmware`, which puts a firmware image where the plugin
+// looks for it (a scratch home folder), so that a software section in its bootloader can be
+// updated end to end. And `qmlWatchdog`: a test arms it before a step that could hang
 // the QML thread (a handler that calls back into the plugin) and disarms it afterwards. A
 // step still running when the time is up fails the whole run at once, naming the step,
 // instead of stalling until ctest's own time-out.
+#include <QByteArray>
+#include <QDir>
+#include <QFile>
 #include <QObject>
 #include <QQmlContext>
 #include <QQmlEngine>
 #include <QString>
+#include <QTemporaryDir>
 #include <QtQuickTest>
 #include <chrono>
 #include <condition_variable>
@@ -84,6 +90,55 @@ private:
     std::thread m_thread;
 };
 
+// The image is `size` bytes, byte i being (i * 31 + 7) mod 256, so a test can compute what
+// the section must receive. It lives in a scratch home folder's .firmware/worksurface.bin,
+// where the plugin's settings look first; HOME points there only while an image exists.
+class QmlFirmware : public QObject
+{
+    Q_OBJECT
+
+public:
+    ~QmlFirmware() override { remove(); }
+
+    Q_INVOKABLE bool write(int size)
+    {
+        if (!m_home.isValid() || size < 0 ||
+            !QDir(m_home.path()).mkpath(QStringLiteral(".firmware"))) {
+            return false;
+        }
+        QByteArray image(size, '\0');
+        for (int i = 0; i < size; ++i) {
+            image[i] = static_cast<char>((i * 31 + 7) & 0xFF);
+        }
+        QFile file(m_home.filePath(QStringLiteral(".firmware/worksurface.bin")));
+        if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
+            file.write(image) != image.size()) {
+            return false;
+        }
+        file.close();
+        if (!m_homeReplaced) {
+            m_savedHome = qgetenv("HOME");
+            m_homeReplaced = true;
+        }
+        qputenv("HOME", QFile::encodeName(m_home.path()));
+        return true;
+    }
+
+    Q_INVOKABLE void remove()
+    {
+        QFile::remove(m_home.filePath(QStringLiteral(".firmware/worksurface.bin")));
+        if (m_homeReplaced) {
+            qputenv("HOME", m_savedHome);
+            m_homeReplaced = false;
+        }
+    }
+
+private:
+    QTemporaryDir m_home;
+    QByteArray m_savedHome;
+    bool m_homeReplaced = false;
+};
+
 class QmlTestSetup : public QObject
 {
     Q_OBJECT
@@ -94,6 +149,7 @@ public slots:
     void qmlEngineAvailable(QQmlEngine* engine)
     {
         engine->rootContext()->setContextProperty(QStringLiteral("qmlWatchdog"), &m_watchdog);
+        engine->rootContext()->setContextProperty(QStringLiteral("qmlFirmware"), &m_firmware);
         engine->rootContext()->setContextProperty(QStringLiteral("qtMajorVersion"),
                                                   QT_VERSION_MAJOR);
         // Under emulation (the aarch64 build) the re-entrancy matrix runs every n-th cell;
@@ -105,6 +161,7 @@ public slots:
 
 private:
     QmlWatchdog m_watchdog;
+    QmlFirmware m_firmware;
 };
 
 QUICK_TEST_MAIN_WITH_SETUP(tarvixworksurface, QmlTestSetup)

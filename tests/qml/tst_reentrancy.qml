@@ -51,14 +51,18 @@ TestCase {
     // Builds a new software surface and waits until every section's link is up: each
     // section answers the first ping with a temperature no earlier build reported.
     property int nextTemperature: 100
+    // 100..250, one no earlier build reported lately (a byte on the wire).
+    function freshTemperature() {
+        if (nextTemperature > 250 || nextTemperature < 100)
+            nextTemperature = 100
+        return nextTemperature++
+    }
     function connectSoftware() {
         Surface.settings.type = SurfaceSettings.Software
         Surface.settings.mode = SurfaceSettings.K60
         var controls = [sectionZero, sectionOne, sectionTwo]
         for (var i = 0; i < 3; ++i) {
-            controls[i].temperature = nextTemperature++
-            if (nextTemperature > 250)
-                nextTemperature = 100
+            controls[i].temperature = freshTemperature()
         }
         Surface.connect()
         for (var s = 0; s < Surface.sectionCount; ++s)
@@ -139,7 +143,14 @@ TestCase {
             { kind: "MeterBinding", partner: "MeterControl", props: "sectionIndex: 2; type: MeterBinding.MasterLeft",
               partnerProps: "sectionIndex: 2; meterType: MeterBinding.MasterLeft" },
             { kind: "MeterControl", partner: "MeterBinding", props: "sectionIndex: 2; meterType: MeterBinding.MasterLeft",
-              partnerProps: "sectionIndex: 2; type: MeterBinding.MasterLeft" }
+              partnerProps: "sectionIndex: 2; type: MeterBinding.MasterLeft" },
+            { kind: "GlobalSurfaceBinding" }, { kind: "FaderSettings" },
+            // The value objects a binding carries: the emitter is the binding's own.
+            { kind: "FaderLockInfo", type: "FaderBinding", sub: "lock", partner: "FaderControl",
+              props: "sectionIndex: 0; index: 1; type: FaderBinding.Fader" },
+            { kind: "FlashInfo", type: "LedBinding", sub: "flash", partner: "ButtonControl",
+              props: "sectionIndex: 0; index: 2; type: LedBinding.MuteButton",
+              partnerProps: "sectionIndex: 0; index: 2; type: ButtonBinding.Mute" }
         ]
     }
 
@@ -157,17 +168,24 @@ TestCase {
             scene.emitter = Surface.connection
         } else if (k.kind === "SectionInfoModel") {
             scene.emitter = Surface.section(0)
-        } else if (k.kind === "SectionControl") {
-            scene.emitter = create("SectionControl { connection: Surface.connection; sectionIndex: 0; temperature: 57 }")
+        } else if (k.kind === "FaderSettings") {
+            scene.emitter = Surface.faders
+        } else if (k.kind === "GlobalSurfaceBinding") {
+            scene.emitter = create("GlobalSurfaceBinding { connection: Surface.connection }")
             scene.made.push(scene.emitter)
+        } else if (k.kind === "SectionControl") {
+            // The section-0 control that plays the section (the first registered for it), so
+            // that its faults and its bootloader act on the link.
+            scene.emitter = sectionZero
         }
         if (k.partner) {
-            var own = attached(k.kind, k.props)
+            var ownType = k.type ? k.type : k.kind
+            var own = attached(ownType, k.props)
             var partner = attached(k.partner, k.partnerProps ? k.partnerProps : k.props)
             scene.made.push(own, partner)
-            scene.emitter = own
-            scene.binding = isBinding(k.kind) ? own : partner
-            scene.control = isControl(k.kind) ? own : partner
+            scene.emitter = k.sub ? own[k.sub] : own
+            scene.binding = isBinding(ownType) ? own : partner
+            scene.control = isControl(ownType) ? own : partner
         } else {
             // A bystander pair for the calls that write a binding or move a control.
             scene.control = attached("FaderControl", "sectionIndex: 0; index: 1; type: FaderBinding.Fader")
@@ -204,8 +222,12 @@ TestCase {
             var old = object[name]
             if (typeof old === "boolean")
                 object[name] = !old
-            else if (typeof old === "number")
+            else if (typeof old === "number") {
+                // At the top of its range a value may be clamped back: then one lower.
                 object[name] = old + 1
+                if (object[name] === old)
+                    object[name] = old - 1
+            }
             else if (name === "color")
                 object[name] = "#102030"
             else
@@ -215,6 +237,35 @@ TestCase {
     }
 
     function attempt(f) { try { f() } catch (e) {} }
+
+    // Section 0 is updated from its bootloader (a 256-byte image) with the given status
+    // answered to GetStatus, until the section runs its application again or `fired()`.
+    function updateSectionZero(status, fired) {
+        if (!qmlFirmware.write(256))
+            return
+        sectionZero.flashStatus = status
+        sectionZero.versionMinor = sectionZero.versionMinor + 1
+        sectionZero.bootloader = true
+        Surface.connect()
+        for (var t = 0; t < 100 && !fired(); ++t) {
+            if (!sectionZero.bootloader && Surface.section(0).version === sectionZero.versionMinor)
+                break
+            wait(50)
+        }
+    }
+
+    // Whatever the exercise or a handler left of section 0's faults ends here: an update that
+    // was still running is let finish, and the section answers and is plugged in again.
+    function settleFaults() {
+        for (var t = 0; t < 100 && sectionZero.bootloader; ++t)
+            wait(50)
+        sectionZero.answering = true
+        sectionZero.plugged = true
+        sectionZero.bootloader = false
+        sectionZero.flashStatus = 0x40
+        sectionZero.nakCount = 0
+        qmlFirmware.remove()
+    }
 
     // Makes the scene emit: the section side reports, the application side writes, the
     // surface calibrates. Stops as soon as the signal under test has come.
@@ -235,10 +286,46 @@ TestCase {
             function () { Surface.calibrate() },
             function () { sectionZero.stopCalibration(); sectionOne.stopCalibration(); sectionTwo.stopCalibration() },
             function () { wiggle(Surface.faders, "restMode") },
-            function () { wiggle(Surface.settings, "debugEnabled"); wiggle(Surface.settings, "mode"); wiggle(Surface.settings, "type") },
+            function () { wiggle(Surface.settings, "debugEnabled"); wiggle(Surface.settings, "mode"); wiggle(Surface.settings, "type"); wiggle(Surface.settings, "reconnectInterval") },
+            function () { ["surfaceBrightness", "surfaceOverBrightness", "restMode", "enabled", "value", "interval"].forEach(function (n) { wiggle(scene.emitter, n) }) },
+            function () {
+                // A touch target with the function a fader binding calls, set and cleared.
+                // A QML signal is a method the binding can find by its C++ signature.
+                var target = create("QtObject { signal onFaderTouched(bool touched) }")
+                attempt(function () { scene.binding.touchTarget = target; scene.binding.touchTarget = null })
+                target.destroy()
+            },
+            function () {
+                // The button's LED, lit by a binding of its own: its brightness reaches the control.
+                var led = attached("LedBinding", "sectionIndex: 0; index: 2; type: LedBinding.MuteButton")
+                led.on = true
+                wait(120)
+                led.on = false
+                wait(60)
+                led.destroy()
+            },
             function () { wait(60) },
-            function () { sectionZero.temperature = nextTemperature++; Surface.connect() },
-            function () { wait(120) }
+            function () { sectionZero.temperature = freshTemperature(); Surface.connect() },
+            function () { wait(120) },
+            function () {
+                faultsPlayed = true;
+                ["answering", "bootloader", "flashStatus", "nakCount", "versionMajor", "versionMinor", "sectionIndex"].forEach(function (n) { wiggle(sectionZero, n) })
+                // Out long enough for a link pass to see the line gone.
+                sectionZero.plugged = false
+                for (var t = 0; t < 10 && !fired(); ++t)
+                    wait(30)
+                sectionZero.plugged = true
+            },
+            function () { faultsPlayed = true; updateSectionZero(0x40, fired) },
+            function () { faultsPlayed = true; updateSectionZero(0x44, fired) },
+            // Hardware sections on devices this machine lacks: a port name and its error.
+            function () {
+                faultsPlayed = true
+                Surface.settings.type = SurfaceSettings.Hardware
+                Surface.connect()
+                for (var t = 0; t < 20 && !fired(); ++t)
+                    wait(50)
+            }
         ]
         for (var i = 0; i < steps.length && !fired(); ++i)
             steps[i]()
@@ -302,6 +389,8 @@ TestCase {
     }
 
     property bool needsReconnect: true
+    // Set once the exercise has reached section 0's faults.
+    property bool faultsPlayed: false
 
     function test_matrix(data) {
         qmlWatchdog.arm(data.tag, 30)
@@ -324,6 +413,14 @@ TestCase {
         attempt(function () { scene.emitter[data.signalName].disconnect(handler) })
         for (var m = 0; m < scene.made.length; ++m)
             attempt(function () { scene.made[m].destroy() })
+        // A section that was unplugged (even if only for a moment) stays down without a
+        // reconnect interval: the scene starts over.
+        if (faultsPlayed || sectionZero.bootloader || !sectionZero.plugged
+                || !sectionZero.answering || sectionZero.flashStatus !== 0x40) {
+            settleFaults()
+            faultsPlayed = false
+            needsReconnect = true
+        }
         if (!emitted) {
             needsReconnect = true
             skip("not emitted by the exercise")

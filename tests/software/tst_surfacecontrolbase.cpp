@@ -93,11 +93,27 @@ void TestSurfaceControlBase::controlsExposeTheirPropertiesSignalsAndInvokablesIn
                                   << QStringList{"typeChanged()", "valueChanged()", "peakChanged()"}
                                   << QStringList{};
     QTest::newRow("SectionControl")
-        << &SectionControl::staticMetaObject << &QObject::staticMetaObject
-        << QStringList{"connection:SurfaceConnection*", "sectionIndex:int", "calibrating:bool",
-                       "temperature:int"}
-        << QStringList{"sectionIndexChanged()", "calibratingChanged()", "temperatureChanged()"}
-        << QStringList{"stopCalibration()"};
+        << &SectionControl::staticMetaObject
+        << &QObject::staticMetaObject
+        // The section's own members first, in their order; then the faults it can play.
+        << QStringList{"connection:SurfaceConnection*",
+                       "sectionIndex:int",
+                       "calibrating:bool",
+                       "temperature:int",
+                       "answering:bool",
+                       "plugged:bool",
+                       "bootloader:bool",
+                       "flashStatus:int",
+                       "nakCount:int",
+                       "receivedBytes:int",
+                       "imageCrc32:QString",
+                       "versionMajor:int",
+                       "versionMinor:int"}
+        << QStringList{"sectionIndexChanged()", "calibratingChanged()",  "temperatureChanged()",
+                       "answeringChanged()",    "pluggedChanged()",      "bootloaderChanged()",
+                       "flashStatusChanged()",  "nakCountChanged()",     "receivedBytesChanged()",
+                       "imageCrc32Changed()",   "versionMajorChanged()", "versionMinorChanged()"}
+        << QStringList{"stopCalibration()", "sendRaw(QVariant)"};
 }
 
 void TestSurfaceControlBase::controlsExposeTheirPropertiesSignalsAndInvokablesInOrder()

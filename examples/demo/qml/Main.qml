@@ -38,8 +38,9 @@ ApplicationWindow {
         Surface.settings.type = software ? SurfaceSettings.Software : SurfaceSettings.Hardware
         Surface.settings.mode = demoModel === "K40" ? SurfaceSettings.K40 : SurfaceSettings.K60
         // Real sections may be unplugged, power-cycled or still booting: their links try
-        // again every two seconds. A software surface is always there.
-        Surface.settings.reconnectInterval = software ? 0 : 2000
+        // again every two seconds. The software sections are unplugged from the fault panel:
+        // theirs come back within half a second.
+        Surface.settings.reconnectInterval = software ? 500 : 2000
         Surface.connect()
         tour.running = demoWalkthrough
     }

@@ -428,12 +428,113 @@ Item {
             }
         },
         {
+            name: "section unplugged (worksurface -> console)",
+            act: function (c) {
+                W.section(0).control.plugged = false
+                return "section 0 SectionControl.plugged = false (its line goes as a pulled adapter)"
+            },
+            check: function (c) {
+                var info = Surface.section(0)
+                return { ok: info.linkState !== SectionInfoModel.Connected
+                             && info.portError.indexOf("Device ") === 0,
+                         got: "Surface.section(0).linkState = " + info.linkState
+                              + ", portError = \"" + info.portError + "\"" }
+            }
+        },
+        {
+            name: "section plugged in (worksurface -> console)",
+            act: function (c) {
+                W.section(0).control.plugged = true
+                return "section 0 SectionControl.plugged = true (reconnectInterval "
+                       + Surface.settings.reconnectInterval + " ms)"
+            },
+            check: function (c) {
+                var info = Surface.section(0)
+                return { ok: info.linkState === SectionInfoModel.Connected && info.portError === "",
+                         got: "Surface.section(0).linkState = " + info.linkState
+                              + ", portError = \"" + info.portError + "\"" }
+            }
+        },
+        {
+            name: "firmware update (worksurface bootloader -> console)",
+            // 8 KiB in 128 blocks at the line's pace, the probe a second after the reset, and
+            // the new version at the next ping.
+            timeout: 25000,
+            act: function (c) {
+                var control = W.section(m).control
+                var info = Surface.section(m)
+                c.version = control.versionMinor + 1
+                c.sawUpdating = false
+                c.maxProgress = -1
+                listen(info.updatingChanged, function () { if (info.updating) c.sawUpdating = true })
+                listen(info.updateProgressChanged, function () {
+                    c.maxProgress = Math.max(c.maxProgress, info.updateProgress)
+                })
+                control.bootloader = true
+                Surface.connect()
+                return "section " + m + " SectionControl.bootloader = true, Surface.connect()"
+            },
+            check: function (c) {
+                var info = Surface.section(m)
+                var control = W.section(m).control
+                return { ok: c.sawUpdating && c.maxProgress === 100 && !control.bootloader
+                             && info.linkState === SectionInfoModel.Connected
+                             && info.version === c.version && info.lastUpdateFailure === -1,
+                         got: "updating seen " + c.sawUpdating + ", progress up to " + c.maxProgress
+                              + ", linkState " + info.linkState + ", version " + info.version
+                              + ", " + control.receivedBytes + " bytes crc " + control.imageCrc32 }
+            }
+        },
+        {
+            name: "flash failure (worksurface bootloader -> console)",
+            timeout: 10000,
+            act: function (c) {
+                var control = W.section(m).control
+                var info = Surface.section(m)
+                c.reasons = []
+                listen(info.updateFailed, function (reason) { c.reasons.push(reason) })
+                control.flashStatus = 0x44
+                control.bootloader = true
+                Surface.connect()
+                return "section " + m + " SectionControl.flashStatus = 0x44, bootloader = true, Surface.connect()"
+            },
+            check: function (c) {
+                var info = Surface.section(m)
+                return { ok: c.reasons.length === 1 && c.reasons[0] === 2
+                             && info.lastUpdateFailure === 2
+                             && info.linkState === SectionInfoModel.Connected,
+                         got: "updateFailed(" + c.reasons.join(", ") + "), lastUpdateFailure "
+                              + info.lastUpdateFailure + ", linkState " + info.linkState }
+            },
+            cleanup: function (c) {
+                W.section(m).control.flashStatus = 0x40
+            }
+        },
+        {
             name: "surface brightness (console -> worksurface)",
             act: function (c) {
                 globalBinding.surfaceBrightness = 128
                 return "GlobalSurfaceBinding.surfaceBrightness = 128 (type 6, device 0, every section)"
             },
             skip: "not observable: no software control takes type 6, so the message ends at the software link"
+        },
+        {
+            // The picture the walk-through ends on: one section out, the master updating.
+            name: "section out while the master updates (worksurface -> console)",
+            timeout: 15000,
+            act: function (c) {
+                W.section(0).control.plugged = false
+                W.section(m).control.bootloader = true
+                Surface.connect()
+                return "section 0 plugged = false, section " + m + " bootloader = true, Surface.connect()"
+            },
+            check: function (c) {
+                var out = Surface.section(0)
+                var info = Surface.section(m)
+                return { ok: out.portError !== "" && info.updating && info.updateProgress >= 30,
+                         got: "section 0 portError \"" + out.portError + "\", section " + m
+                              + " updating " + info.updating + " at " + info.updateProgress + "%" }
+            }
         }
         ]
     }

@@ -55,6 +55,8 @@ Rectangle {
                     connection: Surface.connection
                     sectionIndex: section.sectionIndex
                     temperature: 41 + 3 * section.sectionIndex
+                    // The new firmware shows once the section runs it.
+                    onBootloaderChanged: if (!bootloader && flashStatus === 0x40) versionMinor += 1
                 }
                 // A real section takes a few seconds to calibrate its faders.
                 Timer {
@@ -68,7 +70,8 @@ Rectangle {
                     height: 15
                     Text {
                         text: "Section " + section.sectionIndex + (section.isMaster ? " (master)" : "")
-                              + "   SectionControl: firmware 10.34,"
+                              + "   SectionControl: firmware " + sectionControl.versionMajor + "."
+                              + sectionControl.versionMinor + ","
                         color: Theme.text
                         font.pixelSize: Theme.small + 1
                     }
@@ -90,6 +93,31 @@ Rectangle {
                         font.pixelSize: Theme.small + 1
                         font.bold: true
                         MouseArea { anchors.fill: parent; anchors.margins: -3; onClicked: sectionControl.temperature += 1 }
+                    }
+                    // The fault panel: what a real section can do to its link.
+                    Repeater {
+                        model: [
+                            { label: "answering", on: sectionControl.answering,
+                              toggle: function () { sectionControl.answering = !sectionControl.answering } },
+                            { label: "plugged", on: sectionControl.plugged,
+                              toggle: function () { sectionControl.plugged = !sectionControl.plugged } },
+                            { label: "bootloader", on: sectionControl.bootloader,
+                              toggle: function () { sectionControl.bootloader = !sectionControl.bootloader } },
+                            { label: "flash failure", on: sectionControl.flashStatus !== 0x40,
+                              toggle: function () { sectionControl.flashStatus = sectionControl.flashStatus === 0x40 ? 0x44 : 0x40 } }
+                        ]
+                        Text {
+                            text: (modelData.on ? "\u25a0 " : "\u25a1 ") + modelData.label
+                            color: modelData.on ? Theme.good : Theme.mute
+                            font.pixelSize: Theme.small + 1
+                            MouseArea { anchors.fill: parent; anchors.margins: -3; onClicked: modelData.toggle() }
+                        }
+                    }
+                    Text {
+                        visible: sectionControl.bootloader || sectionControl.receivedBytes > 0
+                        text: "image " + sectionControl.receivedBytes + " B"
+                        color: Theme.dim
+                        font.pixelSize: Theme.small + 1
                     }
                     Text {
                         visible: sectionControl.calibrating
