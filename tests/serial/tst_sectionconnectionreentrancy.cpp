@@ -52,41 +52,6 @@ constexpr uint8_t kSection = 1;
 constexpr uint8_t kComponentId = 9;
 using State = ISectionConnection::State;
 
-// Fails a hang instead of stalling the run: unless disarmed (destroyed) within the time,
-// it names the case and aborts the process.
-class Watchdog
-{
-public:
-    Watchdog(const char* what, int seconds) : m_what(what)
-    {
-        m_thread = std::thread([this, seconds]() {
-            std::unique_lock<std::mutex> lock(m_mutex);
-            if (!m_done.wait_for(lock, std::chrono::seconds(seconds),
-                                 [this] { return m_disarmed; })) {
-                std::fprintf(stderr, "FAIL: hung: %s\n", m_what);
-                std::fflush(stderr);
-                std::abort();
-            }
-        });
-    }
-    ~Watchdog()
-    {
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_disarmed = true;
-        }
-        m_done.notify_all();
-        m_thread.join();
-    }
-
-private:
-    const char* m_what;
-    std::mutex m_mutex;
-    std::condition_variable m_done;
-    bool m_disarmed = false;
-    std::thread m_thread;
-};
-
 // Whether the link's mutex is free right now: another thread takes it (through
 // stopCalibration, which only takes and releases it) and must get it within the time. When
 // the caller holds it, the probe thread is left to finish once the caller lets go (it keeps
@@ -94,18 +59,7 @@ private:
 bool linkMutexIsFree(SectionConnection* link)
 {
     std::shared_ptr<SectionConnection> shared = link->shared_from_this();
-    auto done = std::make_shared<std::promise<void>>();
-    std::future<void> finished = done->get_future();
-    std::thread probe([shared, done]() {
-        shared->stopCalibration();
-        done->set_value();
-    });
-    if (finished.wait_for(std::chrono::milliseconds(1500)) == std::future_status::ready) {
-        probe.join();
-        return true;
-    }
-    probe.detach();
-    return false;
+    return isFreeFromAnotherThread([shared] { shared->stopCalibration(); }, shared);
 }
 
 // A task pool that checks, on every call, that the calling link does not hold its mutex

@@ -1,6 +1,8 @@
 #include "support/lockprobe.h"
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <thread>
 #include <utility>
@@ -10,6 +12,28 @@ namespace {
 LockProbingMessageHandler* g_current = nullptr;
 
 }  // namespace
+
+Watchdog::Watchdog(const char* what, int seconds) : m_what(what)
+{
+    m_thread = std::thread([this, seconds]() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (!m_done.wait_for(lock, std::chrono::seconds(seconds), [this] { return m_disarmed; })) {
+            std::fprintf(stderr, "FAIL: hung: %s\n", m_what);
+            std::fflush(stderr);
+            std::abort();
+        }
+    });
+}
+
+Watchdog::~Watchdog()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_disarmed = true;
+    }
+    m_done.notify_all();
+    m_thread.join();
+}
 
 bool isFreeFromAnotherThread(const std::function<void()>& take, std::shared_ptr<void> keepAlive,
                              int timeoutMs)

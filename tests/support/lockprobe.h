@@ -3,8 +3,29 @@
 #include <QString>
 #include <QStringList>
 #include <QtGlobal>
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <thread>
+
+// Fails a hang instead of stalling the run (a lock taken twice on one thread): unless
+// disarmed (destroyed) within the time, it names the case and aborts the process.
+class Watchdog
+{
+public:
+    Watchdog(const char* what, int seconds);
+    ~Watchdog();
+    Watchdog(const Watchdog&) = delete;
+    Watchdog& operator=(const Watchdog&) = delete;
+
+private:
+    const char* m_what;
+    std::mutex m_mutex;
+    std::condition_variable m_done;
+    bool m_disarmed = false;
+    std::thread m_thread;
+};
 
 // Whether a mutex is free right now: `take` (a call that takes the mutex and lets it go
 // again, e.g. SectionConnection::stopCalibration()) runs on another thread and must return
