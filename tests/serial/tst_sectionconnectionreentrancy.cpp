@@ -741,9 +741,10 @@ void TestSectionConnectionReentrancy::everyCallOutOfTheLinkFindsTheMutexFree()
     for (const auto& [name, count] : rig.calls.counts) {
         QVERIFY2(kEveryCallOut.contains(name), qPrintable(QStringLiteral("unlisted: ") + name));
     }
-    QVERIFY2(missing.isEmpty(), qPrintable(QStringLiteral("never made: ") + missing.join(", ")));
-    QVERIFY2(underLock.isEmpty(), qPrintable(QStringLiteral("made with the link's mutex held: ") +
-                                             underLock.join(", ")));
+    QVERIFY2(missing.isEmpty() && underLock.isEmpty(),
+             qPrintable(QStringLiteral("made with the link's mutex held: [%1]; never made: [%2]")
+                            .arg(underLock.join(QStringLiteral(", ")),
+                                 missing.join(QStringLiteral(", ")))));
 }
 
 // The same over a real serial device: opening reports synchronously (QSerialPort's error
