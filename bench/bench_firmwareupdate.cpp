@@ -16,7 +16,6 @@
 // - reply_bound_s: the same for the section's bytes alone, the part the simulator paces.
 // - exchange_s: from opening the link to the section leaving its bootloader (the Reset).
 #include <benchmark/benchmark.h>
-#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
@@ -26,6 +25,7 @@
 
 #include "serial/isectionconnection.h"
 #include "support/fakesettings.h"
+#include "support/firmwareimagebytes.h"
 #include "support/ptysectionlink.h"
 #include "support/ptysectionsimulator.h"
 #include "tasks/taskpool.h"
@@ -45,26 +45,13 @@ constexpr int kSectionStartBytes = 1 + 1 + 1 + 1 + 3;
 constexpr int kPluginEndBytes = 3 + 2;
 constexpr int kSectionEndBytes = 1 + 1;
 
-QByteArray imageBytes(int size)
-{
-    quint32 state = 0x2545F491u;
-    QByteArray bytes(size, Qt::Uninitialized);
-    for (int i = 0; i < size; ++i) {
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        bytes[i] = static_cast<char>(state >> 24);
-    }
-    return bytes;
-}
-
 void runFirmwareUpdate(benchmark::State& state, int imageSize, int pacedBaud)
 {
     for (auto _ : state) {
         state.PauseTiming();
         QTemporaryDir dir;
         const QString path = dir.path() + QStringLiteral("/worksurface.bin");
-        const QByteArray image = imageBytes(imageSize);
+        const QByteArray image = imageBytes(imageSize, 0x2545F491u);
         {
             QFile file(path);
             if (!file.open(QIODevice::WriteOnly) || file.write(image) != image.size()) {
@@ -165,16 +152,3 @@ BENCHMARK(BM_FirmwareUpdate16MiBUnpaced)
     ->UseRealTime();
 
 }  // namespace
-
-int main(int argc, char** argv)
-{
-    // The pty, the serial port and the task pool's timer need the thread's event loop.
-    QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

@@ -9,7 +9,6 @@
 // also goes to the journal) a flood would cost more than measured here.
 #include <benchmark/benchmark.h>
 #include <time.h>
-#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QTimer>
@@ -91,15 +90,3 @@ void BM_HungUpSectionBeforeRestart(benchmark::State& state)
 BENCHMARK(BM_HungUpSectionBeforeRestart)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-int main(int argc, char** argv)
-{
-    QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

@@ -15,7 +15,6 @@
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QEvent>
-#include <QMessageLogContext>
 #include <QObject>
 #include <QString>
 #include <QtGlobal>
@@ -253,23 +252,4 @@ void BM_BytesToButtonBindingPressed(benchmark::State& state)
 }
 BENCHMARK(BM_BytesToButtonBindingPressed);
 
-// The links log each bootloader probe's answer while the console comes up; a benchmark's
-// output is its table. Nothing is logged on the measured path.
-void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}
-
 }  // namespace
-
-int main(int argc, char** argv)
-{
-    qInstallMessageHandler(&quiet);
-    // Handles are deleted with deleteLater and the task pool arms a QTimer: both need the
-    // thread's event loop objects.
-    QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

@@ -9,7 +9,6 @@
 // Log lines are captured in memory.
 #include <benchmark/benchmark.h>
 #include <time.h>
-#include <QCoreApplication>
 #include <QFile>
 #include <QTemporaryDir>
 #include <memory>
@@ -96,15 +95,3 @@ BENCHMARK(BM_MissingSectionForAnHour)
     ->Unit(benchmark::kMillisecond);
 
 }  // namespace
-
-int main(int argc, char** argv)
-{
-    QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

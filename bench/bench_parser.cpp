@@ -188,5 +188,3 @@ void BM_EncodeFaderPosition(benchmark::State& state)
 BENCHMARK(BM_EncodeFaderPosition);
 
 }  // namespace
-
-BENCHMARK_MAIN();

@@ -86,5 +86,3 @@ void BM_QueueHasNoDueMessage64Waiting(benchmark::State& state)
 BENCHMARK(BM_QueueHasNoDueMessage64Waiting);
 
 }  // namespace
-
-BENCHMARK_MAIN();

@@ -12,7 +12,6 @@
 //   holds almost none (empty Qt containers share one static block).
 #include <benchmark/benchmark.h>
 
-#include <QCoreApplication>
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -254,20 +253,3 @@ void BM_SurfaceMemory(benchmark::State& state)
 BENCHMARK(BM_SurfaceMemory)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
-
-// The links log each bootloader probe's answer; a benchmark's output is its table.
-void quiet(QtMsgType, const QMessageLogContext&, const QString&) {}
-
-int main(int argc, char** argv)
-{
-    qInstallMessageHandler(&quiet);
-    // The tick re-arms a QTimer, which needs the thread's event dispatcher.
-    QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

@@ -2,7 +2,6 @@
 // records, running what is due and re-arming the timer. The tasks do nothing, so the numbers
 // are the pool's own overhead.
 #include <benchmark/benchmark.h>
-#include <QCoreApplication>
 #include <memory>
 #include <vector>
 
@@ -81,16 +80,3 @@ void BM_TickAllDueSteadyClock(benchmark::State& state)
 BENCHMARK(BM_TickAllDueSteadyClock)->Arg(100);
 
 }  // namespace
-
-int main(int argc, char** argv)
-{
-    // The tick re-arms a QTimer, which needs the thread's event dispatcher.
-    QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}

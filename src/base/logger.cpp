@@ -1,17 +1,35 @@
 #include "base/logger.h"
 
 #include <QByteArray>
+#include <QLoggingCategory>
 #include <QMessageLogger>
 #include <utility>
 
 #include "base/isettings.h"
+#include "base/logcategories.h"
 
 namespace Velmora::Worksurface {
 
 // Each line goes out as the text alone, in the board's local 8-bit encoding: the text is
 // passed as an argument to "%s" so that a '%' in it is never read as a format directive.
+// The category overloads of QMessageLogger drop a line whose level the category's rules
+// have turned off, and hand the category's name to the application's message handler.
 
-Logger::Logger(std::shared_ptr<ISettings> settings) : m_settings(std::move(settings)) {}
+Logger::Logger(std::shared_ptr<ISettings> settings) : Logger(std::move(settings), lcService()) {}
+
+Logger::Logger(std::shared_ptr<ISettings> settings, const QLoggingCategory& category)
+    : m_settings(std::move(settings)), m_category(&category)
+{}
+
+std::shared_ptr<Logger> Logger::inCategory(const QLoggingCategory& category) const
+{
+    return std::make_shared<Logger>(m_settings, category);
+}
+
+const QLoggingCategory& Logger::category() const
+{
+    return *m_category;
+}
 
 void Logger::debug(const QString& text) const
 {
@@ -20,25 +38,25 @@ void Logger::debug(const QString& text) const
         return;
     }
     const QByteArray bytes = text.toLocal8Bit();
-    QMessageLogger().debug("%s", bytes.constData());
+    QMessageLogger().debug(*m_category, "%s", bytes.constData());
 }
 
 void Logger::critical(const QString& text) const
 {
     const QByteArray bytes = text.toLocal8Bit();
-    QMessageLogger().critical("%s", bytes.constData());
+    QMessageLogger().critical(*m_category, "%s", bytes.constData());
 }
 
 void Logger::info(const QString& text) const
 {
     const QByteArray bytes = text.toLocal8Bit();
-    QMessageLogger().info("%s", bytes.constData());
+    QMessageLogger().info(*m_category, "%s", bytes.constData());
 }
 
 void Logger::warning(const QString& text) const
 {
     const QByteArray bytes = text.toLocal8Bit();
-    QMessageLogger().warning("%s", bytes.constData());
+    QMessageLogger().warning(*m_category, "%s", bytes.constData());
 }
 
 }  // namespace Velmora::Worksurface

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "base/logcategories.h"
 #include "surface/controltypes.h"
 #include "surface/deviceidtable.h"
 #include "surface/faderhandle.h"
@@ -142,7 +143,7 @@ bool FaderBinding::touched() const
 void FaderBinding::setTouchTarget(QObject* target)
 {
     if (target != nullptr && target->metaObject()->indexOfMethod("onFaderTouched(bool)") < 0) {
-        qWarning("%s", kMissingTouchHandler);
+        qCWarning(lcBindings, "%s", kMissingTouchHandler);
         target = nullptr;
     }
     if (target == m_touchTarget) {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/isettings.h"
+#include "base/logcategories.h"
 
 using namespace Velmora::Worksurface;
 
@@ -89,6 +90,6 @@ void SurfaceSettings::enumerateUpdatePaths()
     const QString paths[] = {QDir::homePath() + QLatin1String("/.firmware/worksurface.bin"),
                              QStringLiteral(":/firmware/worksurface.bin")};
     for (const QString& path : paths) {
-        qDebug() << "Path:" << path << "--> Exists:" << QFileInfo::exists(path);
+        qCDebug(lcService) << "Path:" << path << "--> Exists:" << QFileInfo::exists(path);
     }
 }

@@ -3,6 +3,7 @@
 #include <QString>
 #include <utility>
 
+#include "base/logcategories.h"
 #include "base/logger.h"
 #include "base/settings.h"
 #include "serial/serialconnectionfactory.h"
@@ -27,7 +28,7 @@ WorksurfaceFunctions::WorksurfaceFunctions()
     m_surfaceSettings = new SurfaceSettings(m_settings, this);
     m_connection = new SurfaceConnection(m_controllerConnection, this);
     m_faderSettings = new FaderSettings(this);
-    m_logger = std::make_shared<Logger>(m_settings);
+    m_logger = std::make_shared<Logger>(m_settings, lcService());
     // Always three, whatever the console model: QML may show a section that the current
     // model does not have.
     for (std::size_t i = 0; i < m_sectionInfos.size(); ++i) {

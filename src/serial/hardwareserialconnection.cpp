@@ -5,6 +5,7 @@
 #include <QMetaEnum>
 #include <QMutexLocker>
 
+#include "base/logcategories.h"
 #include "serial/iserialdatareceiver.h"
 #include "serial/serialporterrorcode.h"
 
@@ -82,9 +83,9 @@ void HardwareSerialConnection::open()
     if (!m_port->open(QIODevice::ReadWrite)) {
         const QSerialPort::SerialPortError error = m_port->error();
         if (isNews(error)) {
-            qCritical() << "Unable to open WS section" << logIndex()
-                        << "serial port with name: " << m_portName;
-            qCritical() << "Error was:" << errorName(error);
+            qCCritical(lcLink) << "Unable to open WS section" << logIndex()
+                               << "serial port with name: " << m_portName;
+            qCCritical(lcLink) << "Error was:" << errorName(error);
         }
         noteOpenFailure(error, describeOpenError(error, m_portName));
         return;
@@ -100,9 +101,9 @@ void HardwareSerialConnection::open()
         const QSerialPort::SerialPortError error = m_port->error();
         close();
         if (isNews(error)) {
-            qCritical() << "Unable to set WS section" << logIndex()
-                        << "serial port properties for port: " << m_portName;
-            qCritical() << "Error was:" << errorName(error);
+            qCCritical(lcLink) << "Unable to set WS section" << logIndex()
+                               << "serial port properties for port: " << m_portName;
+            qCCritical(lcLink) << "Error was:" << errorName(error);
         }
         noteOpenFailure(error, QStringLiteral("Cannot set up %1 (%2)")
                                    .arg(m_portName, QString::fromLatin1(errorName(error))));
@@ -113,7 +114,8 @@ void HardwareSerialConnection::open()
         m_outputBuffer.clear();
     }
     if (isNews(QSerialPort::NoError)) {
-        qDebug() << "WS section" << logIndex() << "serial port:" << m_portName << "ready and open.";
+        qCDebug(lcLink) << "WS section" << logIndex() << "serial port:" << m_portName
+                        << "ready and open.";
     }
     m_lastOpen = LastOpen::Opened;
     m_lastOpenError = QSerialPort::NoError;
@@ -239,8 +241,8 @@ void HardwareSerialConnection::logWriteError(QSerialPort::SerialPortError error)
     if (error == QSerialPort::NoError) {
         return;
     }
-    qCritical() << "Unable to write data to WS section" << logIndex();
-    qCritical() << "Error was:" << errorName(error);
+    qCCritical(lcLink) << "Unable to write data to WS section" << logIndex();
+    qCCritical(lcLink) << "Error was:" << errorName(error);
 }
 
 void HardwareSerialConnection::readSerialData()
@@ -283,27 +285,27 @@ void HardwareSerialConnection::handleSerialPortError(QSerialPort::SerialPortErro
         case QSerialPort::NoError:
             break;
         case QSerialPort::DeviceNotFoundError:
-            qDebug() << "Unable to open connection to WS section" << logIndex()
-                     << " Connection name:" << m_portName << "The device was not found.";
+            qCDebug(lcLink) << "Unable to open connection to WS section" << logIndex()
+                            << " Connection name:" << m_portName << "The device was not found.";
             break;
         case QSerialPort::WriteError:
-            qDebug() << "Error while writing data to the serial port" << m_portName;
+            qCDebug(lcLink) << "Error while writing data to the serial port" << m_portName;
             break;
         case QSerialPort::ReadError:
-            qDebug() << "Error while reading data from the serial port" << m_portName;
+            qCDebug(lcLink) << "Error while reading data from the serial port" << m_portName;
             closeVanishedPort();
             break;
         case QSerialPort::TimeoutError:
-            qDebug() << "Timeout error in serial port" << m_portName;
+            qCDebug(lcLink) << "Timeout error in serial port" << m_portName;
             break;
         case QSerialPort::ResourceError:
-            qDebug() << "Serial port error in WS section" << logIndex()
-                     << "Error core:" << serialPortErrorCode(error);
+            qCDebug(lcLink) << "Serial port error in WS section" << logIndex()
+                            << "Error core:" << serialPortErrorCode(error);
             closeVanishedPort();
             break;
         default:
-            qDebug() << "Serial port error in WS section" << logIndex()
-                     << "Error core:" << serialPortErrorCode(error);
+            qCDebug(lcLink) << "Serial port error in WS section" << logIndex()
+                            << "Error core:" << serialPortErrorCode(error);
             break;
     }
 }

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "base/isettings.h"
+#include "base/logcategories.h"
 #include "base/logger.h"
 #include "serial/isectionstatelistener.h"
 #include "serial/iserialconnection.h"
@@ -38,7 +39,7 @@ SectionConnection::SectionConnection(uint8_t sectionIndex,
       m_queue(std::move(queue)),
       m_connection(std::move(connection)),
       m_updater(std::move(updater)),
-      m_logger(std::move(logger)),
+      m_logger(logger ? logger->inCategory(lcLink()) : nullptr),
       m_taskPool(std::move(taskPool))
 {}
 

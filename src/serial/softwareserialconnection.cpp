@@ -3,6 +3,7 @@
 #include <QDebug>
 #include <utility>
 
+#include "base/logcategories.h"
 #include "serial/isoftwarecontrollerconnection.h"
 
 namespace Velmora::Worksurface {
@@ -103,8 +104,8 @@ void SoftwareSerialConnection::messageReceived(const SerialMessage& message)
 
 void SoftwareSerialConnection::badDataReceived(const QByteArray& data)
 {
-    qDebug() << "SW serial message connection for section:" << static_cast<int>(m_sectionIndex)
-             << "received bad data:" << data.toHex();
+    qCDebug(lcLink) << "SW serial message connection for section:"
+                    << static_cast<int>(m_sectionIndex) << "received bad data:" << data.toHex();
 }
 
 }  // namespace Velmora::Worksurface

@@ -3,6 +3,7 @@
 #include <QDebug>
 #include <utility>
 
+#include "base/logcategories.h"
 #include "surface/handleownership.h"
 #include "surface/iglobalrotarybindingtarget.h"
 #include "surface/rotaryhandle.h"
@@ -206,9 +207,10 @@ int Rotary::setGlobalTarget(IGlobalRotaryBindingTarget* target)
     std::unique_lock<std::mutex> lock(m_mutex);
     if (m_globalTarget != nullptr && target != nullptr && target != m_globalTarget) {
         lock.unlock();
-        qWarning() << "Rotary global target can be bound only into one binding at the time. "
-                      "Rotary id:"
-                   << static_cast<int>(m_rotaryDeviceId);
+        qCWarning(lcSurface)
+            << "Rotary global target can be bound only into one binding at the time. "
+               "Rotary id:"
+            << static_cast<int>(m_rotaryDeviceId);
         return Refused;
     }
     m_globalTarget = target;

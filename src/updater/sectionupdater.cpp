@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "base/isettings.h"
+#include "base/logcategories.h"
 #include "base/logger.h"
 #include "tasks/itaskpool.h"
 #include "updater/isectionupdaterlistener.h"
@@ -45,7 +46,9 @@ private:
 
 SectionUpdater::SectionUpdater(std::shared_ptr<ITaskPool> taskPool,
                                std::shared_ptr<ISettings> settings, std::shared_ptr<Logger> logger)
-    : m_taskPool(std::move(taskPool)), m_settings(std::move(settings)), m_logger(std::move(logger))
+    : m_taskPool(std::move(taskPool)),
+      m_settings(std::move(settings)),
+      m_logger(logger ? logger->inCategory(lcUpdater()) : nullptr)
 {}
 
 // The pending auto-update task goes with the updater; the pool only holds it weakly and

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 
+#include "base/logcategories.h"
 #include "base/logger.h"
 #include "base/settings.h"
 #include "support/logcapture.h"
@@ -15,6 +16,83 @@ using namespace Velmora::Worksurface;
 namespace {
 
 using LogOperation = void (Logger::*)(const QString&) const;
+
+struct Area
+{
+    const char* name;
+    const QLoggingCategory& (*category)();
+};
+
+// Every area of the plugin, in the order the lines of these tests are written.
+const Area kAreas[] = {
+    {"tarvix.worksurface.link", lcLink},         {"tarvix.worksurface.updater", lcUpdater},
+    {"tarvix.worksurface.surface", lcSurface},   {"tarvix.worksurface.bindings", lcBindings},
+    {"tarvix.worksurface.software", lcSoftware}, {"tarvix.worksurface.service", lcService},
+};
+
+// One line of each level in every area: "<area> <level>".
+void writeEveryLevelInEveryArea(const std::shared_ptr<Settings>& settings)
+{
+    for (const Area& area : kAreas) {
+        const Logger logger(settings, area.category());
+        const QString name = QString::fromLatin1(area.name);
+        logger.debug(name + " debug");
+        logger.info(name + " info");
+        logger.warning(name + " warning");
+        logger.critical(name + " critical");
+    }
+}
+
+// "<category> <level>: <text>" for each captured line.
+QStringList describe(const LogCapture& log)
+{
+    QStringList result;
+    const QList<LogCapture::Line> lines = log.lines();
+    const QStringList categories = log.categories();
+    for (int i = 0; i < lines.size(); ++i) {
+        result << QStringLiteral("%1 %2: %3")
+                      .arg(categories.at(i),
+                           QString::fromLatin1(LogCapture::levelName(lines.at(i).level)),
+                           lines.at(i).text);
+    }
+    return result;
+}
+
+QStringList describeEveryLevelInEveryArea(const QString& exceptArea, const QString& exceptLevel)
+{
+    QStringList result;
+    for (const Area& area : kAreas) {
+        const QString name = QString::fromLatin1(area.name);
+        for (const char* level : {"debug", "info", "warning", "critical"}) {
+            const QString levelName = QString::fromLatin1(level);
+            if (name == exceptArea && (exceptLevel.isEmpty() || exceptLevel == levelName)) {
+                continue;
+            }
+            result << QStringLiteral("%1 %2: %1 %2").arg(name, levelName);
+        }
+    }
+    return result;
+}
+
+// The rules an application sets last for as long as the process; each test that sets
+// some takes them away again, so that the next test starts from Qt's defaults.
+class FilterRules
+{
+public:
+    explicit FilterRules(const QString& rules) { QLoggingCategory::setFilterRules(rules); }
+    ~FilterRules() { QLoggingCategory::setFilterRules(QString()); }
+    FilterRules(const FilterRules&) = delete;
+    FilterRules& operator=(const FilterRules&) = delete;
+};
+
+QStringList g_handledCategories;
+
+void recordCategory(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    Q_UNUSED(type);
+    Q_UNUSED(message);
+    g_handledCategories << QString::fromLatin1(context.category ? context.category : "(none)");
+}
 
 }  // namespace
 
@@ -34,6 +112,13 @@ private slots:
     void nothingIsAddedToTheText_data();
     void nothingIsAddedToTheText();
     void nonAsciiTextRoundTripsThroughTheLocalEncoding();
+    void aLoggerWithoutAnAreaWritesInTheServiceCategory();
+    void inCategoryKeepsTheDebugSwitch();
+    void ruleTurningOneCategoryOffRemovesExactlyItsLines_data();
+    void ruleTurningOneCategoryOffRemovesExactlyItsLines();
+    void ruleTurningOneLevelOfOneCategoryOffRemovesOnlyThoseLines();
+    void debugDisabledSilencesDebugLinesInEveryCategory();
+    void applicationMessageHandlerSeesEachLinesCategoryName();
 };
 
 void TestLogger::eachOperationWritesOneLineOfItsLevel_data()
@@ -153,6 +238,97 @@ void TestLogger::nonAsciiTextRoundTripsThroughTheLocalEncoding()
     QTextCodec::setCodecForLocale(previous);
 #endif
     QCOMPARE(log.texts(), QStringList({text, text}));
+}
+
+void TestLogger::aLoggerWithoutAnAreaWritesInTheServiceCategory()
+{
+    const Logger logger(std::make_shared<Settings>());
+
+    LogCapture log;
+    logger.info("Surface connected");
+    QCOMPARE(log.categories(), QStringList({"tarvix.worksurface.service"}));
+}
+
+void TestLogger::inCategoryKeepsTheDebugSwitch()
+{
+    auto settings = std::make_shared<Settings>();
+    const Logger service(settings);
+    const std::shared_ptr<Logger> updater = service.inCategory(lcUpdater());
+    QCOMPARE(updater->category().categoryName(), "tarvix.worksurface.updater");
+
+    LogCapture log;
+    updater->debug("one");
+    settings->setDebugEnabled(false);
+    updater->debug("two");
+    service.info("three");
+    QCOMPARE(describe(log), QStringList({"tarvix.worksurface.updater debug: one",
+                                         "tarvix.worksurface.service info: three"}));
+}
+
+void TestLogger::ruleTurningOneCategoryOffRemovesExactlyItsLines_data()
+{
+    QTest::addColumn<QString>("area");
+    for (const Area& area : kAreas) {
+        QTest::newRow(area.name) << QString::fromLatin1(area.name);
+    }
+}
+
+void TestLogger::ruleTurningOneCategoryOffRemovesExactlyItsLines()
+{
+    QFETCH(QString, area);
+    const FilterRules rules(area + "=false");
+
+    LogCapture log;
+    writeEveryLevelInEveryArea(std::make_shared<Settings>());
+    QCOMPARE(describe(log), describeEveryLevelInEveryArea(area, QString()));
+}
+
+void TestLogger::ruleTurningOneLevelOfOneCategoryOffRemovesOnlyThoseLines()
+{
+    // The bench's way to quiet the updater's progress while the link's chatter stays.
+    const FilterRules rules("tarvix.worksurface.updater.debug=false");
+
+    LogCapture log;
+    writeEveryLevelInEveryArea(std::make_shared<Settings>());
+    QCOMPARE(describe(log), describeEveryLevelInEveryArea("tarvix.worksurface.updater", "debug"));
+}
+
+void TestLogger::debugDisabledSilencesDebugLinesInEveryCategory()
+{
+    // A rule that asks for debug lines does not override the plugin's own switch.
+    const FilterRules rules("tarvix.worksurface.*.debug=true");
+    auto settings = std::make_shared<Settings>();
+    settings->setDebugEnabled(false);
+
+    LogCapture log;
+    writeEveryLevelInEveryArea(settings);
+    QStringList expected;
+    for (const Area& area : kAreas) {
+        const QString name = QString::fromLatin1(area.name);
+        for (const char* level : {"info", "warning", "critical"}) {
+            expected << QStringLiteral("%1 %2: %1 %2").arg(name, QString::fromLatin1(level));
+        }
+    }
+    QCOMPARE(describe(log), expected);
+}
+
+void TestLogger::applicationMessageHandlerSeesEachLinesCategoryName()
+{
+    g_handledCategories.clear();
+    const QtMessageHandler previous = qInstallMessageHandler(recordCategory);
+    const auto settings = std::make_shared<Settings>();
+    for (const Area& area : kAreas) {
+        const Logger logger(settings, area.category());
+        logger.debug("d");
+        logger.warning("w");
+    }
+    qInstallMessageHandler(previous);
+
+    QStringList expected;
+    for (const Area& area : kAreas) {
+        expected << QString::fromLatin1(area.name) << QString::fromLatin1(area.name);
+    }
+    QCOMPARE(g_handledCategories, expected);
 }
 
 QTEST_GUILESS_MAIN(TestLogger)

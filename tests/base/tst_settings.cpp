@@ -1,54 +1,14 @@
 #include <QDir>
 #include <QFile>
-#include <QTemporaryDir>
 #include <QtTest/QtTest>
 #include <cstdint>
 
 #include "base/settings.h"
 #include "qml/surfacesettings.h"
+#include "support/firmwarehome.h"
 #include "support/logcapture.h"
 
 using namespace Velmora::Worksurface;
-
-namespace {
-
-bool writeFile(const QString& path, const QByteArray& contents)
-{
-    if (!QDir().mkpath(QFileInfo(path).path())) {
-        return false;
-    }
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
-        return false;
-    }
-    return file.write(contents) == contents.size();
-}
-
-}  // namespace
-
-// The resource file this test is built with maps a small image to
-// ":/firmware/worksurface.bin". Unregistering it stands for an application shipped without
-// a built-in image; registering it again puts the test's own image back.
-static void unregisterResourceImage()
-{
-    Q_CLEANUP_RESOURCE(tst_settings);
-}
-
-static void registerResourceImage()
-{
-    Q_INIT_RESOURCE(tst_settings);
-}
-
-namespace {
-
-class WithoutResourceImage
-{
-public:
-    WithoutResourceImage() { unregisterResourceImage(); }
-    ~WithoutResourceImage() { registerResourceImage(); }
-};
-
-}  // namespace
 
 class TestSettings : public QObject
 {
@@ -79,19 +39,16 @@ private slots:
     void firmwarePathIsAbsoluteForARelativeHomeFolder();
 
 private:
-    QByteArray m_savedHome;
     QString m_savedCurrent;
 };
 
 void TestSettings::init()
 {
-    m_savedHome = qgetenv("HOME");
     m_savedCurrent = QDir::currentPath();
 }
 
 void TestSettings::cleanup()
 {
-    qputenv("HOME", m_savedHome);
     QDir::setCurrent(m_savedCurrent);
 }
 
@@ -259,22 +216,19 @@ void TestSettings::unknownModeGivesNoSectionsNoMasterNoPortsAndNoMessage()
 
 void TestSettings::firmwareInHomeFolderWinsOverTheResource()
 {
-    QTemporaryDir home;
+    FirmwareHome home;
     QVERIFY(home.isValid());
-    const QString homeImage = home.path() + "/.firmware/worksurface.bin";
-    QVERIFY(writeFile(homeImage, "home firmware image"));
+    QVERIFY(writeFile(home.imagePath(), "home firmware image"));
     QVERIFY(QFile::exists(":/firmware/worksurface.bin"));
-    qputenv("HOME", QFile::encodeName(home.path()));
 
     Settings settings;
-    QCOMPARE(settings.firmwarePath(), homeImage);
+    QCOMPARE(settings.firmwarePath(), home.imagePath());
 }
 
 void TestSettings::firmwareFromResourceWhenHomeFolderHasNone()
 {
-    QTemporaryDir home;
+    FirmwareHome home;
     QVERIFY(home.isValid());
-    qputenv("HOME", QFile::encodeName(home.path()));
 
     Settings settings;
     const QString path = settings.firmwarePath();
@@ -286,9 +240,8 @@ void TestSettings::firmwareFromResourceWhenHomeFolderHasNone()
 
 void TestSettings::firmwarePathIsEmptyWhenNeitherExistsAndNothingIsLogged()
 {
-    QTemporaryDir home;
+    FirmwareHome home;
     QVERIFY(home.isValid());
-    qputenv("HOME", QFile::encodeName(home.path()));
     WithoutResourceImage noResource;
     QVERIFY(!QFile::exists(":/firmware/worksurface.bin"));
 
@@ -301,11 +254,11 @@ void TestSettings::firmwarePathIsEmptyWhenNeitherExistsAndNothingIsLogged()
 
 void TestSettings::firmwarePathIsAbsoluteForARelativeHomeFolder()
 {
-    QTemporaryDir base;
+    FirmwareHome base;
     QVERIFY(base.isValid());
     QVERIFY(writeFile(base.path() + "/user/.firmware/worksurface.bin", "home firmware image"));
     QVERIFY(QDir::setCurrent(base.path()));
-    qputenv("HOME", "user");
+    base.setHome("user");
 
     Settings settings;
     const QString path = settings.firmwarePath();

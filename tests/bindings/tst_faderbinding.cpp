@@ -923,6 +923,7 @@ void TestFaderBinding::touchTargetWithoutHandlerIsRefusedWithAWarning()
         binding.setTouchTarget(&plain);
         QCOMPARE(log.texts(), QStringList({warning}));
         QCOMPARE(log.texts(QtWarningMsg), QStringList({warning}));
+        QCOMPARE(log.categories(), QStringList({"tarvix.worksurface.bindings"}));
     }
     QCOMPARE(binding.touchTarget(), nullptr);
     QCOMPARE(targetChanged.count(), 0);

@@ -30,15 +30,7 @@ QString peakFrame(uint8_t device, const char* payloadHex)
 std::unique_ptr<MeterBinding> makeBinding(BindingTestRig& rig, MeterBinding::MeterType type,
                                           int section = kMaster, int index = 0, bool active = true)
 {
-    auto binding = std::make_unique<MeterBinding>();
-    binding->classBegin();
-    binding->setConnection(&rig.connection);
-    binding->setType(type);
-    binding->setSectionIndex(section);
-    binding->setIndex(index);
-    binding->setActive(active);
-    binding->componentComplete();
-    return binding;
+    return makeWiredBinding<MeterBinding>(rig, type, section, index, active);
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "base/settings.h"
 #include "serial/isectionconnection.h"
 #include "support/fakesettings.h"
+#include "support/firmwareimagebytes.h"
 #include "support/logcapture.h"
 #include "support/manualclock.h"
 #include "support/ptysectionlink.h"
@@ -56,27 +57,6 @@ QByteArray packet(uint8_t command, const QByteArray& payload = QByteArray())
 QByteArray sendData(const QByteArray& block)
 {
     return packet(BootloaderCommand::SendData, block);
-}
-
-// An image of pseudo-random bytes (the same for the same seed).
-QByteArray imageBytes(int size, quint32 seed)
-{
-    quint32 state = seed;
-    QByteArray bytes(size, Qt::Uninitialized);
-    for (int i = 0; i < size; ++i) {
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        bytes[i] = static_cast<char>(state >> 24);
-    }
-    return bytes;
-}
-
-// What the bootloader stores of an image: whole 64-byte blocks, the last padded with 0xFF.
-QByteArray padded(const QByteArray& image)
-{
-    const int blocks = (image.size() + kBlock - 1) / kBlock;
-    return image + QByteArray(blocks * kBlock - image.size(), char(0xFF));
 }
 
 bool writeFile(const QString& path, const QByteArray& bytes)

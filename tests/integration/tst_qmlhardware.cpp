@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "serial/serialmessage.h"
+#include "support/firmwareimagebytes.h"
 #include "support/logcapture.h"
 #include "support/ptysectionsimulator.h"
 #include "updater/bootloaderpacket.h"
@@ -31,7 +32,6 @@ constexpr int kTimeout = 5000;
 // A firmware update waits a second for the microcontroller to restart; room for a loaded
 // build machine on top.
 constexpr int kUpdateTimeout = 20000;
-constexpr int kBlock = 64;
 constexpr const char* kPortsVariable = "TARVIX_WORKSURFACE_SERIAL_PORTS";
 
 // Section 0 carries strips only; section 1 is the K40's master section.
@@ -88,27 +88,6 @@ QtObject {
     }
 }
 )";
-
-// An image of pseudo-random bytes (the same for the same seed).
-QByteArray imageBytes(int size, quint32 seed)
-{
-    quint32 state = seed;
-    QByteArray bytes(size, Qt::Uninitialized);
-    for (int i = 0; i < size; ++i) {
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        bytes[i] = static_cast<char>(state >> 24);
-    }
-    return bytes;
-}
-
-// What the bootloader stores of an image: whole 64-byte blocks, the last padded with 0xFF.
-QByteArray padded(const QByteArray& image)
-{
-    const int blocks = (image.size() + kBlock - 1) / kBlock;
-    return image + QByteArray(blocks * kBlock - image.size(), char(0xFF));
-}
 
 QObject* objectProperty(const QObject* object, const char* name)
 {

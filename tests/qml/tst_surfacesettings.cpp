@@ -3,13 +3,13 @@
 #include <QMetaEnum>
 #include <QMetaMethod>
 #include <QMetaProperty>
-#include <QTemporaryDir>
 #include <QtTest/QtTest>
 #include <cstdint>
 #include <memory>
 
 #include "base/settings.h"
 #include "qml/surfacesettings.h"
+#include "support/firmwarehome.h"
 #include "support/logcapture.h"
 #include "support/metaobjectlisting.h"
 
@@ -45,29 +45,22 @@ private:
 const QStringList kModeSignals = {"modeChanged", "masterSectionIndexChanged",
                                   "sectionCountChanged"};
 
-}  // namespace
-
-// The resource file this test is built with maps a small image to
-// ":/firmware/worksurface.bin". Unregistering it stands for an application shipped without
-// a built-in image; registering it again puts the test's own image back.
-static void unregisterResourceImage()
+// A "mode" column with a row for each console mode, Unknown included.
+void addEveryModeRow()
 {
-    Q_CLEANUP_RESOURCE(tst_surfacesettings);
+    QTest::addColumn<int>("mode");
+    QTest::newRow("Unknown") << 0;
+    QTest::newRow("K40") << 1;
+    QTest::newRow("K60") << 2;
 }
 
-static void registerResourceImage()
+// Shared settings already set to `mode`, as the surface service holds them.
+std::shared_ptr<Settings> settingsInMode(int mode)
 {
-    Q_INIT_RESOURCE(tst_surfacesettings);
+    auto shared = std::make_shared<Settings>();
+    shared->setMode(uint8_t(mode));
+    return shared;
 }
-
-namespace {
-
-class WithoutResourceImage
-{
-public:
-    WithoutResourceImage() { unregisterResourceImage(); }
-    ~WithoutResourceImage() { registerResourceImage(); }
-};
 
 }  // namespace
 
@@ -76,9 +69,6 @@ class TestSurfaceSettings : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void cleanup();
-
     void metaObjectDeclaresSignalsInvokableAndPropertiesInOrder();
     void enumerationsHaveTheirValues();
     void debugEnabledIsTrueBeforeAnythingSetsIt();
@@ -110,20 +100,7 @@ private slots:
     void reconnectIntervalIsAnInheritedNotifyingIntPropertyStartingAtZero();
     void reconnectIntervalNotifiesOnlyOnChangeAndGoesToTheSharedSettings();
     void negativeReconnectIntervalIsTakenAsZero();
-
-private:
-    QByteArray m_savedHome;
 };
-
-void TestSurfaceSettings::init()
-{
-    m_savedHome = qgetenv("HOME");
-}
-
-void TestSurfaceSettings::cleanup()
-{
-    qputenv("HOME", m_savedHome);
-}
 
 void TestSurfaceSettings::metaObjectDeclaresSignalsInvokableAndPropertiesInOrder()
 {
@@ -214,8 +191,7 @@ void TestSurfaceSettings::settingModeToANewValueEmitsModeMasterAndSectionCountIn
     QFETCH(int, to);
     QFETCH(int, sections);
     QFETCH(int, master);
-    auto shared = std::make_shared<Settings>();
-    shared->setMode(uint8_t(from));
+    const auto shared = settingsInMode(from);
     SurfaceSettings settings(shared);
     SignalRecorder recorder(&settings);
 
@@ -228,17 +204,13 @@ void TestSurfaceSettings::settingModeToANewValueEmitsModeMasterAndSectionCountIn
 
 void TestSurfaceSettings::settingModeToItsCurrentValueEmitsNothing_data()
 {
-    QTest::addColumn<int>("mode");
-    QTest::newRow("Unknown") << 0;
-    QTest::newRow("K40") << 1;
-    QTest::newRow("K60") << 2;
+    addEveryModeRow();
 }
 
 void TestSurfaceSettings::settingModeToItsCurrentValueEmitsNothing()
 {
     QFETCH(int, mode);
-    auto shared = std::make_shared<Settings>();
-    shared->setMode(uint8_t(mode));
+    const auto shared = settingsInMode(mode);
     SurfaceSettings settings(shared);
     SignalRecorder recorder(&settings);
 
@@ -249,8 +221,7 @@ void TestSurfaceSettings::settingModeToItsCurrentValueEmitsNothing()
 
 void TestSurfaceSettings::modeIsComparedOnTheStoredEightBits()
 {
-    auto shared = std::make_shared<Settings>();
-    shared->setMode(SurfaceSettings::K60);
+    const auto shared = settingsInMode(SurfaceSettings::K60);
     SurfaceSettings settings(shared);
     SignalRecorder recorder(&settings);
 
@@ -268,8 +239,7 @@ void TestSurfaceSettings::modeIsComparedOnTheStoredEightBits()
 
 void TestSurfaceSettings::modeOutsideTheEnumerationIsStoredAndGivesNoSections()
 {
-    auto shared = std::make_shared<Settings>();
-    shared->setMode(SurfaceSettings::K40);
+    const auto shared = settingsInMode(SurfaceSettings::K40);
     SurfaceSettings settings(shared);
     SignalRecorder recorder(&settings);
 
@@ -308,8 +278,7 @@ void TestSurfaceSettings::settingTypeNeverChangesTheSectionCount()
 {
     QFETCH(int, mode);
     QFETCH(int, sections);
-    auto shared = std::make_shared<Settings>();
-    shared->setMode(uint8_t(mode));
+    const auto shared = settingsInMode(mode);
     SurfaceSettings settings(shared);
     SignalRecorder recorder(&settings);
 
@@ -380,17 +349,13 @@ void TestSurfaceSettings::readsAndWritesGoToTheSharedSettings()
 
 void TestSurfaceSettings::forwardingReadsAnswerWhatTheSettingsAnswer_data()
 {
-    QTest::addColumn<int>("mode");
-    QTest::newRow("Unknown") << 0;
-    QTest::newRow("K40") << 1;
-    QTest::newRow("K60") << 2;
+    addEveryModeRow();
 }
 
 void TestSurfaceSettings::forwardingReadsAnswerWhatTheSettingsAnswer()
 {
     QFETCH(int, mode);
-    auto shared = std::make_shared<Settings>();
-    shared->setMode(uint8_t(mode));
+    const auto shared = settingsInMode(mode);
     SurfaceSettings settings(shared);
     QCOMPARE(settings.masterSectionIndex(), shared->masterSectionIndex());
     QCOMPARE(settings.masterStripCount(), uint8_t(1));
@@ -400,9 +365,8 @@ void TestSurfaceSettings::forwardingReadsAnswerWhatTheSettingsAnswer()
 
 void TestSurfaceSettings::enumerateUpdatePathsLogsBothPlacesWhenNeitherExists()
 {
-    QTemporaryDir home;
+    FirmwareHome home;
     QVERIFY(home.isValid());
-    qputenv("HOME", QFile::encodeName(home.path()));
     WithoutResourceImage noResource;
     SurfaceSettings settings(std::make_shared<Settings>());
 
@@ -413,17 +377,15 @@ void TestSurfaceSettings::enumerateUpdatePathsLogsBothPlacesWhenNeitherExists()
                  {{QtDebugMsg,
                    "Path: \"" + home.path() + "/.firmware/worksurface.bin\" --> Exists: false"},
                   {QtDebugMsg, "Path: \":/firmware/worksurface.bin\" --> Exists: false"}}));
+    QCOMPARE(log.categories(),
+             QStringList({"tarvix.worksurface.service", "tarvix.worksurface.service"}));
 }
 
 void TestSurfaceSettings::enumerateUpdatePathsLogsBothPlacesWhenBothExist()
 {
-    QTemporaryDir home;
+    FirmwareHome home;
     QVERIFY(home.isValid());
-    QVERIFY(QDir(home.path()).mkpath(".firmware"));
-    QFile image(home.path() + "/.firmware/worksurface.bin");
-    QVERIFY(image.open(QIODevice::WriteOnly));
-    image.close();
-    qputenv("HOME", QFile::encodeName(home.path()));
+    QVERIFY(writeFile(home.imagePath(), QByteArray()));
     SurfaceSettings settings(std::make_shared<Settings>());
 
     LogCapture log;
@@ -439,11 +401,11 @@ void TestSurfaceSettings::enumerateUpdatePathsQuotesThePathLikeTheLoggingStream(
 {
     // A home folder with a blank and a double quote in its name: the path is shown quoted,
     // the quote escaped.
-    QTemporaryDir base;
+    FirmwareHome base;
     QVERIFY(base.isValid());
     const QString homePath = base.path() + "/my \"home\"";
     QVERIFY(QDir().mkpath(homePath));
-    qputenv("HOME", QFile::encodeName(homePath));
+    base.setHome(homePath);
     SurfaceSettings settings(std::make_shared<Settings>());
 
     LogCapture log;
@@ -455,9 +417,8 @@ void TestSurfaceSettings::enumerateUpdatePathsQuotesThePathLikeTheLoggingStream(
 
 void TestSurfaceSettings::enumerateUpdatePathsIsWrittenEvenWithDebugOff()
 {
-    QTemporaryDir home;
+    FirmwareHome home;
     QVERIFY(home.isValid());
-    qputenv("HOME", QFile::encodeName(home.path()));
     auto shared = std::make_shared<Settings>();
     shared->setDebugEnabled(false);
     SurfaceSettings settings(shared);
@@ -472,9 +433,8 @@ void TestSurfaceSettings::enumerateUpdatePathsIsWrittenEvenWithDebugOff()
 
 void TestSurfaceSettings::enumerateUpdatePathsIsInvokableFromQml()
 {
-    QTemporaryDir home;
+    FirmwareHome home;
     QVERIFY(home.isValid());
-    qputenv("HOME", QFile::encodeName(home.path()));
     SurfaceSettings settings(std::make_shared<Settings>());
 
     LogCapture log;

@@ -209,6 +209,8 @@ void TestHardwareSerialConnection::openOfMissingDeviceLogsNotFoundThenTwoCritica
                                 .arg(quoted(missing))},
             {QtCriticalMsg, QStringLiteral("Error was: DeviceNotFoundError")},
         }));
+    QCOMPARE(log.categories(), QStringList({"tarvix.worksurface.link", "tarvix.worksurface.link",
+                                            "tarvix.worksurface.link"}));
 }
 
 void TestHardwareSerialConnection::openFailureLeavesConnectionClosedAndItCanOpenLater()

@@ -21,6 +21,7 @@
 #include "support/logcapture.h"
 #include "support/manualclock.h"
 #include "support/recordingstatelistener.h"
+#include "support/sectionlinkrig.h"
 #include "support/serialframes.h"
 #include "tasks/taskpool.h"
 
@@ -51,53 +52,22 @@ LogCapture::Line logLine(QtMsgType level, const QString& text)
     return LogCapture::Line{level, text};
 }
 
-// One section link wired as the connection factory wires it, with a stand-in line, updater
-// and component, a real queue and task pool, and a manual clock. Time moves and the pool
-// ticks only when the test says so.
-struct Rig
+// The shared section-link rig on a real task pool, under a manual clock, with its log
+// captured and the time of each state report noted.
+struct Rig : SectionLinkRig<TaskPool>
 {
     ManualClock clock{kStartNs};
     LogCapture log;
-    RecordingStateListener listener;
-    std::shared_ptr<FakeSettings> settings = std::make_shared<FakeSettings>();
-    std::shared_ptr<Logger> logger = std::make_shared<Logger>(settings);
-    std::shared_ptr<RootSerialMessageHandler> root = std::make_shared<RootSerialMessageHandler>();
-    std::shared_ptr<FakeSerialMessageHandler> component =
-        std::make_shared<FakeSerialMessageHandler>();
-    std::shared_ptr<SerialMessageQueue> queue = std::make_shared<SerialMessageQueue>();
-    std::shared_ptr<FakeSerialConnection> line = std::make_shared<FakeSerialConnection>();
-    std::shared_ptr<TaskPool> pool = std::make_shared<TaskPool>();
-    FakeSectionUpdater* updater = nullptr;
-    std::shared_ptr<SectionConnection> link;
     // When each state was reported.
     std::vector<std::pair<int, qint64>> stateTimes;
 
-    Rig()
+    Rig() : SectionLinkRig(kSection, kComponentId)
     {
-        component->takeDevice(kComponentId);
-        root->addHandler(component);
-        auto fakeUpdater = std::make_unique<FakeSectionUpdater>();
-        updater = fakeUpdater.get();
-        link = std::make_shared<SectionConnection>(kSection, root, queue, line, pool,
-                                                   std::move(fakeUpdater), logger);
-        line->setDataReceiver(link.get());
-        link->setStateListener(&listener);
         listener.setOnStateChanged(
             [this](uint8_t, uint8_t state) { stateTimes.emplace_back(state, clock.nowNs()); });
     }
 
-    ~Rig() { line->setDataReceiver(nullptr); }
-
     int state() const { return link->state(); }
-
-    QList<int> states() const
-    {
-        QList<int> result;
-        for (uint8_t state : listener.states()) {
-            result << state;
-        }
-        return result;
-    }
 
     // The time the last report of `state` came, or -1.
     qint64 lastTimeOf(int state) const
@@ -110,7 +80,7 @@ struct Rig
         return -1;
     }
 
-    void receive(const QByteArray& bytes) { QVERIFY(line->pushData(bytes)); }
+    void receive(const QByteArray& bytes) { QVERIFY(push(bytes)); }
 
     void tickAt(qint64 ns)
     {
@@ -1292,6 +1262,8 @@ void TestSectionConnection::echoLogsTwoLines()
                  logLine(QtCriticalMsg,
                          "Unable to handle unkown message from section 2. Device id: "
                          "200 message type: 5")}));
+    QCOMPARE(rig.log.categories(),
+             QStringList({"tarvix.worksurface.link", "tarvix.worksurface.link"}));
     QCOMPARE(rig.state(), int(State::Connected));
 }
 

@@ -39,6 +39,7 @@
 #include "support/manualclock.h"
 #include "support/ptysectionsimulator.h"
 #include "support/recordingstatelistener.h"
+#include "support/sectionlinkrig.h"
 #include "support/serialframes.h"
 #include "tasks/itaskhandle.h"
 #include "tasks/itaskpool.h"
@@ -94,36 +95,14 @@ public:
     int callsUnderLinkMutex = 0;
 };
 
-struct Rig
+// The shared section-link rig on a pool that checks the link's mutex on every call.
+struct Rig : SectionLinkRig<ProbingPool>
 {
-    RecordingStateListener listener;
-    std::shared_ptr<FakeSettings> settings = std::make_shared<FakeSettings>();
-    std::shared_ptr<Logger> logger = std::make_shared<Logger>(settings);
-    std::shared_ptr<RootSerialMessageHandler> root = std::make_shared<RootSerialMessageHandler>();
-    std::shared_ptr<FakeSerialMessageHandler> component =
-        std::make_shared<FakeSerialMessageHandler>();
-    std::shared_ptr<SerialMessageQueue> queue = std::make_shared<SerialMessageQueue>();
-    std::shared_ptr<FakeSerialConnection> line = std::make_shared<FakeSerialConnection>();
-    std::shared_ptr<ProbingPool> pool = std::make_shared<ProbingPool>();
-    FakeSectionUpdater* updater = nullptr;
-    std::shared_ptr<SectionConnection> link;
     // State changes told while the link's mutex was held.
     int toldUnderLinkMutex = 0;
     bool probeEveryChange = true;
 
-    Rig()
-    {
-        component->takeDevice(kComponentId);
-        root->addHandler(component);
-        auto fakeUpdater = std::make_unique<FakeSectionUpdater>();
-        updater = fakeUpdater.get();
-        link = std::make_shared<SectionConnection>(kSection, root, queue, line, pool,
-                                                   std::move(fakeUpdater), logger);
-        pool->link = link.get();
-        line->setDataReceiver(link.get());
-        link->setStateListener(&listener);
-    }
-    ~Rig() { line->setDataReceiver(nullptr); }
+    Rig() : SectionLinkRig(kSection, kComponentId) { pool->link = link.get(); }
 
     // Runs `reaction` on every state change, after checking that the link's mutex is free.
     void onChange(std::function<void(uint8_t)> reaction)
@@ -138,21 +117,13 @@ struct Rig
         });
     }
 
-    void receive(const QByteArray& bytes) { QVERIFY(line->pushData(bytes)); }
+    void receive(const QByteArray& bytes) { QVERIFY(push(bytes)); }
     void connectNow()
     {
         if (!line->isOpen()) {
             link->open();
         }
         receive(SerialFrames::frame(MessageType::FaderTouch, kComponentId, QByteArray(1, '\x01')));
-    }
-    QList<int> states() const
-    {
-        QList<int> result;
-        for (uint8_t state : listener.states()) {
-            result << state;
-        }
-        return result;
     }
 };
 

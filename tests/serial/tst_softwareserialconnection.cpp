@@ -176,6 +176,7 @@ void TestSoftwareSerialConnection::badDataIsLoggedAtDebugLevelWithSectionAndHexB
              (QList<LogCapture::Line>{
                  {QtDebugMsg,
                   "SW serial message connection for section: 1 received bad data: \"031e0425\""}}));
+    QCOMPARE(log.categories(), QStringList({"tarvix.worksurface.link"}));
     QCOMPARE(controller->calls, QStringList{"messageFromPlugin"});
     QCOMPARE(controller->fromPlugin[0].message, SerialMessage(MessageType::Ping, 0));
 }

@@ -2,6 +2,27 @@
 
 #include "softwarecontroltest.h"
 
+namespace {
+
+// A headphone pot wired as a QML page wires it: on a section's link at index 0.
+struct HeadphonePot : Rig
+{
+    explicit HeadphonePot(int section, bool active = true)
+    {
+        pot.setType(PotBinding::Headphone);
+        attach(pot, *this, section, 0, active);
+    }
+    // The pot stands at `position`, and what it sent to get there is forgotten.
+    void settleAt(int position)
+    {
+        pot.setPosition(position);
+        clearReceivers();
+    }
+    PotControl pot;
+};
+
+}  // namespace
+
 class TestPotControl : public QObject
 {
     Q_OBJECT
@@ -58,10 +79,8 @@ void TestPotControl::potDeviceIdFollowsTypeOnly()
 
 void TestPotControl::potPositionOf600IsStoredAndSentAs511()
 {
-    Rig rig;
-    PotControl pot;
-    pot.setType(PotBinding::Headphone);
-    attach(pot, rig, 1, 0);
+    HeadphonePot rig(1);
+    PotControl& pot = rig.pot;
     QSignalSpy position(&pot, &PotControl::positionChanged);
 
     pot.setPosition(600);
@@ -74,12 +93,9 @@ void TestPotControl::potPositionOf600IsStoredAndSentAs511()
 
 void TestPotControl::potPositionEqualToTheStoredOneDoesNothing()
 {
-    Rig rig;
-    PotControl pot;
-    pot.setType(PotBinding::Headphone);
-    attach(pot, rig, 1, 0);
-    pot.setPosition(100);
-    rig.clearReceivers();
+    HeadphonePot rig(1);
+    PotControl& pot = rig.pot;
+    rig.settleAt(100);
     QSignalSpy position(&pot, &PotControl::positionChanged);
 
     pot.setPosition(100);
@@ -90,12 +106,9 @@ void TestPotControl::potPositionEqualToTheStoredOneDoesNothing()
 
 void TestPotControl::potComparesBeforeClamping()
 {
-    Rig rig;
-    PotControl pot;
-    pot.setType(PotBinding::Headphone);
-    attach(pot, rig, 1, 0);
-    pot.setPosition(600);
-    rig.clearReceivers();
+    HeadphonePot rig(1);
+    PotControl& pot = rig.pot;
+    rig.settleAt(600);
     QSignalSpy position(&pot, &PotControl::positionChanged);
 
     // 600 differs from the stored 511, so it goes through again as 511.
@@ -112,12 +125,9 @@ void TestPotControl::potComparesBeforeClamping()
 
 void TestPotControl::potClampsNegativePositionsToZero()
 {
-    Rig rig;
-    PotControl pot;
-    pot.setType(PotBinding::Headphone);
-    attach(pot, rig, 0, 0);
-    pot.setPosition(5);
-    rig.clearReceivers();
+    HeadphonePot rig(0);
+    PotControl& pot = rig.pot;
+    rig.settleAt(5);
 
     pot.setPosition(-20);
 
@@ -149,10 +159,8 @@ void TestPotControl::potAnswersTheValueRequestAndLeavesItToOthers()
 
 void TestPotControl::inactivePotNeitherAnswersNorReports()
 {
-    Rig rig;
-    PotControl pot;
-    pot.setType(PotBinding::Headphone);
-    attach(pot, rig, 2, 0, false);
+    HeadphonePot rig(2, false);
+    PotControl& pot = rig.pot;
 
     pot.setPosition(10);
     rig.fromPlugin(2, message(MessageType::PotValue, 0));
@@ -163,10 +171,8 @@ void TestPotControl::inactivePotNeitherAnswersNorReports()
 
 void TestPotControl::potShowsTheHeadphoneLightColour()
 {
-    Rig rig;
-    PotControl pot;
-    pot.setType(PotBinding::Headphone);
-    attach(pot, rig, 2, 0);
+    HeadphonePot rig(2);
+    PotControl& pot = rig.pot;
     QSignalSpy color(&pot, &PotControl::colorChanged);
 
     QVERIFY(!pot.handleSoftwareMessage(2, message(MessageType::RgbColor, 0, {1, 1, 1, 0})));

@@ -2,6 +2,21 @@
 
 #include "softwarecontroltest.h"
 
+namespace {
+
+// A section's control on the plugin's side of a software surface, as QML sets it up.
+struct SectionRig : Rig
+{
+    explicit SectionRig(int index)
+    {
+        section.setConnection(&connection);
+        section.setSectionIndex(index);
+    }
+    SectionControl section;
+};
+
+}  // namespace
+
 class TestSectionControl : public QObject
 {
     Q_OBJECT
@@ -24,10 +39,8 @@ private slots:
 
 void TestSectionControl::sectionControlAnswersPingWithItsTemperature()
 {
-    Rig rig;
-    SectionControl section;
-    section.setConnection(&rig.connection);
-    section.setSectionIndex(1);
+    SectionRig rig(1);
+    SectionControl& section = rig.section;
     section.setTemperature(40);
     FakeSoftwareHandler after;
     after.takeAll(true);
@@ -60,10 +73,8 @@ void TestSectionControl::pingWithoutSectionControlIsAnsweredWith55PlusIndex()
 
 void TestSectionControl::sectionControlOfAnotherSectionLeavesThePingToTheController()
 {
-    Rig rig;
-    SectionControl section;
-    section.setConnection(&rig.connection);
-    section.setSectionIndex(2);
+    SectionRig rig(2);
+    SectionControl& section = rig.section;
     section.setTemperature(40);
 
     QVERIFY(!section.handleSoftwareMessage(0, message(MessageType::Ping, 0)));
@@ -91,10 +102,8 @@ void TestSectionControl::sectionControlTakesOnlyDevice0()
 
 void TestSectionControl::sectionControlStartsCalibrationOnThePluginsRequest()
 {
-    Rig rig;
-    SectionControl section;
-    section.setConnection(&rig.connection);
-    section.setSectionIndex(2);
+    SectionRig rig(2);
+    SectionControl& section = rig.section;
     QSignalSpy calibrating(&section, &SectionControl::calibratingChanged);
 
     QVERIFY(section.handleSoftwareMessage(2, message(MessageType::Calibration, 0)));
@@ -108,10 +117,8 @@ void TestSectionControl::sectionControlStartsCalibrationOnThePluginsRequest()
 
 void TestSectionControl::sectionControlStopCalibrationReportsDone()
 {
-    Rig rig;
-    SectionControl section;
-    section.setConnection(&rig.connection);
-    section.setSectionIndex(1);
+    SectionRig rig(1);
+    SectionControl& section = rig.section;
     rig.fromPlugin(1, message(MessageType::Calibration, 0));
     QSignalSpy calibrating(&section, &SectionControl::calibratingChanged);
 
@@ -124,10 +131,8 @@ void TestSectionControl::sectionControlStopCalibrationReportsDone()
 
 void TestSectionControl::sectionControlStopCalibrationTellsThePluginBeforeItShowsTheStop()
 {
-    Rig rig;
-    SectionControl section;
-    section.setConnection(&rig.connection);
-    section.setSectionIndex(1);
+    SectionRig rig(1);
+    SectionControl& section = rig.section;
     rig.fromPlugin(1, message(MessageType::Calibration, 0));
     // What the plugin had received when QML saw the stop.
     QList<QByteArray> seenAtTheSignal{QByteArray("not emitted")};

@@ -72,6 +72,21 @@ QStringList BindingTestRig::takeFramesSoFar()
     return lines;
 }
 
+QStringList BindingTestRig::takeReleaseFrames(qint64 releasedAtMs)
+{
+    fixture.runForMs(150);
+    QStringList lines;
+    for (const Frame& one : m_frames) {
+        const qint64 afterMs = one.atMs - releasedAtMs;
+        const bool inWindow = afterMs >= 100 && afterMs < 150;
+        lines << describe(one.section, one.message) +
+                     (inWindow ? QStringLiteral(" in the release window")
+                               : QStringLiteral(" at +%1 ms").arg(afterMs));
+    }
+    m_frames.clear();
+    return lines;
+}
+
 QString BindingTestRig::frame(uint8_t section, uint8_t type, uint8_t deviceId,
                               const char* payloadHex)
 {

@@ -3,6 +3,8 @@
 #include <QString>
 #include <QStringList>
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <vector>
 
 #include "bindings/surfaceconnection.h"
@@ -36,6 +38,11 @@ public:
     QStringList takeFrames();
     // The same without running the link first.
     QStringList takeFramesSoFar();
+    // Runs the link 150 ms on from `releasedAtMs`, the moment a binding was given up, and
+    // returns the frames that left since the last take, and forgets them: each as its
+    // description followed by " in the release window" when it left 100 to 149 ms after
+    // the release (when a released binding darkens its control), else by " at +<n> ms".
+    QStringList takeReleaseFrames(qint64 releasedAtMs);
     // The frames recorded so far, with their times (not forgotten).
     const std::vector<Frame>& frames() const { return m_frames; }
 
@@ -60,3 +67,25 @@ public:
 private:
     std::vector<Frame> m_frames;
 };
+
+// A binding of `type` wired as a QML page declares it: its properties set between
+// classBegin() and componentComplete(), the connection first. `more` sets any further
+// properties (the rotary's scope) before the binding completes.
+template <typename Binding, typename Type>
+std::unique_ptr<Binding> makeWiredBinding(BindingTestRig& rig, Type type, int section, int index,
+                                          bool active,
+                                          const std::function<void(Binding&)>& more = {})
+{
+    auto binding = std::make_unique<Binding>();
+    binding->classBegin();
+    binding->setConnection(&rig.connection);
+    binding->setType(type);
+    binding->setSectionIndex(section);
+    binding->setIndex(index);
+    binding->setActive(active);
+    if (more) {
+        more(*binding);
+    }
+    binding->componentComplete();
+    return binding;
+}

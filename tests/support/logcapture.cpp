@@ -52,6 +52,8 @@ void LogCapture::handler(QtMsgType type, const QMessageLogContext& context, cons
             return;
         }
         g_current->m_lines.append(Line{type, msg});
+        g_current->m_categories.append(
+            QString::fromLatin1(context.category ? context.category : "default"));
         if (g_current->m_echo) {
             echoTo = g_current->m_previous;
         }
@@ -92,6 +94,24 @@ bool LogCapture::contains(QtMsgType level, const QString& text) const
     return count(level, text) > 0;
 }
 
+QStringList LogCapture::categories() const
+{
+    QMutexLocker lock(&g_mutex);
+    return m_categories;
+}
+
+QStringList LogCapture::textsIn(const QString& category) const
+{
+    QMutexLocker lock(&g_mutex);
+    QStringList result;
+    for (int i = 0; i < m_lines.size(); ++i) {
+        if (m_categories.at(i) == category) {
+            result << m_lines.at(i).text;
+        }
+    }
+    return result;
+}
+
 int LogCapture::count(QtMsgType level, const QString& text) const
 {
     int n = 0;
@@ -107,6 +127,7 @@ void LogCapture::clear()
 {
     QMutexLocker lock(&g_mutex);
     m_lines.clear();
+    m_categories.clear();
 }
 
 void LogCapture::setEcho(bool echo)

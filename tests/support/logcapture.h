@@ -4,7 +4,7 @@
 #include <QString>
 #include <QtGlobal>
 
-// Records every Qt log line (level and exact text) while it lives, instead of printing
+// Records every Qt log line (level, exact text and category) while it lives, instead of printing
 // it, so tests can compare whole lines. Nests: the previous handler comes back on
 // destruction.
 class LogCapture
@@ -29,6 +29,11 @@ public:
     QStringList texts() const;
     // Lines of one level only, in order.
     QStringList texts(QtMsgType level) const;
+    // The logging category each line was written in, in the order of lines() ("default"
+    // for a line written without one).
+    QStringList categories() const;
+    // The texts of the lines written in one category, in order.
+    QStringList textsIn(const QString& category) const;
     bool contains(QtMsgType level, const QString& text) const;
     int count(QtMsgType level, const QString& text) const;
     void clear();
@@ -44,6 +49,7 @@ private:
     QtMessageHandler m_previous;
     LogCapture* m_outer;
     QList<Line> m_lines;
+    QStringList m_categories;
     bool m_echo = false;
 };
 

@@ -9,8 +9,10 @@
 #include "base/faderrestmode.h"
 #include "serial/serialmessage.h"
 #include "serial/serialmessagequeue.h"
+#include "support/componentrig.h"
 #include "support/deferreddeletes.h"
 #include "support/manualclock.h"
+#include "support/sentmessage.h"
 #include "support/serialframes.h"
 #include "surface/controltypes.h"
 #include "surface/fader.h"
@@ -69,55 +71,45 @@ SerialMessage touchReport(uint8_t touched, uint8_t device = kDevice)
     return SerialMessage(MessageType::FaderTouch, device, {touched});
 }
 
-// One fader on a real outgoing queue, under a manual clock that starts at kStartNs.
-class Rig
+// What the queue is expected to release at `atNs`, described as the component tests
+// describe every sent frame.
+QStringList sentAt(const Messages& messages, qint64 atNs)
 {
-public:
+    QStringList result;
+    for (const SerialMessage& message : messages) {
+        result << describe(SentMessage{message, atNs});
+    }
+    return result;
+}
+
+// One fader on a real outgoing queue, under a manual clock that starts at kStartNs.
+struct Rig : ComponentRig<SerialMessageQueue>
+{
     explicit Rig(uint8_t deviceId = kDevice, FaderType type = FaderType::Fader)
-        : clock(kStartNs),
-          queue(std::make_shared<SerialMessageQueue>()),
-          fader(std::make_shared<Fader>(deviceId, kSection, type, queue))
+        : ComponentRig(kStartNs), fader(std::make_shared<Fader>(deviceId, kSection, type, sender))
     {}
 
-    // Every message the queue releases at this instant, in queue order. *early is set when
-    // any of them was already released one nanosecond before.
-    Messages takeReleasedNow(bool* early)
+    // Every message the queue releases up to this instant, drained from one nanosecond
+    // before it: a message that was already due then is described at that earlier time.
+    QStringList sentNow()
     {
-        Messages taken;
-        *early = false;
-        clock.advanceNs(-1);
-        for (SerialMessage m = queue->takeNextMessage(); m.isValid();
-             m = queue->takeNextMessage()) {
-            taken.append(m);
-            *early = true;
-        }
-        clock.advanceNs(1);
-        for (SerialMessage m = queue->takeNextMessage(); m.isValid();
-             m = queue->takeNextMessage()) {
-            taken.append(m);
-        }
-        return taken;
+        const qint64 now = clock.nowNs();
+        clock.setNs(now - 1);
+        return drainUntil(now);
     }
 
     void deliverQueuedCalls() { QCoreApplication::sendPostedEvents(); }
 
-    ManualClock clock;
-    std::shared_ptr<SerialMessageQueue> queue;
     std::shared_ptr<Fader> fader;
 };
 
 }  // namespace
 
 // Asserts the exact messages the queue releases now, and that none of them was due earlier.
-#define COMPARE_SENT(rig, ...)                                           \
-    do {                                                                 \
-        bool early_ = false;                                             \
-        const Messages sent_ = (rig).takeReleasedNow(&early_);           \
-        QCOMPARE(sent_, Messages(__VA_ARGS__));                          \
-        QVERIFY2(!early_, "a message was released before this instant"); \
-    } while (false)
+#define COMPARE_SENT(rig, ...) \
+    QCOMPARE((rig).sentNow(), sentAt(Messages(__VA_ARGS__), (rig).clock.nowNs()))
 
-#define COMPARE_NOTHING_SENT(rig) QCOMPARE((rig).queue->size(), std::size_t(0))
+#define COMPARE_NOTHING_SENT(rig) QCOMPARE((rig).sender->size(), std::size_t(0))
 
 class TestFader : public QObject
 {
@@ -302,7 +294,7 @@ private slots:
         Rig rig;
         rig.clock.advanceNs(1);
         rig.fader->setPosition(600);
-        const SerialMessage sent = rig.queue->takeNextMessage();
+        const SerialMessage sent = rig.sender->takeNextMessage();
         QCOMPARE(encode(sent), QByteArray::fromHex("05070301ff0f"));
     }
 
@@ -513,21 +505,20 @@ private slots:
         const auto task = pool.schedulePeriodic(50, rig.fader);
 
         qint64 firstSendNs = -1;
-        Messages sent;
+        QStringList sent;
         for (int tick = 1; tick <= 60; ++tick) {
             rig.clock.advanceMs(TaskPool::kTickMs);
             pool.runPendingTasks();
-            if (firstSendNs < 0 && rig.queue->size() > 0) {
+            if (firstSendNs < 0 && rig.sender->size() > 0) {
                 firstSendNs = rig.clock.nowNs();
-                bool early = false;
-                sent = rig.takeReleasedNow(&early);
-                QVERIFY(!early);
+                sent = rig.sentNow();
             }
         }
         // Steps ran at 55 ms (too soon after construction) and then at 110 ms.
         QCOMPARE(firstSendNs - kStartNs, 110 * kMs);
-        QCOMPARE(sent, Messages({positionSent(0, 10)}));
-        QCOMPARE(sent.at(0).payload, bytesOf("0000"));
+        QCOMPARE(sent, sentAt({positionSent(0, 10)}, firstSendNs));
+        QCOMPARE(sent, QStringList({expectedMessage(quint8(MessageType::FaderPosition), 10, "0000",
+                                                    firstSendNs)}));
         QCOMPARE(rig.fader->position(), uint16_t(0));
         // Parked: no more messages.
         COMPARE_NOTHING_SENT(rig);

@@ -31,26 +31,22 @@ QString ledMessage(const char* payloadHex, qint64 atNs)
     return expectedMessage(kLedType, kDevice, payloadHex, atNs);
 }
 
-// One LED on the section's real queue and the surface's real task pool, under a manual
+// One LED on the section's real queue (QueueRig), or on a sender that records every call
+// for counting sends (RecordingRig), with the surface's real task pool, under a manual
 // clock; the pool is ticked by hand at chosen instants.
-struct QueueRig : ComponentRig<SerialMessageQueue>
+template <typename Sender>
+struct LedRig : ComponentRig<Sender>
 {
-    QueueRig() : ComponentRig(kStart) {}
-    std::shared_ptr<Led> led =
-        std::make_shared<Led>(kDevice, kSection, LedType::NextSnapsthotButton, sender, pool);
+    LedRig() : ComponentRig<Sender>(kStart) {}
+    std::shared_ptr<Led> led = std::make_shared<Led>(
+        kDevice, kSection, LedType::NextSnapsthotButton, this->sender, this->pool);
 };
-
-// The same with a sender that records every call, for counting sends.
-struct RecordingRig : ComponentRig<RecordingSender>
-{
-    RecordingRig() : ComponentRig(kStart) {}
-    std::shared_ptr<Led> led =
-        std::make_shared<Led>(kDevice, kSection, LedType::NextSnapsthotButton, sender, pool);
-};
+using QueueRig = LedRig<SerialMessageQueue>;
+using RecordingRig = LedRig<RecordingSender>;
 
 // Starts a lit LED flashing at 500 ms at kStart and runs it to its first lit step (at
-// kStart + 250 ms + 1 ns) and its first dark step (at kStart + 500 ms + 2 ns).
-void flashTwoSteps(QueueRig& rig)
+// kStart + 250 ms + 1 ns), draining what it sends.
+void flashOneStep(QueueRig& rig)
 {
     rig.led->setOn(1);
     rig.led->setFlashEnabled(true);
@@ -58,6 +54,12 @@ void flashTwoSteps(QueueRig& rig)
     rig.drainUntil(kStart);
     rig.tickAt(kStart + 250 * kMs + 1);
     rig.drainUntil(kStart + 350 * kMs + 1);
+}
+
+// The same, and on to its first dark step (at kStart + 500 ms + 2 ns).
+void flashTwoSteps(QueueRig& rig)
+{
+    flashOneStep(rig);
     rig.tickAt(kStart + 500 * kMs + 2);
     rig.drainUntil(kStart + 600 * kMs + 2);
 }
@@ -282,12 +284,7 @@ void TestLed::settingTheIntervalToZeroStopsTheTogglingAndLeavesThePhaseUnlit()
 void TestLed::settingTheIntervalToZeroWhileLitStopsTheTogglingAndLeavesThePhaseLit()
 {
     QueueRig rig;
-    rig.led->setOn(1);
-    rig.led->setFlashEnabled(true);
-    rig.led->setFlashInterval(500);
-    rig.drainUntil(kStart);
-    rig.tickAt(kStart + 250 * kMs + 1);
-    rig.drainUntil(kStart + 350 * kMs + 1);
+    flashOneStep(rig);
     QCOMPARE(rig.led->flashPhase(), true);
 
     rig.clock.setNs(kStart + 450 * kMs);
@@ -311,12 +308,7 @@ void TestLed::settingTheIntervalToZeroWhileLitStopsTheTogglingAndLeavesThePhaseL
 void TestLed::changingTheIntervalWhileLitCancelsAtOnceAndKeepsThePhase()
 {
     QueueRig rig;
-    rig.led->setOn(1);
-    rig.led->setFlashEnabled(true);
-    rig.led->setFlashInterval(500);
-    rig.drainUntil(kStart);
-    rig.tickAt(kStart + 250 * kMs + 1);
-    rig.drainUntil(kStart + 350 * kMs + 1);
+    flashOneStep(rig);
     QCOMPARE(rig.led->flashPhase(), true);
 
     // The flash task is cancelled at once, so no step runs to clear the phase: it stays lit,
@@ -336,12 +328,7 @@ void TestLed::changingTheIntervalWhileLitCancelsAtOnceAndKeepsThePhase()
 void TestLed::switchingOffStopsTheFlashAtItsNextStepAndLeavesThePhaseUnlit()
 {
     QueueRig rig;
-    rig.led->setOn(1);
-    rig.led->setFlashEnabled(true);
-    rig.led->setFlashInterval(500);
-    rig.drainUntil(kStart);
-    rig.tickAt(kStart + 250 * kMs + 1);
-    rig.drainUntil(kStart + 350 * kMs + 1);
+    flashOneStep(rig);
     QCOMPARE(rig.led->flashPhase(), true);
 
     rig.clock.setNs(kStart + 400 * kMs);

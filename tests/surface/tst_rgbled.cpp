@@ -27,17 +27,16 @@ QString colorMessage(const char* payloadHex, qint64 atNs)
     return expectedMessage(kColorType, kDevice, payloadHex, atNs);
 }
 
-struct QueueRig : ComponentRig<SerialMessageQueue>
+// The snapshot logo on the section's real queue (QueueRig) or on a recording sender
+// (RecordingRig), under a manual clock.
+template <typename Sender>
+struct RgbLedRig : ComponentRig<Sender>
 {
-    QueueRig() : ComponentRig(kStart) {}
-    RgbLed rgbLed{kDevice, kSection, RgbLedType::SnapshotLogo, sender};
+    RgbLedRig() : ComponentRig<Sender>(kStart) {}
+    RgbLed rgbLed{kDevice, kSection, RgbLedType::SnapshotLogo, this->sender};
 };
-
-struct RecordingRig : ComponentRig<RecordingSender>
-{
-    RecordingRig() : ComponentRig(kStart) {}
-    RgbLed rgbLed{kDevice, kSection, RgbLedType::SnapshotLogo, sender};
-};
+using QueueRig = RgbLedRig<SerialMessageQueue>;
+using RecordingRig = RgbLedRig<RecordingSender>;
 
 // What differs between the colour a component kept and the last colour frame it sent.
 QString colorDifference(const QColor& kept, const std::vector<uint8_t>& sent)

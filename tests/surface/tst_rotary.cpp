@@ -653,6 +653,7 @@ void TestRotary::aSecondGlobalTargetIsRefusedWithTheWarning()
     QCOMPARE(rig.rotary->setGlobalTarget(&intruder), 0);
     const QList<LogCapture::Line> expected{{QtWarningMsg, kRefusedWarning.arg(rotaryId)}};
     QCOMPARE(log.lines(), expected);
+    QCOMPARE(log.categories(), QStringList({"tarvix.worksurface.surface"}));
 
     // The old target stays: it is the one asked to bind.
     const std::shared_ptr<RotaryHandle> handle = rig.rotary->getHandle();

@@ -312,6 +312,7 @@ void tst_SectionUpdater::probeOnlyEndsInIdleWhenTheApplicationAnswers()
     QVERIFY(!m_updater->isActive());
     QCOMPARE(m_log->texts(),
              QStringList({"WS UPDATER: Received not in bootloader. Finished updating"}));
+    QCOMPARE(m_log->categories(), QStringList({"tarvix.worksurface.updater"}));
 }
 
 // ---------------------------------------------------------------------------------------
