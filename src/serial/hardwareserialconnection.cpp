@@ -99,13 +99,7 @@ void HardwareSerialConnection::open()
         m_port->setFlowControl(QSerialPort::NoFlowControl);
     if (!configured) {
         const QSerialPort::SerialPortError error = m_port->error();
-        {
-            QMutexLocker lock(&m_mutex);
-            m_outputBuffer.clear();
-            if (m_port->isOpen()) {
-                m_port->close();
-            }
-        }
+        close();
         if (isNews(error)) {
             qCCritical(lcLink) << "Unable to set WS section" << logIndex()
                                << "serial port properties for port: " << m_portName;
@@ -115,7 +109,10 @@ void HardwareSerialConnection::open()
                                    .arg(m_portName, QString::fromLatin1(errorName(error))));
         return;
     }
-    m_outputBuffer.clear();
+    {
+        QMutexLocker lock(&m_mutex);
+        m_outputBuffer.clear();
+    }
     if (isNews(QSerialPort::NoError)) {
         qCDebug(lcLink) << "WS section" << logIndex() << "serial port:" << m_portName
                         << "ready and open.";
@@ -170,17 +167,30 @@ QString HardwareSerialConnection::portError() const
 
 void HardwareSerialConnection::close()
 {
-    QMutexLocker lock(&m_mutex);
-    m_outputBuffer.clear();
-    if (m_port->isOpen()) {
-        m_port->close();
+    {
+        QMutexLocker lock(&m_mutex);
+        m_outputBuffer.clear();
     }
+    // Without the lock: closing reports its failures synchronously (a device that went away
+    // cannot have its settings restored), into handleSerialPortError and the application's
+    // message handler, and a gone device's error closes the port from there. That inner
+    // close finds this one under way and leaves it to finish.
+    if (m_closing || !m_port->isOpen()) {
+        return;
+    }
+    m_closing = true;
+    m_port->close();
+    m_closing = false;
 }
 
 void HardwareSerialConnection::writeRaw(const BootloaderPacket& packet)
 {
-    QMutexLocker lock(&m_mutex);
-    writeLocked(encodeBootloaderPacket(packet));
+    QSerialPort::SerialPortError error = QSerialPort::NoError;
+    {
+        QMutexLocker lock(&m_mutex);
+        error = writeLocked(encodeBootloaderPacket(packet));
+    }
+    logWriteError(error);
 }
 
 void HardwareSerialConnection::sendMessage(const SerialMessage& message)
@@ -192,10 +202,14 @@ void HardwareSerialConnection::sendMessage(const SerialMessage& message)
 
 void HardwareSerialConnection::flush()
 {
-    QMutexLocker lock(&m_mutex);
-    writeLocked(m_outputBuffer);
-    // Whatever the write did, the buffer does not outlive the flush: nothing is resent.
-    m_outputBuffer.clear();
+    QSerialPort::SerialPortError error = QSerialPort::NoError;
+    {
+        QMutexLocker lock(&m_mutex);
+        error = writeLocked(m_outputBuffer);
+        // Whatever the write did, the buffer does not outlive the flush: nothing is resent.
+        m_outputBuffer.clear();
+    }
+    logWriteError(error);
 }
 
 int HardwareSerialConnection::bufferedByteCount() const
@@ -209,17 +223,26 @@ QString HardwareSerialConnection::errorString() const
     return m_port->errorString();
 }
 
-void HardwareSerialConnection::writeLocked(const QByteArray& data)
+QSerialPort::SerialPortError HardwareSerialConnection::writeLocked(const QByteArray& data)
 {
     if (!m_port->isOpen() || data.isEmpty()) {
-        return;
+        return QSerialPort::NoError;
     }
     // A short write is not retried: the section answers bad data with a serial error and
     // the link recovers from that.
     if (m_port->write(data) == -1) {
-        qCCritical(lcLink) << "Unable to write data to WS section" << logIndex();
-        qCCritical(lcLink) << "Error was:" << errorName(m_port->error());
+        return m_port->error();
     }
+    return QSerialPort::NoError;
+}
+
+void HardwareSerialConnection::logWriteError(QSerialPort::SerialPortError error) const
+{
+    if (error == QSerialPort::NoError) {
+        return;
+    }
+    qCCritical(lcLink) << "Unable to write data to WS section" << logIndex();
+    qCCritical(lcLink) << "Error was:" << errorName(error);
 }
 
 void HardwareSerialConnection::readSerialData()

@@ -22,6 +22,10 @@ class ISerialDataReceiver;
 // lines, and a lost or silent port is noticed by the section connection's time-outs,
 // which restart the link by close() and open(). The one exception is a section that has
 // gone (read or resource error): its port is closed as well, so that it stops reporting.
+//
+// The mutex guards the output buffer and the writes only. It is never held while the port
+// is opened or closed or a line is logged: the port reports its errors synchronously, into
+// handleSerialPortError (which may close the port) and the application's message handler.
 class HardwareSerialConnection : public QObject, public ISerialConnection
 {
     Q_OBJECT
@@ -48,6 +52,8 @@ public:
     // Why the port last failed (the operating system's words), e.g. after an open that
     // left the connection closed.
     QString errorString() const;
+    // The port itself, read-only: for diagnostics and tests that watch its signals.
+    const QSerialPort* port() const { return m_port.get(); }
 
 public slots:
     // On the port's readyRead: hands every available byte to the data receiver.
@@ -60,8 +66,12 @@ public slots:
 private:
     // Closes the port of a section that has gone (see handleSerialPortError).
     void closeVanishedPort();
-    // Writes data to the port; the caller holds m_mutex.
-    void writeLocked(const QByteArray& data);
+    // Writes data to the port; the caller holds m_mutex. Returns the port's error when the
+    // write failed (NoError otherwise), for logWriteError() once the lock is released.
+    QSerialPort::SerialPortError writeLocked(const QByteArray& data);
+    // The two lines of a failed write; called without the lock, like every call that can
+    // reach the application (its message handler) or the port's error handling.
+    void logWriteError(QSerialPort::SerialPortError error) const;
     int logIndex() const { return m_sectionIndex; }
     // How the last open ended, so that a reopen() can leave out what it would only repeat.
     enum class LastOpen
@@ -87,6 +97,8 @@ private:
     QSerialPort::SerialPortError m_lastOpenError = QSerialPort::NoError;
     // Set while reopen() runs.
     bool m_reopening = false;
+    // Set while close() closes the port.
+    bool m_closing = false;
 };
 
 }  // namespace Velmora::Worksurface

@@ -169,9 +169,15 @@ void SectionConnection::open()
     m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::PortOpen,
                             m_connection->isOpen() ? 1 : 0, m_connection->portName(),
                             m_connection->portError());
+    const uint64_t opening = ++m_opens;
     // The listener hears of Connecting before the updater starts, as it always has; it is
     // only no longer called with the mutex held.
     setState(Connecting);
+    // The listener may close the link from that report (or close and open it again, which
+    // started its own updater and task): what it did stands, and this open is over.
+    if (m_opens != opening || m_state.load() != Connecting) {
+        return;
+    }
     // The updater probes the section's bootloader first; its answer (or the section's
     // first message) moves the link out of Connecting.
     m_updater->start(this);
@@ -521,7 +527,17 @@ void SectionConnection::superviseReconnect(int64_t nowNs)
     }
 
     const bool portDown = !m_connection->isOpen();
-    const bool stalled = state == Connecting && msSince(nowNs, m_attemptNs) >= intervalMs;
+    // An updater busy with a bootloader that answered (an update, the reset at its end, the
+    // second it waits before asking again) holds the link in Connecting: the link waits for
+    // it and is not stalled, and the interval counts from the end of that exchange. Only an
+    // unanswered start-up probe, which a section still booting may not have heard, or a
+    // line that has gone, is worth another attempt.
+    const bool updaterBusy = !portDown && m_updater->isActive() && !m_updater->isProbing();
+    if (updaterBusy) {
+        m_attemptNs = nowNs;
+    }
+    const bool stalled =
+        state == Connecting && !updaterBusy && msSince(nowNs, m_attemptNs) >= intervalMs;
     if (!m_outage && (portDown || stalled)) {
         m_outage = true;
         m_outageStartNs = portDown ? nowNs : m_attemptNs;
@@ -553,14 +569,15 @@ void SectionConnection::reopenLink(int64_t nowNs)
     ++m_reconnectAttempts;
     m_recorder->recordEvent(nowNs, FlightRecorder::Event::Reconnect);
     m_attemptNs = nowNs;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_connection->isOpen()) {
-            m_connection->close();
-        }
-        clear();
-        m_connection->reopen();
+    // Without the mutex, like every other call out of the link: opening a serial port reports
+    // its errors synchronously (into the line's error handler and the application's message
+    // handler) and may wait for the device's lock file, and stopCalibration() from another
+    // thread must not wait for that.
+    if (m_connection->isOpen()) {
+        m_connection->close();
     }
+    clear();
+    m_connection->reopen();
     m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::PortOpen,
                             m_connection->isOpen() ? 1 : 0, m_connection->portName(),
                             m_connection->portError());

@@ -195,6 +195,7 @@ private:
     bool m_portReported = false;
     QString m_reportedPortName;
     QString m_reportedPortError;
+    uint64_t m_opens = 0;  // opens that got past the open line check
     bool m_updateRunning = false;
     bool m_updateFailed = false;
     std::deque<uint8_t> m_pendingStates;

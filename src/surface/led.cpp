@@ -37,7 +37,8 @@ bool Led::handleMessage(const SerialMessage& /*message*/)
 void Led::setLinkReady(bool ready)
 {
     if (!ready) {
-        setOn(m_on.load());
+        std::unique_lock<std::mutex> lock(m_mutex);
+        setOnLocked(lock, m_on.load());
     }
 }
 
@@ -58,12 +59,19 @@ LedType Led::ledType() const
 
 void Led::setOn(uint8_t on)
 {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    setOnLocked(lock, on);
+}
+
+void Led::setOnLocked(std::unique_lock<std::mutex>& lock, uint8_t on)
+{
     m_on.store(on);
+    // Sent under the lock, so that two callers send their levels in the order they stored
+    // them: the last level sent is the one the LED keeps. The queue never calls back.
     m_sender->sendLed(m_deviceId, on != 0 ? m_brightness.load() : 0, 0, 0);
     if (on == 0) {
         return;
     }
-    std::unique_lock<std::mutex> lock(m_mutex);
     // A flash that is already running keeps its rhythm; one that had stopped because the
     // LED was switched off starts again.
     if (m_flash.enabled() && !m_flash.running()) {
@@ -73,13 +81,14 @@ void Led::setOn(uint8_t on)
 
 void Led::setBrightness(uint8_t brightness)
 {
+    std::unique_lock<std::mutex> lock(m_mutex);
     if (m_brightness.load() == brightness) {
         return;
     }
     m_brightness.store(brightness);
     const uint8_t on = m_on.load();
     if (on != 0) {
-        setOn(on);
+        setOnLocked(lock, on);
     }
 }
 
@@ -123,11 +132,9 @@ std::shared_ptr<LedHandle> Led::getHandle()
 void Led::releaseHandle(LedHandle* handle)
 {
     std::shared_ptr<LedHandle> released;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_handle.get() == handle) {
-            released = std::move(m_handle);
-        }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_handle.get() == handle) {
+        released = std::move(m_handle);
     }
     // Nobody shows anything on this LED any more. A running flash stops at its next step,
     // which finds the LED off.

@@ -24,7 +24,8 @@ namespace Velmora::Worksurface {
 //
 // Threads: safe from any thread (docs/threads.md): handle calls may come from one thread
 // while flash steps run on the model thread under the task pool's lock. On and brightness
-// are atomics; the flash fields and the handle are guarded by a non-recursive mutex, which
+// are atomics, written and sent under a non-recursive mutex that also guards the flash
+// fields and the handle, so that the last level sent is the last one stored. The mutex
 // is never held while the task pool is asked (the pool's lock is taken before ours while a
 // step runs) or anything but the outgoing queue (a leaf) is called. The LED itself is made
 // and destroyed on the model thread; its destruction cuts the handle off atomically.
@@ -77,12 +78,16 @@ private:
     // Called with the mutex held through `lock`; returns with it held, but releases it
     // while it asks the task pool.
     void rescheduleFlash(std::unique_lock<std::mutex>& lock);
+    // setOn() with the mutex held through `lock` (see rescheduleFlash()).
+    void setOnLocked(std::unique_lock<std::mutex>& lock, uint8_t on);
 
     const uint8_t m_deviceId;
     const uint8_t m_sectionIndex;
     const LedType m_type;
     const std::shared_ptr<ISerialMessageSender> m_sender;
 
+    // Atomic so that on() and brightness() need no lock; changed under the mutex, and sent
+    // under it in the order they were stored.
     std::atomic<uint8_t> m_on{0};
     std::atomic<uint8_t> m_brightness{255};
 

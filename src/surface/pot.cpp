@@ -72,7 +72,8 @@ bool Pot::handleMessage(const SerialMessage& message)
 void Pot::setLinkReady(bool ready)
 {
     if (!ready) {
-        sendColor(color(), 0);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        sendColor(m_color, 0);
     }
 }
 
@@ -98,10 +99,10 @@ uint16_t Pot::value() const
 
 void Pot::setColor(const QColor& color)
 {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_color = color;
-    }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_color = color;
+    // Sent under the lock, so that two callers send their colours in the order they stored
+    // them and the light keeps the one stored last. The queue never calls back.
     sendColor(color, 0);
 }
 
@@ -118,13 +119,11 @@ void Pot::releaseHandle(PotHandle* handle)
 {
     const QColor black(Qt::black);
     std::shared_ptr<PotHandle> released;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_handle.get() == handle) {
-            released = std::move(m_handle);
-        }
-        m_color = black;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_handle.get() == handle) {
+        released = std::move(m_handle);
     }
+    m_color = black;
     sendColor(black, kReleaseDelayMs);
 }
 

@@ -39,7 +39,8 @@ bool RgbLed::handleMessage(const SerialMessage& /*message*/)
 void RgbLed::setLinkReady(bool ready)
 {
     if (!ready) {
-        sendColor(color(), 0);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        sendColor(m_color, 0);
     }
 }
 
@@ -60,13 +61,14 @@ RgbLedType RgbLed::rgbLedType() const
 
 void RgbLed::setColor(const QColor& color)
 {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_color == color) {
-            return;
-        }
-        m_color = color;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_color == color) {
+        return;
     }
+    m_color = color;
+    // Sent under the lock, so that two callers send their colours in the order they stored
+    // them: otherwise the one stored last could go out first, and the equality check above
+    // would then keep the other colour on the hardware. The queue never calls back.
     sendColor(color, 0);
 }
 
@@ -83,13 +85,11 @@ void RgbLed::releaseHandle(RgbLedHandle* handle)
 {
     const QColor black(Qt::black);
     std::shared_ptr<RgbLedHandle> released;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_handle.get() == handle) {
-            released = std::move(m_handle);
-        }
-        m_color = black;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_handle.get() == handle) {
+        released = std::move(m_handle);
     }
+    m_color = black;
     sendColor(black, kReleaseDelayMs);
 }
 

@@ -88,15 +88,11 @@ void Rotary::setLinkReady(bool ready)
     }
     // Only a flashing light gets its colour back here; a steady one is deliberately left
     // as the section shows it.
-    QColor color;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_flash.interval() <= 0) {
-            return;
-        }
-        color = m_color;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_flash.interval() <= 0) {
+        return;
     }
-    sendColor(color, 0);
+    sendColor(m_color, 0);
 }
 
 uint8_t Rotary::rotaryDeviceId() const
@@ -132,10 +128,10 @@ QColor Rotary::color() const
 
 void Rotary::setColor(const QColor& color)
 {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_color = color;
-    }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_color = color;
+    // Sent under the lock, so that two callers send their colours in the order they stored
+    // them and the ring keeps the one stored last. The queue never calls back.
     sendColor(color, 0);
 }
 
@@ -187,8 +183,8 @@ void Rotary::releaseHandle(RotaryHandle* handle)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_color = black;
+        sendColor(black, kReleaseDelayMs);
     }
-    sendColor(black, kReleaseDelayMs);
 
     std::shared_ptr<RotaryHandle> released;
     IGlobalRotaryBindingTarget* target = nullptr;

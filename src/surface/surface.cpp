@@ -200,12 +200,20 @@ void Surface::calibrate()
 void Surface::sectionStateChanged(uint8_t section, uint8_t state)
 {
     TARVIX_ASSERT_THREAD(m_affinity);
-    // Every state change may end or begin a calibration somewhere; QML re-reads the flag.
-    emit isCalibratingChanged();
+    // The section's info is written before anything is emitted, so that every handler reads
+    // the state it is being told about. A handler may change the link's state again (QML
+    // that calibrates on isCalibratingChanged or on updatingChanged): the link tells us of
+    // that change from inside the handler, and that newer report writes the info. What is
+    // left of this older report must then not write its state over it.
+    const uint64_t report = ++m_stateReports[section];
     if (ISection* found = findSection(section)) {
         found->setUpdating(state == ISectionConnection::Updating);
-        found->setLinkState(state);
+        if (m_stateReports[section] == report) {
+            found->setLinkState(state);
+        }
     }
+    // Every state change may end or begin a calibration somewhere; QML re-reads the flag.
+    emit isCalibratingChanged();
 }
 
 void Surface::sectionPortChanged(uint8_t section, const QString& portName, const QString& portError)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <memory>
 #include <vector>
 
@@ -65,6 +67,9 @@ private:
     std::vector<std::shared_ptr<ISectionConnection>> m_connections;
     // QML-thread-only (docs/threads.md).
     const ThreadAffinity m_affinity;
+    // State reports heard so far, per section index: a report that finds the count moved on
+    // after a QML handler ran was overtaken by a newer one told from inside that handler.
+    std::array<uint64_t, 256> m_stateReports{};
 };
 
 }  // namespace Velmora::Worksurface

@@ -16,6 +16,10 @@ public:
     virtual bool isActive() const = 0;
     // Writing an image.
     virtual bool isUpdating() const = 0;
+    // Waiting for the answer to its start-up probe, which a section that is still booting
+    // may never have heard (the only part of an exchange worth starting over). An updater
+    // that does not say is taken to be busy with the section whenever it is active.
+    virtual bool isProbing() const { return false; }
     virtual void start(ISectionUpdaterListener* listener) = 0;
     virtual void dataReceived(const QByteArray& data) = 0;
 };

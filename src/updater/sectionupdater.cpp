@@ -65,8 +65,17 @@ bool SectionUpdater::isUpdating() const
     return m_updating;
 }
 
+bool SectionUpdater::isProbing() const
+{
+    return m_state == Exchanging && m_lastPacket.command == BootloaderCommand::AutoBaud;
+}
+
 void SectionUpdater::start(ISectionUpdaterListener* listener)
 {
+    // A new exchange begins with its own probe: an auto-update step still waiting from the
+    // last reset would follow it with a second AutoBaud. The pool holds the task only
+    // weakly, so letting it go cancels it.
+    m_autoUpdateTask.reset();
     m_listener = listener;
     m_buffer.clear();
     ++m_bufferGeneration;

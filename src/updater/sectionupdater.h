@@ -56,6 +56,8 @@ public:
 
     bool isActive() const override;
     bool isUpdating() const override;
+    // AutoBaud is out and unanswered.
+    bool isProbing() const override;
     void start(ISectionUpdaterListener* listener) override;
     void dataReceived(const QByteArray& data) override;
 

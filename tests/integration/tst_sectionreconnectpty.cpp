@@ -77,6 +77,8 @@ private slots:
     void changingTheIntervalAppliesToTheRunningLink();
     void aThousandRetriesAddNoTaskAndNoLogLine();
     void noRetryWhileAnUpdateRuns();
+    void aFullUpdateIsNeverInterruptedByReconnection_data();
+    void aFullUpdateIsNeverInterruptedByReconnection();
     void failedUpdatesAreToldWithTheirReasonAndASuccessResetsTheFailure();
     void aNewConnectStartsTheModelsOverAndASectionTheModelLacksIsClosed();
 
@@ -459,6 +461,60 @@ void TestSectionReconnectPty::noRetryWhileAnUpdateRuns()
     QCoreApplication::processEvents();
     QCOMPARE(first()->linkState(), int(SectionInfoModel::Updating));
     QCOMPARE(sim->commandCount(0x55), 1);
+}
+
+// A section found in its bootloader is updated, reset and asked again a second later, at
+// any interval, also one shorter than that second: the link waits for the updater all
+// along. One AutoBaud at the start and one after the reset, no other, the link never flaps
+// and nothing logs an outage.
+void TestSectionReconnectPty::aFullUpdateIsNeverInterruptedByReconnection_data()
+{
+    QTest::addColumn<int>("interval");
+    QTest::newRow("100 ms") << 100;
+    QTest::newRow("500 ms") << 500;
+    QTest::newRow("2000 ms") << 2000;
+}
+
+void TestSectionReconnectPty::aFullUpdateIsNeverInterruptedByReconnection()
+{
+    QFETCH(int, interval);
+    QVERIFY(QDir(m_dir->path()).mkpath(QStringLiteral(".firmware")));
+    QFile image(m_dir->filePath(QStringLiteral(".firmware/worksurface.bin")));
+    QVERIFY(image.open(QIODevice::WriteOnly));
+    const QByteArray content(64 * 5, char(0x3C));
+    image.write(content);
+    image.close();
+
+    PtySectionSimulator* sim = plugIn();
+    QVERIFY(sim);
+    sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    LogCapture log;
+    LinkStates states(first());
+    startSurface(interval);
+    // The image crosses the line in real time, the clock standing still; then the section is
+    // reset into its application.
+    QTRY_COMPARE_WITH_TIMEOUT(sim->mode(), PtySectionSimulator::Mode::Application, kTimeout);
+    QCOMPARE(sim->image(), content);
+    // Pass by pass until the updater asks again, then the answer crosses the line (in real
+    // time: the clock stands still while a section answers).
+    const qint64 resetMs = elapsedMs();
+    while (sim->commandCount(0x55) < 2 && elapsedMs() < resetMs + 3000) {
+        pass();
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(first()->linkState(), int(SectionInfoModel::Connected), kTimeout);
+    runFor(3000);
+    QCoreApplication::processEvents();
+
+    QCOMPARE(sim->commandCount(0x55), 2);
+    QCOMPARE(states.values,
+             (std::vector<int>{SectionInfoModel::Connecting, SectionInfoModel::Updating,
+                               SectionInfoModel::Connecting, SectionInfoModel::Connected}));
+    QCOMPARE(first()->lastUpdateFailure(), -1);
+    QCOMPARE(sectionZeroLines(log),
+             (QStringList{QStringLiteral("WS section 0 serial port: %1 ready and open.")
+                              .arg(quoted(m_devicePath))}));
+    // The link is the parser's again: the section's pings are answered and counted.
+    QVERIFY(sim->receivedBytes().contains(kPingFrame));
 }
 
 void TestSectionReconnectPty::failedUpdatesAreToldWithTheirReasonAndASuccessResetsTheFailure()

@@ -94,6 +94,9 @@ TestCase {
         calibratingChanges = 0
         Surface.calibrate()
         verify(calibratingChanges > 0)
+        // The handler's calibrate() was told from inside the report it handled: the state the
+        // section shows is the latest, calibrating, as the surface says.
+        compare(Surface.section(0).linkState, SectionInfoModel.Calibrating)
         tryVerify(function () { return sectionZero.calibrating }, timeout)
         // A section that ends its calibration is calibrated again at once by the handler:
         // the plugin's link is calibrating again, while the software section, which shows
@@ -102,6 +105,7 @@ TestCase {
         sectionZero.stopCalibration()
         verify(calibratingChanges > changes)
         verify(Surface.isCalibrating)
+        compare(Surface.section(0).linkState, SectionInfoModel.Calibrating)
         compare(sectionZero.calibrating, false)
         // The reported freeze: the old surface's links close and tell the surface, whose
         // handler calibrates.

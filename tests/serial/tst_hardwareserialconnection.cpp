@@ -11,7 +11,12 @@
 //   debug    Error while reading data from the serial port "/dev/pts/7"
 //   debug    Serial port error in WS section 2 Error core: 8
 
+#include <fcntl.h>
+#include <unistd.h>
+#include <QDir>
+#include <QFileInfo>
 #include <QMetaEnum>
+#include <QSet>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QtTest/QtTest>
@@ -21,6 +26,7 @@
 #include "serial/iserialdatareceiver.h"
 #include "serial/serialmessage.h"
 #include "serial/serialporterrorcode.h"
+#include "support/lockprobe.h"
 #include "support/logcapture.h"
 #include "support/ptysectionsimulator.h"
 #include "updater/bootloaderpacket.h"
@@ -108,6 +114,7 @@ private slots:
     void openAfterFailuresStillLogsEverything();
     void reopenOfAnOpenPortSaysNothingAndAfterAFailureSaysReady();
     void goneDeviceGivesDeviceGonePortError();
+    void portSignalsFindTheLockFree();
 
 private:
     std::unique_ptr<PtySectionSimulator> m_sim;
@@ -700,6 +707,87 @@ void TestHardwareSerialConnection::goneDeviceGivesDeviceGonePortError()
     QTRY_VERIFY_WITH_TIMEOUT(!m_connection->isOpen(), Timeout);
     QCOMPARE(m_connection->portError(),
              QStringLiteral("Device gone: %1").arg(m_connection->portName()));
+}
+
+// Counts the signals a connection's port emits and probes the connection's lock on each:
+// the port emits from inside open() and close() (its settings, its error, aboutToClose),
+// and each may reach handleSerialPortError, which can close the port, or the application.
+struct PortSignalProbe
+{
+    explicit PortSignalProbe(const std::shared_ptr<HardwareSerialConnection>& connection)
+    {
+        const QSerialPort* port = connection->port();
+        const auto probe = [this, connection](const char* what) {
+            ++emitted;
+            if (!isFreeFromAnotherThread([connection] { connection->bufferedByteCount(); },
+                                         connection)) {
+                underLock << QString::fromLatin1(what);
+            }
+        };
+        QObject::connect(port, &QIODevice::aboutToClose, &context,
+                         [probe] { probe("aboutToClose"); });
+        QObject::connect(port, &QSerialPort::errorOccurred, &context,
+                         [probe](QSerialPort::SerialPortError error) {
+                             if (error != QSerialPort::NoError) {
+                                 probe("errorOccurred");
+                             }
+                         });
+        QObject::connect(port, &QSerialPort::baudRateChanged, &context,
+                         [probe] { probe("baudRateChanged"); });
+        QObject::connect(port, &QSerialPort::dataBitsChanged, &context,
+                         [probe] { probe("dataBitsChanged"); });
+        QObject::connect(port, &QSerialPort::bytesWritten, &context,
+                         [probe] { probe("bytesWritten"); });
+    }
+
+    QObject context;
+    int emitted = 0;
+    QStringList underLock;
+};
+
+// Every signal the port emits, while the connection opens, writes, closes, fails to open a
+// missing device and loses its section, finds the connection's lock free.
+void TestHardwareSerialConnection::portSignalsFindTheLockFree()
+{
+    Watchdog dog("port signals", 60);
+    auto connection = std::make_shared<HardwareSerialConnection>(Section, m_sim->slavePath());
+    connection->setDataReceiver(&m_receiver);
+    PortSignalProbe probe(connection);
+    LogCapture log;
+    LockProbingMessageHandler lines([connection] {
+        return isFreeFromAnotherThread([connection] { connection->bufferedByteCount(); },
+                                       connection);
+    });
+
+    connection->open();
+    connection->sendMessage(SerialMessage(MessageType::Ping, 0));
+    connection->flush();
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes(), QByteArray::fromHex("03000003"), Timeout);
+    connection->close();
+    const int afterClose = probe.emitted;
+    QVERIFY(afterClose >= 2);
+
+    connection->open();
+    m_sim->hangUp();
+    QTRY_VERIFY_WITH_TIMEOUT(!connection->isOpen(), Timeout);
+    QVERIFY(probe.emitted > afterClose + 1);
+    const int afterHangUp = probe.emitted;
+
+    auto missing = std::make_shared<HardwareSerialConnection>(
+        Section, QDir::temp().filePath(QStringLiteral("tarvix-no-such-tty")));
+    PortSignalProbe missingProbe(missing);
+    missing->open();
+    QVERIFY(!missing->isOpen());
+    QVERIFY(missingProbe.emitted >= 1);
+
+    QVERIFY(afterHangUp > 0);
+    QVERIFY2(probe.underLock.isEmpty() && missingProbe.underLock.isEmpty(),
+             qPrintable(QStringLiteral("emitted with the connection's lock held: ") +
+                        (probe.underLock + missingProbe.underLock).join(QStringLiteral(", "))));
+    QVERIFY(lines.lineCount() >= 3);
+    QVERIFY2(lines.linesUnderLock().isEmpty(),
+             qPrintable(QStringLiteral("logged with the connection's lock held: ") +
+                        lines.linesUnderLock().join(QStringLiteral(" | "))));
 }
 
 QTEST_GUILESS_MAIN(TestHardwareSerialConnection)

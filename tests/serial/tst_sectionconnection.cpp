@@ -171,6 +171,8 @@ class TestSectionConnection : public QObject
 private slots:
     void withoutReconnectIntervalAStalledLinkIsNeverRestarted();
     void stalledLinkIsReprobedOnceItHasBeenConnectingForTheInterval();
+    void aLinkWaitingForItsBusyUpdaterIsNeverTakenAsStalled_data();
+    void aLinkWaitingForItsBusyUpdaterIsNeverTakenAsStalled();
     void reprobesRepeatEveryIntervalWithOneWarningAndNoNewTask();
     void vanishedLineIsReopenedAfterOneIntervalAndTheReturnIsLogged();
     void noRetryWhileUpdatingOrAfterClose();
@@ -1349,6 +1351,46 @@ void TestSectionConnection::stalledLinkIsReprobedOnceItHasBeenConnectingForTheIn
     QCOMPARE(rig.log.lines(),
              (QList<LogCapture::Line>{logLine(
                  QtWarningMsg, "Section 2 link is down (no answer). Retrying every 1000 ms.")}));
+}
+
+// The updater busy with a bootloader that answered (an update's reset and the second it
+// waits before asking again) holds the link in Connecting: at any interval nothing reopens
+// the line, restarts the updater or logs an outage. Once it probes again unanswered, the
+// interval counts from the end of that exchange.
+void TestSectionConnection::aLinkWaitingForItsBusyUpdaterIsNeverTakenAsStalled_data()
+{
+    QTest::addColumn<int>("interval");
+    QTest::newRow("100 ms") << 100;
+    QTest::newRow("500 ms") << 500;
+    QTest::newRow("2000 ms") << 2000;
+}
+
+void TestSectionConnection::aLinkWaitingForItsBusyUpdaterIsNeverTakenAsStalled()
+{
+    QFETCH(int, interval);
+    Rig rig;
+    rig.settings->setReconnectInterval(interval);
+    rig.link->setReconnectSettings(rig.settings);
+    rig.link->open();
+    rig.updater->setActive(true);
+    rig.updater->notifyStateChanged();
+    QCOMPARE(rig.state(), int(State::Connecting));
+    rig.tickEvery(51 * kMs, kStartNs + 6000 * kMs);
+    QCOMPARE(rig.line->openCount(), 1);
+    QCOMPARE(rig.line->closeCount(), 0);
+    QCOMPARE(rig.updater->startCount(), 1);
+    QCOMPARE(rig.link->reconnectAttempts(), uint64_t{0});
+    QVERIFY(rig.log.lines().isEmpty());
+
+    // Its AutoBaud goes unanswered: the next attempt comes one interval later, not at once.
+    rig.updater->setProbing(true);
+    const qint64 probedAt = rig.clock.nowNs();
+    rig.tickEvery(51 * kMs, probedAt + (interval - 60) * kMs);
+    QCOMPARE(rig.updater->startCount(), 1);
+    rig.tickEvery(51 * kMs, probedAt + (interval + 50) * kMs);
+    QCOMPARE(rig.updater->startCount(), 2);
+    QCOMPARE(rig.link->reconnectAttempts(), uint64_t{1});
+    QCOMPARE(rig.states(), QList<int>({State::Connecting}));
 }
 
 void TestSectionConnection::reprobesRepeatEveryIntervalWithOneWarningAndNoNewTask()

@@ -9,7 +9,8 @@
 #include "updater/isectionupdaterlistener.h"
 
 // Stands in for a section's firmware updater: the test says whether it is in a bootloader
-// exchange (active) and writing an image (updating); it records the listener it was
+// exchange (active), waiting for the answer to its probe (probing) and writing an image
+// (updating); it records the listener it was
 // started with and every chunk of bytes the link handed it. Changing the flags does not
 // notify; call notifyStateChanged() to play the updater reporting its new state.
 class FakeSectionUpdater : public Velmora::Worksurface::ISectionUpdater
@@ -17,6 +18,7 @@ class FakeSectionUpdater : public Velmora::Worksurface::ISectionUpdater
 public:
     bool isActive() const override { return m_active; }
     bool isUpdating() const override { return m_updating; }
+    bool isProbing() const override { return m_probing; }
 
     void start(Velmora::Worksurface::ISectionUpdaterListener* listener) override
     {
@@ -31,6 +33,8 @@ public:
 
     void setActive(bool active) { m_active = active; }
     void setUpdating(bool updating) { m_updating = updating; }
+    // Whether its start-up probe is out and unanswered (false by default).
+    void setProbing(bool probing) { m_probing = probing; }
     // Runs inside start(), after the listener is stored (to play an updater that sends its
     // first packet or reports a state change at once).
     void setOnStart(std::function<void(Velmora::Worksurface::ISectionUpdaterListener*)> onStart)
@@ -64,6 +68,7 @@ public:
 private:
     bool m_active = false;
     bool m_updating = false;
+    bool m_probing = false;
     Velmora::Worksurface::ISectionUpdaterListener* m_listener = nullptr;
     int m_startCount = 0;
     std::function<void(Velmora::Worksurface::ISectionUpdaterListener*)> m_onStart;

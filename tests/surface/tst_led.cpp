@@ -10,6 +10,7 @@
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
 #include "support/recordingsender.h"
+#include "support/storeorderrace.h"
 #include "surface/deviceidtable.h"
 #include "surface/led.h"
 #include "surface/ledhandle.h"
@@ -83,6 +84,8 @@ private slots:
     void changingTheBrightnessOfAnLedThatIsOffSendsNothing();
     void changingTheBrightnessOfALitLedSendsItAtOnce();
     void anEqualBrightnessSendsNothing();
+    void twoThreadsSwitchingLeaveTheLastStoredLevelSentLast();
+    void twoThreadsChangingTheBrightnessLeaveTheLastStoredLevelSentLast();
 
     // Flashing
     void flashWithInterval500TogglesEvery250msBetweenBrightnessAndZero();
@@ -728,6 +731,51 @@ void TestLed::handleCallsFromAnotherThreadWhileStepsRunDoNotDeadlock()
     const bool flashing =
         rig.led->flashEnabled() && rig.led->flashInterval() > 0 && rig.led->on() != 0;
     QCOMPARE(rig.pool->taskCount(), std::size_t(flashing ? 1 : 0));
+}
+
+// Two threads switch the LED on and off at once: whichever the LED keeps is what its last
+// frame shows.
+void TestLed::twoThreadsSwitchingLeaveTheLastStoredLevelSentLast()
+{
+    ComponentRig<DawdlingSender> rig(kStart);
+    auto led = std::make_shared<Led>(kDevice, kSection, LedType::NextSnapsthotButton, rig.sender,
+                                     rig.pool);
+    led->setBrightness(200);
+    const QString difference = raceTwoStores(
+        300, [&](int which, int) { led->setOn(which == 0 ? 0 : 1); },
+        [&](int) {
+            const std::vector<uint8_t> expected{uint8_t(led->on() != 0 ? 200 : 0), 0};
+            const std::vector<uint8_t> sent = rig.sender->lastPayload();
+            return sent == expected ? QString()
+                                    : QStringLiteral("kept on %1, last sent level %2")
+                                          .arg(led->on())
+                                          .arg(sent.empty() ? -1 : int(sent.front()));
+        });
+    QVERIFY2(difference.isEmpty(), qPrintable(difference));
+}
+
+// Two threads change the brightness of a lit LED at once: the level it keeps is the level
+// its last frame carries.
+void TestLed::twoThreadsChangingTheBrightnessLeaveTheLastStoredLevelSentLast()
+{
+    ComponentRig<DawdlingSender> rig(kStart);
+    auto led = std::make_shared<Led>(kDevice, kSection, LedType::NextSnapsthotButton, rig.sender,
+                                     rig.pool);
+    led->setOn(1);
+    const QString difference = raceTwoStores(
+        300,
+        [&](int which, int round) {
+            led->setBrightness(uint8_t(which == 0 ? 1 + round % 100 : 128 + round % 100));
+        },
+        [&](int) {
+            const std::vector<uint8_t> expected{led->brightness(), 0};
+            const std::vector<uint8_t> sent = rig.sender->lastPayload();
+            return sent == expected ? QString()
+                                    : QStringLiteral("kept brightness %1, last sent level %2")
+                                          .arg(led->brightness())
+                                          .arg(sent.empty() ? -1 : int(sent.front()));
+        });
+    QVERIFY2(difference.isEmpty(), qPrintable(difference));
 }
 
 QTEST_GUILESS_MAIN(TestLed)

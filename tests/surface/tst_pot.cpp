@@ -9,6 +9,7 @@
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
 #include "support/recordingsender.h"
+#include "support/storeorderrace.h"
 #include "surface/deviceidtable.h"
 #include "surface/pot.h"
 #include "surface/pothandle.h"
@@ -51,6 +52,26 @@ struct Rig : ComponentRig<Sender>
 using QueueRig = Rig<SerialMessageQueue>;
 using RecordingRig = Rig<RecordingSender>;
 
+// What differs between the colour a component kept and the last colour frame it sent.
+QString colorDifference(const QColor& kept, const std::vector<uint8_t>& sent)
+{
+    const std::vector<uint8_t> expected{uint8_t(kept.red()), uint8_t(kept.green()),
+                                        uint8_t(kept.blue()), 0};
+    if (sent == expected) {
+        return QString();
+    }
+    return QStringLiteral("kept %1, last sent %2")
+        .arg(kept.name(),
+             QString::fromLatin1(
+                 QByteArray(reinterpret_cast<const char*>(sent.data()), int(sent.size())).toHex()));
+}
+
+// Two different colours per round, one for each thread.
+QColor racingColor(int which, int round)
+{
+    return QColor(round % 256, which == 0 ? 0x11 : 0xEE, 7);
+}
+
 }  // namespace
 
 class TestPot : public QObject
@@ -78,6 +99,7 @@ private slots:
     void setColorSendsToTheLightIdEveryTime();
     void resendStateZeroSendsTheColorAtOnce();
     void resendStateOtherThanZeroSendsNothing();
+    void twoThreadsSettingColoursLeaveTheLastStoredColourSentLast();
 
     // Handles
     void releasingTheHandleTurnsTheLightBlackAfter100ms();
@@ -404,6 +426,17 @@ void TestPot::destroyingThePotCutsItsHandleOffAndDropsItsTask()
     rig.tickAt(kStart + 1000 * kMs + 1);
     QCOMPARE(rig.sender->count(), std::size_t(0));
     QCOMPARE(rig.pool->taskCount(), std::size_t(0));
+}
+
+// Two threads set different colours at once: whichever colour the pot keeps is the one
+// its light's last frame carries.
+void TestPot::twoThreadsSettingColoursLeaveTheLastStoredColourSentLast()
+{
+    Rig<DawdlingSender> rig;
+    const QString difference = raceTwoStores(
+        300, [&](int which, int round) { rig.pot->setColor(racingColor(which, round)); },
+        [&](int) { return colorDifference(rig.pot->color(), rig.sender->lastPayload()); });
+    QVERIFY2(difference.isEmpty(), qPrintable(difference));
 }
 
 QTEST_GUILESS_MAIN(TestPot)

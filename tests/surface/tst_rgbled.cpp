@@ -8,6 +8,7 @@
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
 #include "support/recordingsender.h"
+#include "support/storeorderrace.h"
 #include "surface/rgbled.h"
 #include "surface/rgbledhandle.h"
 
@@ -36,6 +37,26 @@ struct RgbLedRig : ComponentRig<Sender>
 };
 using QueueRig = RgbLedRig<SerialMessageQueue>;
 using RecordingRig = RgbLedRig<RecordingSender>;
+
+// What differs between the colour a component kept and the last colour frame it sent.
+QString colorDifference(const QColor& kept, const std::vector<uint8_t>& sent)
+{
+    const std::vector<uint8_t> expected{uint8_t(kept.red()), uint8_t(kept.green()),
+                                        uint8_t(kept.blue()), 0};
+    if (sent == expected) {
+        return QString();
+    }
+    return QStringLiteral("kept %1, last sent %2")
+        .arg(kept.name(),
+             QString::fromLatin1(
+                 QByteArray(reinterpret_cast<const char*>(sent.data()), int(sent.size())).toHex()));
+}
+
+// Two different colours per round, one for each thread.
+QColor racingColor(int which, int round)
+{
+    return QColor(round % 256, which == 0 ? 0x11 : 0xEE, 7);
+}
 
 }  // namespace
 
@@ -66,6 +87,8 @@ private slots:
     void handleStandsForItsSectionAndDevice();
     void handleIsDeletedLaterWhenItsLastOwnerGoes();
     void destroyingTheLedCutsItsHandleOff();
+
+    void twoThreadsSettingColoursLeaveTheLastStoredColourSentLast();
 };
 
 void TestRgbLed::reportsItsIdentity()
@@ -286,6 +309,19 @@ void TestRgbLed::destroyingTheLedCutsItsHandleOff()
     handle->setColor(QColor(Qt::red));
     handle->detach();
     QCOMPARE(sender->count(), std::size_t(0));
+}
+
+// Two threads set different colours at once: whichever colour the LED keeps is the one
+// its last frame carries. Sent in the opposite order, the equality check would then keep
+// the other colour on the hardware until the colour changes.
+void TestRgbLed::twoThreadsSettingColoursLeaveTheLastStoredColourSentLast()
+{
+    ComponentRig<DawdlingSender> rig(kStart);
+    RgbLed rgbLed{kDevice, kSection, RgbLedType::SnapshotLogo, rig.sender};
+    const QString difference = raceTwoStores(
+        300, [&](int which, int round) { rgbLed.setColor(racingColor(which, round)); },
+        [&](int) { return colorDifference(rgbLed.color(), rig.sender->lastPayload()); });
+    QVERIFY2(difference.isEmpty(), qPrintable(difference));
 }
 
 QTEST_GUILESS_MAIN(TestRgbLed)

@@ -14,6 +14,7 @@
 #include "support/queuedrain.h"
 #include "support/recordingsender.h"
 #include "support/signallog.h"
+#include "support/storeorderrace.h"
 #include "surface/deviceidtable.h"
 #include "surface/iglobalrotarybindingtarget.h"
 #include "surface/rotary.h"
@@ -83,6 +84,26 @@ struct Rig : ComponentRig<Sender>
 using QueueRig = Rig<SerialMessageQueue>;
 using RecordingRig = Rig<RecordingSender>;
 
+// What differs between the colour a component kept and the last colour frame it sent.
+QString colorDifference(const QColor& kept, const std::vector<uint8_t>& sent)
+{
+    const std::vector<uint8_t> expected{uint8_t(kept.red()), uint8_t(kept.green()),
+                                        uint8_t(kept.blue()), 0};
+    if (sent == expected) {
+        return QString();
+    }
+    return QStringLiteral("kept %1, last sent %2")
+        .arg(kept.name(),
+             QString::fromLatin1(
+                 QByteArray(reinterpret_cast<const char*>(sent.data()), int(sent.size())).toHex()));
+}
+
+// Two different colours per round, one for each thread.
+QColor racingColor(int which, int round)
+{
+    return QColor(round % 256, which == 0 ? 0x11 : 0xEE, 7);
+}
+
 // The three handle signals, in the order they came.
 struct HandleSignals : SignalLog
 {
@@ -127,6 +148,7 @@ private slots:
 
     // Colour and flashing
     void setColorSendsToTheLightIdEveryTime();
+    void twoThreadsSettingColoursLeaveTheLastStoredColourSentLast();
     void flashWithInterval400AlternatesBlackAndTheColorEvery200ms();
     void aBlackRotarySendsNothingWhileFlashing();
     void aColorSetWhileFlashingIsUsedFromTheNextStep();
@@ -772,6 +794,17 @@ void TestRotary::handleCallsFromAnotherThreadWhileStepsRunDoNotDeadlock()
     }
     const bool flashing = rig.rotary->flashEnabled() && rig.rotary->flashInterval() >= 1;
     QCOMPARE(rig.pool->taskCount(), std::size_t(flashing ? 1 : 0));
+}
+
+// Two threads set different colours at once: whichever colour the rotary keeps is the one
+// its light's last frame carries.
+void TestRotary::twoThreadsSettingColoursLeaveTheLastStoredColourSentLast()
+{
+    Rig<DawdlingSender> rig;
+    const QString difference = raceTwoStores(
+        300, [&](int which, int round) { rig.rotary->setColor(racingColor(which, round)); },
+        [&](int) { return colorDifference(rig.rotary->color(), rig.sender->lastPayload()); });
+    QVERIFY2(difference.isEmpty(), qPrintable(difference));
 }
 
 QTEST_GUILESS_MAIN(TestRotary)

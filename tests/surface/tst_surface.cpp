@@ -1,6 +1,7 @@
 #include <QSignalSpy>
 #include <QtTest>
 #include <climits>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -291,6 +292,46 @@ QString where(int type, int section, int index)
     return QStringLiteral("type %1 section %2 index %3").arg(type).arg(section).arg(index);
 }
 
+// Where a section writes its link state and update flag: keeps the latest of each, and
+// runs a hook after each update flag (standing for a QML handler on updatingChanged).
+class LinkInfo : public ISectionInfo
+{
+public:
+    void updateInfo(uint8_t, uint8_t) override {}
+    void setUpdating(bool value) override
+    {
+        updating = value;
+        if (onUpdating) {
+            onUpdating(value);
+        }
+    }
+    void setUpdateProgress(uint8_t) override {}
+    void setLinkState(uint8_t state) override { linkState = state; }
+
+    int linkState = -1;
+    bool updating = false;
+    std::function<void(bool)> onUpdating;
+};
+
+// One real section on one fake link, the section writing into `info`.
+struct OneSectionSurface
+{
+    LinkInfo info;
+    std::shared_ptr<FakeSectionConnection> connection = std::make_shared<FakeSectionConnection>(0);
+    std::unique_ptr<Surface> surface;
+
+    OneSectionSurface()
+    {
+        std::vector<std::shared_ptr<ISection>> sections{std::make_shared<Section>(
+            0, &info, nullptr, std::vector<std::shared_ptr<IFader>>{},
+            std::vector<std::shared_ptr<IButton>>{}, std::vector<std::shared_ptr<IRotary>>{},
+            std::vector<std::shared_ptr<ILed>>{}, std::vector<std::shared_ptr<IRgbLed>>{},
+            std::vector<std::shared_ptr<IMeter>>{})};
+        surface = std::make_unique<Surface>(
+            std::move(sections), std::vector<std::shared_ptr<ISectionConnection>>{connection});
+    }
+};
+
 }  // namespace
 
 class TestSurface : public QObject
@@ -310,6 +351,9 @@ private slots:
     void anyStateChangeOfAnyConnectionEmitsIsCalibratingChanged_data();
     void anyStateChangeOfAnyConnectionEmitsIsCalibratingChanged();
     void updatingStateMarksOnlyThatSectionUpdating();
+    void isCalibratingChangedHandlersReadTheStateTheyAreToldOf();
+    void aStateChangedAgainFromAnIsCalibratingChangedHandlerIsTheOneThatStays();
+    void aStateChangedAgainFromAnUpdatingHandlerIsTheOneThatStays();
     void stateOfAnUnknownSectionOnlyEmits();
     void updateProgressPassesThroughToTheSection();
     void sentMessageCountChangesNothing();
@@ -532,6 +576,63 @@ void TestSurface::updatingStateMarksOnlyThatSectionUpdating()
                                           "setUpdating false", "setUpdating false"}));
     QVERIFY(infos[0].calls.isEmpty());
     QVERIFY(infos[2].calls.isEmpty());
+}
+
+// A handler of isCalibratingChanged reads the section's link state and update flag as the
+// change it is told of left them.
+void TestSurface::isCalibratingChangedHandlersReadTheStateTheyAreToldOf()
+{
+    OneSectionSurface one;
+    QList<int> statesRead;
+    QList<bool> updatingRead;
+    connect(one.surface.get(), &ISurface::isCalibratingChanged, this, [&] {
+        statesRead << one.info.linkState;
+        updatingRead << one.info.updating;
+    });
+    one.connection->reportState(ISectionConnection::Connecting);
+    one.connection->reportState(ISectionConnection::Updating);
+    one.connection->reportState(ISectionConnection::Connected);
+    one.connection->reportState(ISectionConnection::Calibrating);
+    QCOMPARE(statesRead,
+             (QList<int>{ISectionConnection::Connecting, ISectionConnection::Updating,
+                         ISectionConnection::Connected, ISectionConnection::Calibrating}));
+    QCOMPARE(updatingRead, (QList<bool>{false, true, false, false}));
+}
+
+// The handler calibrates: the link tells of Calibrating from inside the handler of the
+// Connected report. Calibrating is the state the section shows afterwards.
+void TestSurface::aStateChangedAgainFromAnIsCalibratingChangedHandlerIsTheOneThatStays()
+{
+    OneSectionSurface one;
+    bool calibrated = false;
+    connect(one.surface.get(), &ISurface::isCalibratingChanged, this, [&] {
+        if (!calibrated && one.connection->state() == ISectionConnection::Connected) {
+            calibrated = true;
+            one.connection->reportState(ISectionConnection::Calibrating);
+        }
+    });
+    QSignalSpy changed(one.surface.get(), &ISurface::isCalibratingChanged);
+    one.connection->reportState(ISectionConnection::Connected);
+    QVERIFY(calibrated);
+    QVERIFY(one.surface->isCalibrating());
+    QCOMPARE(one.info.linkState, int(ISectionConnection::Calibrating));
+    QCOMPARE(one.info.updating, false);
+    QCOMPARE(changed.count(), 2);
+}
+
+// A handler of the section's updatingChanged ends the update from the link's point of view
+// (the link tells of Connected from inside it): the section shows Connected, not updating.
+void TestSurface::aStateChangedAgainFromAnUpdatingHandlerIsTheOneThatStays()
+{
+    OneSectionSurface one;
+    one.info.onUpdating = [&](bool updating) {
+        if (updating) {
+            one.connection->reportState(ISectionConnection::Connected);
+        }
+    };
+    one.connection->reportState(ISectionConnection::Updating);
+    QCOMPARE(one.info.linkState, int(ISectionConnection::Connected));
+    QCOMPARE(one.info.updating, false);
 }
 
 void TestSurface::stateOfAnUnknownSectionOnlyEmits()

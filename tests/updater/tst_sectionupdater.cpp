@@ -84,6 +84,8 @@ private slots:
     void completeExchangeForA256KiBImage();
     void sixteenMiBImageIsSentCompletelyWithMonotonicProgress();
     void resetAckSchedulesAutoBaudAtTheFirstTickAfter1000Ms();
+    void startDuringTheWaitAfterTheResetCancelsTheWaitingAutoBaud();
+    void probingIsAnUnansweredAutoBaudOnly();
     void autoBaudAcknowledgedAgainUpdatesAgain();
     void notBootLoaderEndsInIdleWithInfoLine();
     void notBootLoaderLeavesLaterBytesInTheBuffer();
@@ -536,6 +538,60 @@ void tst_SectionUpdater::resetAckSchedulesAutoBaudAtTheFirstTickAfter1000Ms()
     tickAt(resetAckedAt + 2001 * kMs);
     tickAt(resetAckedAt + 5000 * kMs);
     QCOMPARE(m_listener->events, QStringList({sendHex("5555")}));
+}
+
+// A new exchange started while the updater waits its second after a reset (the link
+// restarting it) begins with its own AutoBaud; the waiting step is dropped, so no second
+// AutoBaud follows a second later.
+void tst_SectionUpdater::startDuringTheWaitAfterTheResetCancelsTheWaitingAutoBaud()
+{
+    writeFirmware(imageOfSize(10));
+    startAndAcknowledgeAutoBaud();
+    answerUntilReset();
+    const qint64 resetAckedAt = m_clock->nowNs();
+    ack();
+    QVERIFY(m_updater->hasPendingAutoUpdate());
+    m_listener->clear();
+
+    tickAt(resetAckedAt + 300 * kMs);
+    m_updater->start(m_listener.get());
+    QVERIFY(!m_updater->hasPendingAutoUpdate());
+    QCOMPARE(m_listener->events, QStringList({sendHex("5555")}));
+    feed(kNotBootLoader);
+    QVERIFY(!m_updater->isActive());
+
+    tickAt(resetAckedAt + 1000 * kMs + 1);
+    tickAt(resetAckedAt + 5000 * kMs);
+    QCOMPARE(m_listener->events, QStringList({sendHex("5555"), "state"}));
+    QVERIFY(!m_updater->isActive());
+}
+
+// Probing is the unanswered start-up AutoBaud (also one sent again after a NAK, and the
+// one a second after a reset); not the exchange with a bootloader that answered, nor the
+// wait after the reset.
+void tst_SectionUpdater::probingIsAnUnansweredAutoBaudOnly()
+{
+    writeFirmware(imageOfSize(10));
+    QVERIFY(!m_updater->isProbing());
+    m_updater->start(m_listener.get());
+    QVERIFY(m_updater->isProbing());
+    feed(kNak);
+    QVERIFY(m_updater->isProbing());
+    ack();  // AutoBaud -> Ping
+    QVERIFY(m_updater->isActive());
+    QVERIFY(!m_updater->isProbing());
+    answerUntilReset();
+    QVERIFY(m_updater->isActive());
+    QVERIFY(!m_updater->isProbing());
+    const qint64 resetAckedAt = m_clock->nowNs();
+    ack();
+    QVERIFY(m_updater->isActive());
+    QVERIFY(!m_updater->isProbing());
+    tickAt(resetAckedAt + 1000 * kMs + 1);
+    QVERIFY(m_updater->isProbing());
+    feed(kNotBootLoader);
+    QVERIFY(!m_updater->isActive());
+    QVERIFY(!m_updater->isProbing());
 }
 
 void tst_SectionUpdater::autoBaudAcknowledgedAgainUpdatesAgain()
