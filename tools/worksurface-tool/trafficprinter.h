@@ -8,10 +8,12 @@
 #include <cstdint>
 
 #include "framedecoder.h"
-#include "messagecatalog.h"
+#include "surface/messagecatalog.h"
 #include "toolcommandline.h"
 
+namespace Velmora::Worksurface {
 class JsonLine;
+}
 class ToolOutput;
 
 // Prints what went over a section's line, one line per frame or noise run, as text or
@@ -31,7 +33,7 @@ public:
     TrafficPrinter(ToolOutput& output, Position position, bool raw);
 
     // Which controls a section has, for naming them (default: every control).
-    void setScope(uint8_t section, const MessageCatalog::Scope& scope);
+    void setScope(uint8_t section, const Velmora::Worksurface::MessageCatalog::Scope& scope);
     // Only these types, device ids (empty: all) and direction ("in", "out", empty: both).
     // Noise has no type or device: it is left out once types or devices are asked for.
     void setFilter(const QSet<int>& types, const QSet<int>& devices, const QString& dir);
@@ -46,18 +48,18 @@ public:
     // output ({"t":…,"section":0,"event":"link","state":"connected"}). `fields` adds keys
     // after "event"; `text` is what follows the section in text.
     void event(qint64 at, uint8_t section, const QString& text, const char* name,
-               const JsonLine& fields);
+               const Velmora::Worksurface::JsonLine& fields);
 
 private:
     bool passes(bool incoming, const FrameDecoder::Event& event) const;
     // The time column in text and the time keys in JSON.
     QString timeText(qint64 at);
-    void addTime(JsonLine& line, qint64 at);
+    void addTime(Velmora::Worksurface::JsonLine& line, qint64 at);
 
     ToolOutput& m_output;
     Position m_position;
     bool m_raw;
-    QMap<uint8_t, MessageCatalog::Scope> m_scopes;
+    QMap<uint8_t, Velmora::Worksurface::MessageCatalog::Scope> m_scopes;
     QSet<int> m_types;
     QSet<int> m_devices;
     QString m_dir;
