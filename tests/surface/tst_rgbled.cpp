@@ -38,26 +38,6 @@ struct RgbLedRig : ComponentRig<Sender>
 using QueueRig = RgbLedRig<SerialMessageQueue>;
 using RecordingRig = RgbLedRig<RecordingSender>;
 
-// What differs between the colour a component kept and the last colour frame it sent.
-QString colorDifference(const QColor& kept, const std::vector<uint8_t>& sent)
-{
-    const std::vector<uint8_t> expected{uint8_t(kept.red()), uint8_t(kept.green()),
-                                        uint8_t(kept.blue()), 0};
-    if (sent == expected) {
-        return QString();
-    }
-    return QStringLiteral("kept %1, last sent %2")
-        .arg(kept.name(),
-             QString::fromLatin1(
-                 QByteArray(reinterpret_cast<const char*>(sent.data()), int(sent.size())).toHex()));
-}
-
-// Two different colours per round, one for each thread.
-QColor racingColor(int which, int round)
-{
-    return QColor(round % 256, which == 0 ? 0x11 : 0xEE, 7);
-}
-
 }  // namespace
 
 class TestRgbLed : public QObject
