@@ -528,8 +528,11 @@ TestCase {
         for (i = 0; i < faders.length; ++i)
             tryCompare(faders[i], "value", 0, timeout)
 
-        // A flashing light on every section is the clock: it toggles every 100 ms, on the
-        // same task pool, and its frames leave on the same links as a parking would.
+        // A flashing light on every section is the clock: it toggles every 200 ms, on the
+        // same task pool, and its frames leave on the same links as a parking would. A flash
+        // step's level waits 100 ms in the link's queue and a newer step replaces a level
+        // still waiting there, so the half interval is kept well above 100 ms: at 100 ms most
+        // levels would be replaced before the link's 50 ms pass took them out.
         var lights = []
         for (s = 0; s < data.sections; ++s) {
             var button = attached("ButtonControl",
@@ -545,11 +548,11 @@ TestCase {
         for (i = 0; i < faders.length; ++i)
             faders[i].moveByHand(300)
         for (i = 0; i < lights.length; ++i) {
-            lights[i].led.flash.interval = 200
+            lights[i].led.flash.interval = 400
             lights[i].led.flash.enabled = true
         }
         // Parking would be decided 150 ms after the move, on the next 50 ms pass. The fifth
-        // toggle of a light is decided 500 ms or more after the moves, so a parking
+        // toggle of a light is decided 1,000 ms or more after the moves, so a parking
         // frame would have reached that section's faders before the fifth toggle.
         for (i = 0; i < lights.length; ++i) {
             tryVerify(function () { return lights[i].changes.count >= 5 }, timeout,
