@@ -85,3 +85,21 @@ function(tarvix_add_test folder name)
         ENVIRONMENT "QT_QPA_PLATFORM=offscreen;QML2_IMPORT_PATH=${TARVIX_QML_ROOT}"
         LABELS "${folder}" TIMEOUT 300)
 endfunction()
+
+# The same binaries run again with the links on the surface thread
+# (TARVIX_WORKSURFACE_LINK_THREAD=1, as a console would set it): everything QML sees must be
+# the same wherever the links run. Label "linkthread"; each keeps its first run's
+# environment and time-out. Under user-mode emulation, where the QML suite alone
+# takes most of the arm64 run, the second runs are left out by the "not-emulated" label.
+function(tarvix_add_link_thread_run test)
+    add_test(NAME linkthread/${test} COMMAND ${ARGN})
+    get_test_property(${test} ENVIRONMENT environment)
+    get_test_property(${test} TIMEOUT timeout)
+    set(labels linkthread)
+    if(CMAKE_CROSSCOMPILING)
+        list(APPEND labels not-emulated)
+    endif()
+    set_tests_properties(linkthread/${test} PROPERTIES
+        ENVIRONMENT "${environment};TARVIX_WORKSURFACE_LINK_THREAD=1"
+        LABELS "${labels}" TIMEOUT ${timeout})
+endfunction()

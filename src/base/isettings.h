@@ -56,6 +56,10 @@ public:
     // Read when the surface is built.
     virtual QString traceDirectory() const = 0;
     virtual void setTraceDirectory(const QString& directory) = 0;
+    // Whether the sections' links run on the surface thread instead of the QML thread.
+    // Read when the surface is built.
+    virtual bool linkThread() const { return false; }
+    virtual void setLinkThread(bool /*enabled*/) {}
 };
 
 }  // namespace Velmora::Worksurface

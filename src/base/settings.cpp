@@ -166,4 +166,14 @@ void Settings::setTraceDirectory(const QString& directory)
     m_traceDirectory = directory;
 }
 
+bool Settings::linkThread() const
+{
+    return m_linkThread.load();
+}
+
+void Settings::setLinkThread(bool enabled)
+{
+    m_linkThread.store(enabled);
+}
+
 }  // namespace Velmora::Worksurface

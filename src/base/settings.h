@@ -37,6 +37,8 @@ public:
     void setTraceCapacity(int capacity) override;
     QString traceDirectory() const override;
     void setTraceDirectory(const QString& directory) override;
+    bool linkThread() const override;
+    void setLinkThread(bool enabled) override;
 
 private:
     // A surface started before QML chooses a model has no sections: hardware, no model,
@@ -50,6 +52,8 @@ private:
     std::atomic<int> m_traceCapacity{4096};
     mutable std::mutex m_traceMutex;
     QString m_traceDirectory;
+    // Written from QML, read when the surface is built.
+    std::atomic<bool> m_linkThread{false};
 };
 
 }  // namespace Velmora::Worksurface

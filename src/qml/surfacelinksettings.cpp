@@ -56,3 +56,17 @@ void SurfaceLinkSettings::setTraceDirectory(const QString& directory)
     m_linkSettings->setTraceDirectory(directory);
     emit traceDirectoryChanged();
 }
+
+bool SurfaceLinkSettings::linkThread() const
+{
+    return m_linkSettings && m_linkSettings->linkThread();
+}
+
+void SurfaceLinkSettings::setLinkThread(bool enabled)
+{
+    if (!m_linkSettings || m_linkSettings->linkThread() == enabled) {
+        return;
+    }
+    m_linkSettings->setLinkThread(enabled);
+    emit linkThreadChanged();
+}

@@ -24,6 +24,7 @@ class SurfaceLinkSettings : public QObject
         int traceCapacity READ traceCapacity WRITE setTraceCapacity NOTIFY traceCapacityChanged)
     Q_PROPERTY(QString traceDirectory READ traceDirectory WRITE setTraceDirectory NOTIFY
                    traceDirectoryChanged)
+    Q_PROPERTY(bool linkThread READ linkThread WRITE setLinkThread NOTIFY linkThreadChanged)
 
 public:
     explicit SurfaceLinkSettings(std::shared_ptr<Velmora::Worksurface::ISettings> settings,
@@ -41,11 +42,17 @@ public:
     // (the default): none is saved. TARVIX_WORKSURFACE_TRACE_DIR, when set, takes its place.
     QString traceDirectory() const;
     void setTraceDirectory(const QString& directory);
+    // Whether the sections' links run on the surface thread, "WorksurfaceThread", instead of
+    // the QML thread, read at connect(); false by default. TARVIX_WORKSURFACE_LINK_THREAD=1
+    // turns it on as well (docs/threads.md).
+    bool linkThread() const;
+    void setLinkThread(bool enabled);
 
 signals:
     void reconnectIntervalChanged();
     void traceCapacityChanged();
     void traceDirectoryChanged();
+    void linkThreadChanged();
 
 private:
     std::shared_ptr<Velmora::Worksurface::ISettings> m_linkSettings;

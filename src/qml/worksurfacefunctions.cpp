@@ -7,6 +7,9 @@
 #include "base/logger.h"
 #include "base/settings.h"
 #include "serial/isectionconnection.h"
+#include "serial/linkthreadconnection.h"
+#include "serial/linkthreadcontroller.h"
+#include "serial/sectionconnection.h"
 #include "serial/serialconnectionfactory.h"
 #include "software/qmlcontrollerconnection.h"
 #include "surface/componentfactory.h"
@@ -16,6 +19,7 @@
 #include "surface/surface.h"
 #include "surface/surfacebuilder.h"
 #include "surface/tracefile.h"
+#include "tasks/runon.h"
 #include "tasks/taskpool.h"
 
 using namespace Velmora::Worksurface;
@@ -48,6 +52,7 @@ WorksurfaceFunctions::WorksurfaceFunctions()
                      &WorksurfaceFunctions::setFaderRestMode);
 
     m_thread.setObjectName(QStringLiteral("WorksurfaceThread"));
+    m_linkContext.moveToThread(&m_thread);
     // Emitted on the surface thread, both arrive queued and run here, on the QML thread
     // (docs/architecture.md, Threads).
     QObject::connect(&m_thread, &QThread::started, this,
@@ -59,6 +64,9 @@ WorksurfaceFunctions::WorksurfaceFunctions()
 WorksurfaceFunctions::~WorksurfaceFunctions()
 {
     stopSurfaceThread();
+    if (m_linkController) {
+        m_linkController->detach();
+    }
     // The software controls may outlive this object and keep the controller connection;
     // what they report from now on must not reach the links of the surface that goes with
     // this object (the queued thread-finished slot that would have closed them is dropped).
@@ -147,7 +155,9 @@ void WorksurfaceFunctions::stopSurfaceThread()
     if (!m_thread.isRunning()) {
         return;
     }
-    m_thread.quit();
+    if (!tearDownLinksOnSurfaceThread()) {
+        m_thread.quit();
+    }
     if (m_thread.wait(kThreadStopTimeoutMs)) {
         return;
     }
@@ -157,6 +167,49 @@ void WorksurfaceFunctions::stopSurfaceThread()
     m_thread.wait();
     m_logger->warning(
         QStringLiteral("WS thread did not shut down in timely manner and was terminated..."));
+}
+
+bool WorksurfaceFunctions::tearDownLinksOnSurfaceThread()
+{
+    if (!m_linkPool) {
+        return false;
+    }
+    std::vector<std::shared_ptr<SectionConnection>> links;
+    if (ISurface* current = m_connection->surface()) {
+        for (const auto& link : current->sectionLinks()) {
+            if (auto* onThread = dynamic_cast<LinkThreadConnection*>(link.get())) {
+                if (auto taken = onThread->takeLink()) {
+                    links.push_back(std::move(taken));
+                }
+            }
+        }
+    }
+    // Closed and released where they run, with the pool last (they hold it), and the thread
+    // ends once that is done; the wait below still bounds it all.
+    runOn(&m_linkContext, [links = std::move(links), pool = std::move(m_linkPool)]() mutable {
+        for (const auto& link : links) {
+            link->close();
+        }
+        links.clear();
+        pool->stop();
+        pool.reset();
+        QThread::currentThread()->quit();
+    });
+    return true;
+}
+
+void WorksurfaceFunctions::prepareLinkThread()
+{
+    // The pool is made on the surface thread, so that its timer runs there.
+    runOn(
+        &m_linkContext,
+        [this]() {
+            m_linkPool = std::make_shared<TaskPool>();
+            m_linkPool->start();
+        },
+        true);
+    m_linkController =
+        std::make_shared<LinkThreadController>(m_controllerConnection, this, &m_linkContext);
 }
 
 void WorksurfaceFunctions::onStartSurfaceThread()
@@ -170,9 +223,31 @@ void WorksurfaceFunctions::onStartSurfaceThread()
     m_taskPool = std::make_shared<TaskPool>();
     m_taskPool->start();
 
-    auto serialFactory =
-        std::make_unique<SerialConnectionFactory>(m_settings, m_controllerConnection);
-    ConnectionFactory connectionFactory(std::move(serialFactory), m_taskPool, m_logger);
+    if (m_linkController) {
+        m_linkController->detach();
+        m_linkController.reset();
+    }
+    if (m_linkPool) {
+        // A surface built twice on one run of the thread (connect() called again before the
+        // first build): the previous pool goes on its own thread, after the links that hold it.
+        runOn(&m_linkContext, [pool = std::move(m_linkPool)]() mutable {
+            pool->stop();
+            pool.reset();
+        });
+    }
+    m_linksOnThread =
+        m_settings->linkThread() || qgetenv(kLinkThreadVariable) == QByteArrayLiteral("1");
+    if (m_linksOnThread) {
+        prepareLinkThread();
+    }
+    std::shared_ptr<ISoftwareControllerConnection> controller = m_controllerConnection;
+    if (m_linkController) {
+        controller = m_linkController;
+    }
+    auto serialFactory = std::make_unique<SerialConnectionFactory>(m_settings, controller);
+    ConnectionFactory connectionFactory(
+        std::move(serialFactory), m_linksOnThread ? m_linkPool : m_taskPool, m_logger,
+        m_linksOnThread ? this : nullptr, m_linksOnThread ? &m_linkContext : nullptr);
     auto componentFactory = std::make_unique<ComponentFactory>(m_taskPool);
     SectionFactory sectionFactory(this, std::move(componentFactory));
 

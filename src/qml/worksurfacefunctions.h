@@ -19,6 +19,7 @@ class QQmlEngine;
 
 namespace Velmora::Worksurface {
 class ISettings;
+class LinkThreadController;
 class Logger;
 class QmlControllerConnection;
 class TaskPool;
@@ -46,6 +47,9 @@ class WorksurfaceFunctions : public SurfaceTraceSaver,
 
 public:
     static constexpr int kThreadStopTimeoutMs = 200;
+    // Set to "1", puts the links on the surface thread like settings.linkThread; read at
+    // connect().
+    static constexpr const char* kLinkThreadVariable = "TARVIX_WORKSURFACE_LINK_THREAD";
 
     WorksurfaceFunctions();
     ~WorksurfaceFunctions() override;
@@ -80,6 +84,10 @@ public:
     // For diagnostics and tests; not part of the QML interface.
     const QThread& surfaceThread() const { return m_thread; }
     std::shared_ptr<Velmora::Worksurface::TaskPool> taskPool() const { return m_taskPool; }
+    // The links' own pool, on the surface thread; null while the links run on this thread.
+    std::shared_ptr<Velmora::Worksurface::TaskPool> linkTaskPool() const { return m_linkPool; }
+    // Whether the surface built last runs its links on the surface thread.
+    bool linksOnSurfaceThread() const { return m_linksOnThread; }
     std::shared_ptr<Velmora::Worksurface::QmlControllerConnection> controllerConnection() const
     {
         return m_controllerConnection;
@@ -104,10 +112,21 @@ protected:
 
 private:
     void stopSurfaceThread();
+    // With the links on the surface thread: closes and releases them there, with their pool,
+    // and ends the thread from there. Returns false when there is nothing of the kind.
+    bool tearDownLinksOnSurfaceThread();
+    // Builds the links' pool on the surface thread, and the software controller's stand-in
+    // for the links there, for a surface about to be built with its links on that thread.
+    void prepareLinkThread();
     // Every section model back to "no link yet", before a new surface is built.
     void resetSectionLinks();
 
     QThread m_thread;
+    // Lives on the surface thread: what the links' work is posted to.
+    QObject m_linkContext;
+    std::shared_ptr<Velmora::Worksurface::TaskPool> m_linkPool;
+    std::shared_ptr<Velmora::Worksurface::LinkThreadController> m_linkController;
+    bool m_linksOnThread = false;
     std::shared_ptr<Velmora::Worksurface::ISettings> m_settings;
     std::shared_ptr<Velmora::Worksurface::TaskPool> m_taskPool;
     std::shared_ptr<Velmora::Worksurface::QmlControllerConnection> m_controllerConnection;

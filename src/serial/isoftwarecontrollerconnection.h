@@ -63,6 +63,19 @@ public:
         (void)packet;
         return false;
     }
+    // A firmware-update packet the plugin wrote to the section's line: a section that takes
+    // it answers it itself (takeBootloaderPacket); one running its application only tells
+    // the updater that it is not in its bootloader, which ends the start-up exchange, and
+    // drops the rest.
+    virtual void bootloaderPacketFromPlugin(uint8_t sectionIndex, const BootloaderPacket& packet)
+    {
+        if (takeBootloaderPacket(sectionIndex, packet)) {
+            return;
+        }
+        if (packet.command == BootloaderCommand::AutoBaud) {
+            sendBootloaderReply(sectionIndex, BootloaderPacket(BootloaderCommand::NotBootLoader));
+        }
+    }
 };
 
 }  // namespace Velmora::Worksurface

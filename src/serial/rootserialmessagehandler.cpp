@@ -14,6 +14,12 @@ bool RootSerialMessageHandler::handleMessage(const SerialMessage& message)
     return false;
 }
 
+bool RootSerialMessageHandler::takesMessage(const SerialMessage& message) const
+{
+    return std::any_of(m_handlers.begin(), m_handlers.end(),
+                       [&message](const auto& handler) { return handler->takesMessage(message); });
+}
+
 void RootSerialMessageHandler::setLinkReady(bool ready)
 {
     for (const auto& handler : m_handlers) {

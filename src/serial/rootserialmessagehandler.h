@@ -23,6 +23,8 @@ public:
 
     // True at the first handler that takes the message; later handlers never see it.
     bool handleMessage(const SerialMessage& message) override;
+    // Whether any handler would take it.
+    bool takesMessage(const SerialMessage& message) const override;
     // Tells every handler, in registration order.
     void setLinkReady(bool ready) override;
 

@@ -141,16 +141,7 @@ void SoftwareSerialConnection::writeRaw(const BootloaderPacket& packet)
     if (m_down || !m_controller) {
         return;
     }
-    // A section in its bootloader answers the packet itself.
-    if (m_controller->takeBootloaderPacket(m_sectionIndex, packet)) {
-        return;
-    }
-    // A section running its application only tells the updater that it is not in its
-    // bootloader, which ends the start-up exchange.
-    if (packet.command == BootloaderCommand::AutoBaud) {
-        m_controller->sendBootloaderReply(m_sectionIndex,
-                                          BootloaderPacket(BootloaderCommand::NotBootLoader));
-    }
+    m_controller->bootloaderPacketFromPlugin(m_sectionIndex, packet);
 }
 
 void SoftwareSerialConnection::sendMessage(const SerialMessage& message)

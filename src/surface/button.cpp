@@ -24,9 +24,14 @@ Button::~Button()
     }
 }
 
+bool Button::takesMessage(const SerialMessage& message) const
+{
+    return message.type == MessageType::ButtonState && message.deviceId == m_deviceId;
+}
+
 bool Button::handleMessage(const SerialMessage& message)
 {
-    if (message.type != MessageType::ButtonState || message.deviceId != m_deviceId) {
+    if (!takesMessage(message)) {
         return false;
     }
     const bool wasPressed = m_pressed.load();

@@ -24,6 +24,7 @@ public:
     // Type 20 for this device id: a nonzero first byte is pressed. The section may repeat a
     // state; only a change reaches the handle, but the message is taken either way.
     bool handleMessage(const SerialMessage& message) override;
+    bool takesMessage(const SerialMessage& message) const override;
     // A switch has no state to send to the section.
     void setLinkReady(bool ready) override;
 

@@ -5,6 +5,7 @@
 #include "base/logger.h"
 #include "serial/iserialconnection.h"
 #include "serial/iserialconnectionfactory.h"
+#include "serial/linkthreadconnection.h"
 #include "serial/sectionconnection.h"
 #include "surface/tracefile.h"
 #include "updater/sectionupdater.h"
@@ -13,15 +14,32 @@ namespace Velmora::Worksurface {
 
 ConnectionFactory::ConnectionFactory(std::unique_ptr<ISerialConnectionFactory> serialFactory,
                                      std::shared_ptr<ITaskPool> taskPool,
-                                     std::shared_ptr<Logger> logger)
+                                     std::shared_ptr<Logger> logger, QObject* qmlContext,
+                                     QObject* linkContext)
     : m_serialFactory(std::move(serialFactory)),
       m_taskPool(std::move(taskPool)),
-      m_logger(std::move(logger))
+      m_logger(std::move(logger)),
+      m_qmlContext(qmlContext),
+      m_linkContext(linkContext)
 {}
 
 ConnectionFactory::~ConnectionFactory() = default;
 
 std::shared_ptr<ISectionConnection> ConnectionFactory::createConnection(
+    uint8_t sectionIndex, const std::shared_ptr<ISerialMessageHandler>& rootHandler,
+    const std::shared_ptr<ISerialMessageQueue>& queue, const std::shared_ptr<ISettings>& settings)
+{
+    if (m_qmlContext == nullptr || m_linkContext == nullptr) {
+        return createLink(sectionIndex, rootHandler, queue, settings);
+    }
+    return LinkThreadConnection::create(
+        sectionIndex, rootHandler, m_qmlContext, m_linkContext,
+        [&](const std::shared_ptr<ISerialMessageHandler>& handlerOnLinkThread) {
+            return createLink(sectionIndex, handlerOnLinkThread, queue, settings);
+        });
+}
+
+std::shared_ptr<SectionConnection> ConnectionFactory::createLink(
     uint8_t sectionIndex, const std::shared_ptr<ISerialMessageHandler>& rootHandler,
     const std::shared_ptr<ISerialMessageQueue>& queue, const std::shared_ptr<ISettings>& settings)
 {

@@ -4,19 +4,28 @@
 
 #include "surface/iconnectionfactory.h"
 
+class QObject;
+
 namespace Velmora::Worksurface {
 
 class ISerialConnectionFactory;
 class ITaskPool;
 class Logger;
 
+class SectionConnection;
+
 // Wires one section's link: the serial connection of the configured kind, the firmware
 // updater, and the supervising section connection that receives the line's bytes.
+//
+// Given the two threads' contexts, it makes each link on the links' own thread instead and
+// hands out its QML-thread face (LinkThreadConnection); the task pool is then the links'
+// pool, running on that thread.
 class ConnectionFactory : public IConnectionFactory
 {
 public:
     ConnectionFactory(std::unique_ptr<ISerialConnectionFactory> serialFactory,
-                      std::shared_ptr<ITaskPool> taskPool, std::shared_ptr<Logger> logger);
+                      std::shared_ptr<ITaskPool> taskPool, std::shared_ptr<Logger> logger,
+                      QObject* qmlContext = nullptr, QObject* linkContext = nullptr);
     ~ConnectionFactory() override;
 
     std::shared_ptr<ISectionConnection> createConnection(
@@ -25,9 +34,16 @@ public:
         const std::shared_ptr<ISettings>& settings) override;
 
 private:
+    std::shared_ptr<SectionConnection> createLink(
+        uint8_t sectionIndex, const std::shared_ptr<ISerialMessageHandler>& rootHandler,
+        const std::shared_ptr<ISerialMessageQueue>& queue,
+        const std::shared_ptr<ISettings>& settings);
+
     std::unique_ptr<ISerialConnectionFactory> m_serialFactory;
     std::shared_ptr<ITaskPool> m_taskPool;
     std::shared_ptr<Logger> m_logger;
+    QObject* const m_qmlContext;
+    QObject* const m_linkContext;
 };
 
 }  // namespace Velmora::Worksurface

@@ -54,22 +54,24 @@ Fader::~Fader()
     }
 }
 
+bool Fader::takesMessage(const SerialMessage& message) const
+{
+    return message.deviceId == m_deviceId &&
+           (message.type == MessageType::FaderPosition || message.type == MessageType::FaderTouch);
+}
+
 bool Fader::handleMessage(const SerialMessage& message)
 {
     TARVIX_ASSERT_FADER_THREAD();
-    if (message.deviceId != m_deviceId) {
+    if (!takesMessage(message)) {
         return false;
     }
-    switch (message.type) {
-        case MessageType::FaderPosition:
-            handlePositionReport(message);
-            return true;
-        case MessageType::FaderTouch:
-            handleTouchReport(message);
-            return true;
-        default:
-            return false;
+    if (message.type == MessageType::FaderPosition) {
+        handlePositionReport(message);
+    } else {
+        handleTouchReport(message);
     }
+    return true;
 }
 
 void Fader::handlePositionReport(const SerialMessage& message)

@@ -55,6 +55,7 @@ public:
 
     // ISerialMessageHandler
     bool handleMessage(const SerialMessage& message) override;
+    bool takesMessage(const SerialMessage& message) const override;
     // Resends the whole stored state when the section's link comes up, whatever the flag.
     void setLinkReady(bool ready) override;
 

@@ -46,9 +46,14 @@ void Pot::startValueRequests()
     }
 }
 
+bool Pot::takesMessage(const SerialMessage& message) const
+{
+    return message.type == MessageType::PotValue && message.deviceId == m_potDeviceId;
+}
+
 bool Pot::handleMessage(const SerialMessage& message)
 {
-    if (message.type != MessageType::PotValue || message.deviceId != m_potDeviceId) {
+    if (!takesMessage(message)) {
         return false;
     }
     std::shared_ptr<ITaskHandle> requests;

@@ -43,6 +43,7 @@ public:
     // Type 17 with the pot's id: the value (big-endian, clamped to 511; a short payload
     // keeps the stored value) is stored and passed to the handle, and the requests stop.
     bool handleMessage(const SerialMessage& message) override;
+    bool takesMessage(const SerialMessage& message) const override;
     // After the link was lost (false) the colour is sent again at once; true sends nothing.
     void setLinkReady(bool ready) override;
 

@@ -50,35 +50,39 @@ Rotary::~Rotary()
     }
 }
 
-bool Rotary::handleMessage(const SerialMessage& message)
+bool Rotary::takesMessage(const SerialMessage& message) const
 {
     // Device ids are per message type: a button message whose id happens to be this
     // rotary's id is another switch's, so only the types of the rotary itself are taken
     // on the rotary id.
     if (message.deviceId == m_rotaryDeviceId) {
-        if (message.type == MessageType::RotaryStep) {
-            if (const std::shared_ptr<RotaryHandle> handle = currentHandle()) {
-                emit handle->rotaryRotated(static_cast<qint8>(message.byteAt(0, 0)));
-            }
-            return true;
-        }
-        if (message.type == MessageType::RotaryTouch) {
-            m_touched.store(message.boolAt(0, m_touched.load()));
-            if (const std::shared_ptr<RotaryHandle> handle = currentHandle()) {
-                emit handle->rotaryTouched();
-            }
-            return true;
-        }
+        return message.type == MessageType::RotaryStep || message.type == MessageType::RotaryTouch;
+    }
+    return message.deviceId == m_buttonDeviceId && message.type == MessageType::ButtonState;
+}
+
+bool Rotary::handleMessage(const SerialMessage& message)
+{
+    if (!takesMessage(message)) {
         return false;
     }
-    if (message.deviceId == m_buttonDeviceId && message.type == MessageType::ButtonState) {
+    const std::shared_ptr<RotaryHandle> handle = currentHandle();
+    if (message.type == MessageType::RotaryStep) {
+        if (handle) {
+            emit handle->rotaryRotated(static_cast<qint8>(message.byteAt(0, 0)));
+        }
+    } else if (message.type == MessageType::RotaryTouch) {
+        m_touched.store(message.boolAt(0, m_touched.load()));
+        if (handle) {
+            emit handle->rotaryTouched();
+        }
+    } else {
         m_pressed.store(message.boolAt(0, m_pressed.load()));
-        if (const std::shared_ptr<RotaryHandle> handle = currentHandle()) {
+        if (handle) {
             emit handle->rotaryPressed();
         }
-        return true;
     }
-    return false;
+    return true;
 }
 
 void Rotary::setLinkReady(bool ready)

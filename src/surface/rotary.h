@@ -46,6 +46,7 @@ public:
     Rotary& operator=(const Rotary&) = delete;
 
     bool handleMessage(const SerialMessage& message) override;
+    bool takesMessage(const SerialMessage& message) const override;
     // After the link was lost (false) a flashing rotary sends its colour again; a steady
     // one sends nothing, and true sends nothing.
     void setLinkReady(bool ready) override;

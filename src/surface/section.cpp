@@ -65,9 +65,14 @@ void Section::setFaderRestMode(RestMode mode)
     }
 }
 
+bool Section::takesMessage(const SerialMessage& message) const
+{
+    return message.type == MessageType::Ping;
+}
+
 bool Section::handleMessage(const SerialMessage& message)
 {
-    if (message.type != MessageType::Ping) {
+    if (!takesMessage(message)) {
         return false;
     }
     // The section's answer to a ping: payload byte 1 is its firmware version, byte 2 its

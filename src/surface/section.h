@@ -41,6 +41,7 @@ public:
     void setUpdateResult(int failureReason) override;
 
     bool handleMessage(const SerialMessage& message) override;
+    bool takesMessage(const SerialMessage& message) const override;
     void setLinkReady(bool) override {}
 
 private:

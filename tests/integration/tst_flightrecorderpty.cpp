@@ -23,6 +23,7 @@
 #include "support/logcapture.h"
 #include "support/manualclock.h"
 #include "support/ptysectionsimulator.h"
+#include "support/servicepools.h"
 #include "surface/tracefile.h"
 #include "tasks/taskpool.h"
 
@@ -157,7 +158,7 @@ void TestFlightRecorderPty::startSurface()
     m_service->settings()->setReconnectInterval(2000);
     m_service->connect();
     QTRY_VERIFY_WITH_TIMEOUT(m_service->connection()->surface() != nullptr, kTimeout);
-    m_pool = m_service->taskPool();
+    m_pool = linkPoolOf(*m_service);
     QVERIFY(m_pool);
     QTRY_COMPARE_WITH_TIMEOUT(m_service->section(1)->linkState(), int(SectionInfoModel::Connected),
                               kTimeout);
@@ -166,7 +167,7 @@ void TestFlightRecorderPty::startSurface()
 void TestFlightRecorderPty::pass()
 {
     m_clock->advanceNs(kPassNs);
-    m_pool->runPendingTasks();
+    runServicePools(*m_service);
     QCoreApplication::processEvents();
 }
 

@@ -25,6 +25,7 @@
 #include "support/logcapture.h"
 #include "support/manualclock.h"
 #include "support/ptysectionsimulator.h"
+#include "support/servicepools.h"
 #include "tasks/taskpool.h"
 
 using namespace Velmora::Worksurface;
@@ -150,7 +151,7 @@ void TestSectionReconnectPty::startSurface(int intervalMs, bool otherComesUp)
     m_service->settings()->setReconnectInterval(intervalMs);
     m_service->connect();
     QTRY_VERIFY_WITH_TIMEOUT(m_service->connection()->surface() != nullptr, kTimeout);
-    m_pool = m_service->taskPool();
+    m_pool = linkPoolOf(*m_service);
     QVERIFY(m_pool);
     if (!otherComesUp) {
         return;
@@ -163,7 +164,7 @@ void TestSectionReconnectPty::startSurface(int intervalMs, bool otherComesUp)
 void TestSectionReconnectPty::pass()
 {
     m_clock->advanceNs(kPassNs);
-    m_pool->runPendingTasks();
+    runServicePools(*m_service);
     // Lets the ports write what the pass sent (a port closed before that would drop it) and
     // the simulators read and answer; the clock does not move meanwhile.
     QCoreApplication::processEvents();
@@ -419,7 +420,7 @@ void TestSectionReconnectPty::aThousandRetriesAddNoTaskAndNoLogLine()
         // One attempt per pass: each pass moves the clock by a whole interval.
         for (int i = 0; i < 1000; ++i) {
             m_clock->advanceNs(kInterval * kMs);
-            m_pool->runPendingTasks();
+            runServicePools(*m_service);
         }
         QCOMPARE(log.texts(), QStringList());
     }
@@ -431,7 +432,7 @@ void TestSectionReconnectPty::aThousandRetriesAddNoTaskAndNoLogLine()
     PtySectionSimulator* sim = plugIn();
     QVERIFY(sim);
     m_clock->advanceNs(kInterval * kMs);
-    m_pool->runPendingTasks();
+    runServicePools(*m_service);
     QTRY_COMPARE_WITH_TIMEOUT(first()->linkState(), int(SectionInfoModel::Connected), kTimeout);
     QCOMPARE(m_pool->taskCount(), tasks);
 }
@@ -543,7 +544,7 @@ void TestSectionReconnectPty::failedUpdatesAreToldWithTheirReasonAndASuccessRese
         QTRY_COMPARE_WITH_TIMEOUT(sim->mode(), PtySectionSimulator::Mode::Application, kTimeout);
         sim->setMode(PtySectionSimulator::Mode::Bootloader);
         m_clock->advanceNs(1001 * kMs);
-        m_pool->runPendingTasks();
+        runServicePools(*m_service);
     };
 
     // The bootloader refuses every data block: reason 1.
@@ -581,7 +582,7 @@ void TestSectionReconnectPty::aNewConnectStartsTheModelsOverAndASectionTheModelL
     m_service->settings()->setMode(SurfaceSettings::K60);
     m_service->connect();
     QTRY_VERIFY_WITH_TIMEOUT(m_service->connection()->surface() != nullptr, kTimeout);
-    m_pool = m_service->taskPool();
+    m_pool = linkPoolOf(*m_service);
     pass();
     SectionInfoModel* third = m_service->section(2);
     QCOMPARE(third->linkState(), int(SectionInfoModel::Connecting));
@@ -594,7 +595,7 @@ void TestSectionReconnectPty::aNewConnectStartsTheModelsOverAndASectionTheModelL
     m_service->settings()->setMode(SurfaceSettings::K40);
     m_service->connect();
     QTRY_COMPARE_WITH_TIMEOUT(surfaceChanged.count(), 1, kTimeout);
-    m_pool = m_service->taskPool();
+    m_pool = linkPoolOf(*m_service);
     pass();
     QCOMPARE(third->linkState(), int(SectionInfoModel::Closed));
     QCOMPARE(third->portName(), QString());

@@ -142,6 +142,10 @@ struct Scene
         const int expected =
             ResponseCurve::convertdBtoLinear(decibels, ResponseCurve::ConversionMode::Default);
         control->setTouched(true);
+        // The touch reaches the fader through the link, which may run on its own thread.
+        if (!QTest::qWaitFor([this]() { return binding->touched(); }, kTimeoutMs)) {
+            return false;
+        }
         binding->setValue(decibels);
         QCoreApplication::sendPostedEvents();
         control->setTouched(false);

@@ -32,6 +32,11 @@ public:
         return taken;
     }
 
+    bool takesMessage(const Velmora::Worksurface::SerialMessage& message) const override
+    {
+        return m_rule && m_rule(message);
+    }
+
     void setLinkReady(bool ready) override
     {
         m_linkReady.push_back(ready);
