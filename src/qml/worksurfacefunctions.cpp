@@ -63,7 +63,7 @@ WorksurfaceFunctions::WorksurfaceFunctions()
 
 WorksurfaceFunctions::~WorksurfaceFunctions()
 {
-    stopSurfaceThread();
+    stopSurfaceThread(true);
     if (m_linkController) {
         m_linkController->detach();
     }
@@ -108,7 +108,7 @@ ISectionInfo* WorksurfaceFunctions::getForSection(uint8_t section)
 
 void WorksurfaceFunctions::connect()
 {
-    stopSurfaceThread();
+    stopSurfaceThread(false);
     // The running surface's software links are about to be replaced; none of them may be
     // handed bytes by the simulated sections any more.
     m_controllerConnection->clearDataReceivers();
@@ -150,12 +150,12 @@ void WorksurfaceFunctions::calibrate()
     emit startCalibration();
 }
 
-void WorksurfaceFunctions::stopSurfaceThread()
+void WorksurfaceFunctions::stopSurfaceThread(bool releaseLinks)
 {
     if (!m_thread.isRunning()) {
         return;
     }
-    if (!tearDownLinksOnSurfaceThread()) {
+    if (!stopLinksOnSurfaceThread(releaseLinks)) {
         m_thread.quit();
     }
     if (m_thread.wait(kThreadStopTimeoutMs)) {
@@ -169,7 +169,7 @@ void WorksurfaceFunctions::stopSurfaceThread()
         QStringLiteral("WS thread did not shut down in timely manner and was terminated..."));
 }
 
-bool WorksurfaceFunctions::tearDownLinksOnSurfaceThread()
+bool WorksurfaceFunctions::stopLinksOnSurfaceThread(bool release)
 {
     if (!m_linkPool) {
         return false;
@@ -178,15 +178,17 @@ bool WorksurfaceFunctions::tearDownLinksOnSurfaceThread()
     if (ISurface* current = m_connection->surface()) {
         for (const auto& link : current->sectionLinks()) {
             if (auto* onThread = dynamic_cast<LinkThreadConnection*>(link.get())) {
-                if (auto taken = onThread->takeLink()) {
-                    links.push_back(std::move(taken));
+                if (auto held = release ? onThread->takeLink() : onThread->link()) {
+                    links.push_back(std::move(held));
                 }
             }
         }
     }
-    // Closed and released where they run, with the pool last (they hold it), and the thread
-    // ends once that is done; the wait below still bounds it all.
-    runOn(&m_linkContext, [links = std::move(links), pool = std::move(m_linkPool)]() mutable {
+    // Closed where they run, as the thread's finish closes links on the QML thread, and
+    // released there too when the service goes (their pool last: they hold it); the thread
+    // ends once that is done, and the wait below still bounds it all. Kept, they stay with
+    // the surface, which a connect() that builds nothing starts again.
+    runOn(&m_linkContext, [links = std::move(links), pool = m_linkPool]() mutable {
         for (const auto& link : links) {
             link->close();
         }
@@ -195,6 +197,9 @@ bool WorksurfaceFunctions::tearDownLinksOnSurfaceThread()
         pool.reset();
         QThread::currentThread()->quit();
     });
+    if (release) {
+        m_linkPool.reset();
+    }
     return true;
 }
 

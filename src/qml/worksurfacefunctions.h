@@ -111,10 +111,12 @@ protected:
     bool writeTrace(const QString& path, int section) override;
 
 private:
-    void stopSurfaceThread();
-    // With the links on the surface thread: closes and releases them there, with their pool,
-    // and ends the thread from there. Returns false when there is nothing of the kind.
-    bool tearDownLinksOnSurfaceThread();
+    // Ends the surface thread; `releaseLinks` when the service goes (see below).
+    void stopSurfaceThread(bool releaseLinks);
+    // With the links on the surface thread: closes them there and stops their pool, releases
+    // them there too with `release`, and ends the thread from there. Returns false when the
+    // links run on this thread.
+    bool stopLinksOnSurfaceThread(bool release);
     // Builds the links' pool on the surface thread, and the software controller's stand-in
     // for the links there, for a surface about to be built with its links on that thread.
     void prepareLinkThread();

@@ -157,6 +157,10 @@ public slots:
         const int stride = qEnvironmentVariableIntValue("TARVIX_REENTRANCY_STRIDE");
         engine->rootContext()->setContextProperty(QStringLiteral("reentrancyStride"),
                                                   stride > 1 ? stride : 1);
+        // The second run of the suite, with the links on the surface thread: what reaches a
+        // software control from the plugin comes a hop later there.
+        engine->rootContext()->setContextProperty(QStringLiteral("linkThreadRun"),
+                                                  qgetenv("TARVIX_WORKSURFACE_LINK_THREAD") == "1");
     }
 
 private:
