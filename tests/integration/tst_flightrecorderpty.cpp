@@ -168,7 +168,7 @@ void TestFlightRecorderPty::pass()
 {
     m_clock->advanceNs(kPassNs);
     runServicePools(*m_service);
-    QCoreApplication::processEvents();
+    settleServiceLinks(*m_service);
 }
 
 void TestFlightRecorderPty::runFor(qint64 ms)

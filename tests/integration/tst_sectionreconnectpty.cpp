@@ -167,7 +167,7 @@ void TestSectionReconnectPty::pass()
     runServicePools(*m_service);
     // Lets the ports write what the pass sent (a port closed before that would drop it) and
     // the simulators read and answer; the clock does not move meanwhile.
-    QCoreApplication::processEvents();
+    settleServiceLinks(*m_service);
 }
 
 void TestSectionReconnectPty::runFor(qint64 ms)
@@ -345,7 +345,11 @@ void TestSectionReconnectPty::sectionBootingThroughTheProbeIsConnectedAfterTheNe
     runFor(6100 - elapsedMs());
     QTRY_COMPARE_WITH_TIMEOUT(first()->linkState(), int(SectionInfoModel::Connected), kTimeout);
     QCOMPARE(sim->commandCount(0x55), 4);
-    QCOMPARE(sim->receivedBytes(), kAutoBaud + kAutoBaud + kAutoBaud + kAutoBaud);
+    // Nothing but the four probes before the answer; what the link sends once it is up may
+    // already follow (it does when the links run on their own thread, which takes the answer
+    // within the pass).
+    const QByteArray probes = kAutoBaud + kAutoBaud + kAutoBaud + kAutoBaud;
+    QCOMPARE(sim->receivedBytes().left(probes.size()), probes);
     pass();
 
     QCOMPARE(states.values,

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QCoreApplication>
+#include <QThread>
 #include <cstddef>
 #include <memory>
 
@@ -20,6 +22,27 @@ inline void runServicePools(const WorksurfaceFunctions& service)
         Velmora::Worksurface::runOn(
             links.get(), [links]() { links->runPendingTasks(); }, true);
     }
+}
+
+// After a pass: with the links on the surface thread, lets what the simulators answered during
+// the pass reach the links there and what the links made of it reach this thread, as one
+// run of this thread's event loop does when the links run here. The kernel hands a pty's
+// bytes over a moment after they were written (about a millisecond), and the link thread
+// takes them when its event loop next looks; the two waits on it make sure a read that had
+// begun by then has finished. Real waits, for real I/O only.
+inline void settleServiceLinks(const WorksurfaceFunctions& service)
+{
+    QCoreApplication::processEvents();
+    const auto links = service.linkTaskPool();
+    if (!links) {
+        return;
+    }
+    QThread::msleep(2);
+    for (int round = 0; round < 2; ++round) {
+        Velmora::Worksurface::runOn(
+            links.get(), []() {}, true);
+    }
+    QCoreApplication::processEvents();
 }
 
 // The pool the service's links are scheduled on: the links' own pool when they run on the
