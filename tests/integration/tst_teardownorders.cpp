@@ -133,24 +133,36 @@ struct Scene
     }
 
     // A value the binding writes moves the control's fader. A request this soon after a hand
-    // move is held until the hand lets go, so the control touches the fader, the request
-    // reaches the fader (a queued call), and only then the hand lets go.
+    // move is held until the hand lets go, so the control touches the fader, the touch
+    // reaches the fader through the link, the request reaches the fader (a queued call), and
+    // only then the hand lets go. With the links on their own thread a hand move still on
+    // its way can meet the request (the fader then takes the hand's position for its own and
+    // has nothing to send); a fresh request must then arrive.
     bool valueArrives()
+    {
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            if (writtenValueArrives(kTimeoutMs / 3)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    bool writtenValueArrives(int timeoutMs)
     {
         const float decibels = nextDecibels;
         nextDecibels = nextDecibels == 0.0f ? -10.0f : 0.0f;
         const int expected =
             ResponseCurve::convertdBtoLinear(decibels, ResponseCurve::ConversionMode::Default);
         control->setTouched(true);
-        // The touch reaches the fader through the link, which may run on its own thread.
-        if (!QTest::qWaitFor([this]() { return binding->touched(); }, kTimeoutMs)) {
+        if (!QTest::qWaitFor([this]() { return binding->touched(); }, timeoutMs)) {
             return false;
         }
         binding->setValue(decibels);
         QCoreApplication::sendPostedEvents();
         control->setTouched(false);
         return QTest::qWaitFor([this, expected]() { return control->value() == expected; },
-                               kTimeoutMs);
+                               timeoutMs);
     }
 
     // Whatever is still there keeps doing its work for a while.
