@@ -360,5 +360,5 @@ void TestFlightRecorderPty::capacityZeroSavesAHeaderOnly()
     QCOMPARE(QJsonDocument::fromJson(lines.first()).object().value("capacity").toInt(), 0);
 }
 
-QTEST_MAIN(TestFlightRecorderPty)
+QTEST_GUILESS_MAIN(TestFlightRecorderPty)
 #include "tst_flightrecorderpty.moc"

@@ -273,6 +273,6 @@ void TestSoftwareFaults::unpluggedLineWithoutReconnectStaysDownAfterReplugging()
                                ISectionConnection::Connecting}));
 }
 
-QTEST_MAIN(TestSoftwareFaults)
+QTEST_GUILESS_MAIN(TestSoftwareFaults)
 
 #include "tst_softwarefaults.moc"
