@@ -7,12 +7,7 @@
 // own bytes at once, so only the section-to-plugin direction is paced. Reported beside the
 // wall time:
 // - wire_bound_s: what the 115200-baud line alone needs for the whole exchange, both
-//   directions, which strictly alternate (a request, then its answer). Per 64-byte block
-//   the plugin sends SendData (67 bytes), GetStatus (3) and its ACK of the status reply
-//   (1) and the section sends two ACKs (1 + 1) and the status reply (3): 76 bytes. The
-//   start (AutoBaud, Ping, Download and the first status: 27 bytes) and the end (Reset, its
-//   ACK, AutoBaud, NotBootLoader: 7 bytes) add little; the 1 s wait before the last
-//   AutoBaud is counted separately.
+//   directions (firmwarewire.h).
 // - reply_bound_s: the same for the section's bytes alone, the part the simulator paces.
 // - exchange_s: from opening the link to the section leaving its bootloader (the Reset).
 #include <benchmark/benchmark.h>
@@ -23,6 +18,7 @@
 #include <QTimer>
 #include <memory>
 
+#include "firmwarewire.h"
 #include "serial/isectionconnection.h"
 #include "support/fakesettings.h"
 #include "support/firmwareimagebytes.h"
@@ -33,17 +29,6 @@
 using namespace Velmora::Worksurface;
 
 namespace {
-
-constexpr double kLineBytesPerSecond = 115200.0 / 10.0;
-constexpr int kBlock = 64;
-// Bytes on the line per block, each way.
-constexpr int kPluginBytesPerBlock = 67 + 3 + 1;
-constexpr int kSectionBytesPerBlock = 1 + 1 + 3;
-// Before the first block and after the last (the 1 s auto-update wait aside).
-constexpr int kPluginStartBytes = 2 + 3 + 11 + 3 + 1;
-constexpr int kSectionStartBytes = 1 + 1 + 1 + 1 + 3;
-constexpr int kPluginEndBytes = 3 + 2;
-constexpr int kSectionEndBytes = 1 + 1;
 
 void runFirmwareUpdate(benchmark::State& state, int imageSize, int pacedBaud)
 {
@@ -105,16 +90,12 @@ void runFirmwareUpdate(benchmark::State& state, int imageSize, int pacedBaud)
             state.SkipWithError("the update did not complete with the image intact");
             return;
         }
-        const double blocks = (imageSize + kBlock - 1) / kBlock;
-        const double pluginBytes =
-            kPluginStartBytes + blocks * kPluginBytesPerBlock + kPluginEndBytes;
-        const double sectionBytes =
-            kSectionStartBytes + blocks * kSectionBytesPerBlock + kSectionEndBytes;
+        const double blocks = FirmwareWire::blocks(imageSize);
         state.counters["blocks"] = blocks;
         state.counters["total_s"] = totalNs / 1e9;
         state.counters["exchange_s"] = exchangeNs / 1e9;
-        state.counters["wire_bound_s"] = (pluginBytes + sectionBytes) / kLineBytesPerSecond;
-        state.counters["reply_bound_s"] = sectionBytes / kLineBytesPerSecond;
+        state.counters["wire_bound_s"] = FirmwareWire::wireSeconds(imageSize);
+        state.counters["reply_bound_s"] = FirmwareWire::replySeconds(imageSize);
         state.counters["us_per_block"] = exchangeNs / 1e3 / blocks;
         state.ResumeTiming();
     }

@@ -19,8 +19,8 @@
 #include "surface/surface.h"
 #include "surface/surfacebuilder.h"
 #include "surface/tracefile.h"
-#include "tasks/runon.h"
 #include "tasks/taskpool.h"
+#include "tasks/threadmailbox.h"
 
 using namespace Velmora::Worksurface;
 
@@ -52,7 +52,7 @@ WorksurfaceFunctions::WorksurfaceFunctions()
                      &WorksurfaceFunctions::setFaderRestMode);
 
     m_thread.setObjectName(QStringLiteral("WorksurfaceThread"));
-    m_linkContext.moveToThread(&m_thread);
+    m_linkMailbox.moveToThread(&m_thread);
     // Emitted on the surface thread, both arrive queued and run here, on the QML thread
     // (docs/architecture.md, Threads).
     QObject::connect(&m_thread, &QThread::started, this,
@@ -188,7 +188,7 @@ bool WorksurfaceFunctions::stopLinksOnSurfaceThread(bool release)
     // released there too when the service goes (their pool last: they hold it); the thread
     // ends once that is done, and the wait below still bounds it all. Kept, they stay with
     // the surface, which a connect() that builds nothing starts again.
-    runOn(&m_linkContext, [links = std::move(links), pool = m_linkPool]() mutable {
+    m_linkMailbox.post([links = std::move(links), pool = m_linkPool]() mutable {
         for (const auto& link : links) {
             link->close();
         }
@@ -206,15 +206,12 @@ bool WorksurfaceFunctions::stopLinksOnSurfaceThread(bool release)
 void WorksurfaceFunctions::prepareLinkThread()
 {
     // The pool is made on the surface thread, so that its timer runs there.
-    runOn(
-        &m_linkContext,
-        [this]() {
-            m_linkPool = std::make_shared<TaskPool>();
-            m_linkPool->start();
-        },
-        true);
-    m_linkController =
-        std::make_shared<LinkThreadController>(m_controllerConnection, this, &m_linkContext);
+    m_linkMailbox.runAndWait([this]() {
+        m_linkPool = std::make_shared<TaskPool>();
+        m_linkPool->start();
+    });
+    m_linkController = std::make_shared<LinkThreadController>(m_controllerConnection, &m_qmlMailbox,
+                                                              &m_linkMailbox);
 }
 
 void WorksurfaceFunctions::onStartSurfaceThread()
@@ -235,7 +232,7 @@ void WorksurfaceFunctions::onStartSurfaceThread()
     if (m_linkPool) {
         // A surface built twice on one run of the thread (connect() called again before the
         // first build): the previous pool goes on its own thread, after the links that hold it.
-        runOn(&m_linkContext, [pool = std::move(m_linkPool)]() mutable {
+        m_linkMailbox.post([pool = std::move(m_linkPool)]() mutable {
             pool->stop();
             pool.reset();
         });
@@ -252,7 +249,7 @@ void WorksurfaceFunctions::onStartSurfaceThread()
     auto serialFactory = std::make_unique<SerialConnectionFactory>(m_settings, controller);
     ConnectionFactory connectionFactory(
         std::move(serialFactory), m_linksOnThread ? m_linkPool : m_taskPool, m_logger,
-        m_linksOnThread ? this : nullptr, m_linksOnThread ? &m_linkContext : nullptr);
+        m_linksOnThread ? &m_qmlMailbox : nullptr, m_linksOnThread ? &m_linkMailbox : nullptr);
     auto componentFactory = std::make_unique<ComponentFactory>(m_taskPool);
     SectionFactory sectionFactory(this, std::move(componentFactory));
 

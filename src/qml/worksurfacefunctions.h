@@ -13,6 +13,7 @@
 #include "qml/sectioninfomodel.h"
 #include "qml/surfacesettings.h"
 #include "qml/surfacetracesaver.h"
+#include "tasks/threadmailbox.h"
 
 class QJSEngine;
 class QQmlEngine;
@@ -86,6 +87,8 @@ public:
     std::shared_ptr<Velmora::Worksurface::TaskPool> taskPool() const { return m_taskPool; }
     // The links' own pool, on the surface thread; null while the links run on this thread.
     std::shared_ptr<Velmora::Worksurface::TaskPool> linkTaskPool() const { return m_linkPool; }
+    // Where work for the links' thread is posted while they run there.
+    Velmora::Worksurface::ThreadMailbox& linkMailbox() { return m_linkMailbox; }
     // Whether the surface built last runs its links on the surface thread.
     bool linksOnSurfaceThread() const { return m_linksOnThread; }
     std::shared_ptr<Velmora::Worksurface::QmlControllerConnection> controllerConnection() const
@@ -124,8 +127,9 @@ private:
     void resetSectionLinks();
 
     QThread m_thread;
-    // Lives on the surface thread: what the links' work is posted to.
-    QObject m_linkContext;
+    // What the links' work is posted to on the surface thread, and what they post to here.
+    Velmora::Worksurface::ThreadMailbox m_linkMailbox;
+    Velmora::Worksurface::ThreadMailbox m_qmlMailbox;
     std::shared_ptr<Velmora::Worksurface::TaskPool> m_linkPool;
     std::shared_ptr<Velmora::Worksurface::LinkThreadController> m_linkController;
     bool m_linksOnThread = false;

@@ -5,7 +5,7 @@
 #include "serial/isectionstatelistener.h"
 #include "serial/iserialmessagehandler.h"
 #include "serial/sectionconnection.h"
-#include "tasks/runon.h"
+#include "tasks/threadmailbox.h"
 
 namespace Velmora::Worksurface {
 
@@ -26,8 +26,8 @@ class LinkSide : public ISerialMessageHandler, public ISectionStateListener
 {
 public:
     LinkSide(const std::shared_ptr<LinkThreadConnection::Relay>& relay,
-             const std::shared_ptr<ISerialMessageHandler>& rootHandler, QObject* qmlContext)
-        : m_relay(relay), m_rootHandler(rootHandler), m_qmlContext(qmlContext)
+             const std::shared_ptr<ISerialMessageHandler>& rootHandler, ThreadMailbox* qmlMailbox)
+        : m_relay(relay), m_rootHandler(rootHandler), m_qmlMailbox(qmlMailbox)
     {}
 
     bool handleMessage(const SerialMessage& message) override
@@ -106,48 +106,42 @@ private:
     template <typename Call>
     void post(Call call) const
     {
-        runOn(
-            m_qmlContext,
-            [relay = m_relay, call = std::move(call)]() {
-                if (const std::shared_ptr<LinkThreadConnection::Relay> alive = relay.lock()) {
-                    call(*alive);
-                }
-            },
-            false);
+        m_qmlMailbox->post([relay = m_relay, call = std::move(call)]() {
+            if (const std::shared_ptr<LinkThreadConnection::Relay> alive = relay.lock()) {
+                call(*alive);
+            }
+        });
     }
 
     const std::weak_ptr<LinkThreadConnection::Relay> m_relay;
     // Weak: the section owns its handlers, and they must go on the QML thread.
     const std::weak_ptr<ISerialMessageHandler> m_rootHandler;
-    QObject* const m_qmlContext;
+    ThreadMailbox* const m_qmlMailbox;
 };
 
 }  // namespace
 
-LinkThreadConnection::LinkThreadConnection(uint8_t sectionIndex, QObject* linkContext)
-    : m_sectionIndex(sectionIndex), m_linkContext(linkContext), m_relay(std::make_shared<Relay>())
+LinkThreadConnection::LinkThreadConnection(uint8_t sectionIndex, ThreadMailbox* linkMailbox)
+    : m_sectionIndex(sectionIndex), m_linkMailbox(linkMailbox), m_relay(std::make_shared<Relay>())
 {}
 
 std::shared_ptr<LinkThreadConnection> LinkThreadConnection::create(
     uint8_t sectionIndex, const std::shared_ptr<ISerialMessageHandler>& rootHandler,
-    QObject* qmlContext, QObject* linkContext, const Builder& build)
+    ThreadMailbox* qmlMailbox, ThreadMailbox* linkMailbox, const Builder& build)
 {
-    std::shared_ptr<LinkThreadConnection> self(new LinkThreadConnection(sectionIndex, linkContext));
+    std::shared_ptr<LinkThreadConnection> self(new LinkThreadConnection(sectionIndex, linkMailbox));
     self->m_relay->rootHandler = rootHandler;
-    const auto side = std::make_shared<LinkSide>(self->m_relay, rootHandler, qmlContext);
+    const auto side = std::make_shared<LinkSide>(self->m_relay, rootHandler, qmlMailbox);
     // Made on the links' thread, so that its serial port, its timers and its thread checks
     // belong there from the start; the links' thread never waits for this one.
-    runOn(
-        linkContext,
-        [&]() {
-            self->m_link = build(side);
-            if (self->m_link) {
-                self->m_link->setStateListener(side.get());
-                self->m_recorder = self->m_link->recorder();
-                self->m_portName = self->m_link->portName();
-            }
-        },
-        true);
+    linkMailbox->runAndWait([&]() {
+        self->m_link = build(side);
+        if (self->m_link) {
+            self->m_link->setStateListener(side.get());
+            self->m_recorder = self->m_link->recorder();
+            self->m_portName = self->m_link->portName();
+        }
+    });
     if (!self->m_link) {
         return nullptr;
     }
@@ -157,13 +151,10 @@ std::shared_ptr<LinkThreadConnection> LinkThreadConnection::create(
 LinkThreadConnection::~LinkThreadConnection()
 {
     if (m_link) {
-        runOn(
-            m_linkContext,
-            [link = std::move(m_link)]() mutable {
-                link->close();
-                link.reset();
-            },
-            false);
+        m_linkMailbox->post([link = std::move(m_link)]() mutable {
+            link->close();
+            link.reset();
+        });
     }
 }
 
@@ -177,14 +168,12 @@ void LinkThreadConnection::postToLink(std::function<void(SectionConnection&)> ca
     if (!m_link) {
         return;
     }
-    runOn(
-        m_linkContext,
+    m_linkMailbox->post(
         [link = std::weak_ptr<SectionConnection>(m_link), call = std::move(call)]() {
             if (const std::shared_ptr<SectionConnection> alive = link.lock()) {
                 call(*alive);
             }
-        },
-        false);
+        });
 }
 
 void LinkThreadConnection::open()

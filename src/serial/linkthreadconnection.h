@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QObject>
 #include <QString>
 #include <atomic>
 #include <cstdint>
@@ -13,6 +12,7 @@ namespace Velmora::Worksurface {
 
 class ISerialMessageHandler;
 class SectionConnection;
+class ThreadMailbox;
 
 // One section's link living on the links' own thread ("WorksurfaceThread"), as the QML
 // thread sees it: the surface holds this in place of the link itself.
@@ -33,9 +33,9 @@ class SectionConnection;
 // (both are safe from any thread). state() is the state last told on the QML thread, so
 // that what the surface reads agrees with what QML has been told.
 //
-// QML-thread-only, like the surface that holds it. The two contexts are objects living on
-// the QML thread and on the links' thread; the surface service keeps both alive for as long
-// as anything can be posted to them.
+// QML-thread-only, like the surface that holds it. The two mailboxes live on the QML thread
+// and on the links' thread; the surface service keeps both for as long as anything can be
+// posted to them.
 class LinkThreadConnection : public ISectionConnection
 {
 public:
@@ -46,7 +46,7 @@ public:
         const std::shared_ptr<ISerialMessageHandler>& handlerOnLinkThread)>;
     static std::shared_ptr<LinkThreadConnection> create(
         uint8_t sectionIndex, const std::shared_ptr<ISerialMessageHandler>& rootHandler,
-        QObject* qmlContext, QObject* linkContext, const Builder& build);
+        ThreadMailbox* qmlMailbox, ThreadMailbox* linkMailbox, const Builder& build);
 
     // A link not taken for teardown yet is closed and released on its own thread.
     ~LinkThreadConnection() override;
@@ -73,12 +73,12 @@ public:
     struct Relay;
 
 private:
-    LinkThreadConnection(uint8_t sectionIndex, QObject* linkContext);
+    LinkThreadConnection(uint8_t sectionIndex, ThreadMailbox* linkMailbox);
     // Runs `call` on the link's thread with the link, unless it was taken meanwhile.
     void postToLink(std::function<void(SectionConnection&)> call) const;
 
     const uint8_t m_sectionIndex;
-    QObject* const m_linkContext;
+    ThreadMailbox* const m_linkMailbox;
     std::shared_ptr<SectionConnection> m_link;
     std::shared_ptr<FlightRecorder> m_recorder;
     QString m_portName;

@@ -8,7 +8,7 @@
 
 #include "serial/iserialdatareceiver.h"
 #include "serial/isoftwaresectionline.h"
-#include "tasks/runon.h"
+#include "tasks/threadmailbox.h"
 
 namespace Velmora::Worksurface {
 
@@ -22,12 +22,12 @@ struct LinkThreadController::Shared
 {
     // The QML thread's side.
     std::shared_ptr<ISoftwareControllerConnection> controller;
-    QObject* qmlContext = nullptr;
+    ThreadMailbox* qmlMailbox = nullptr;
     bool detached = false;
     std::map<uint8_t, std::unique_ptr<Endpoint>> endpoints;
 
     // The links' thread's side: what the lines registered.
-    QObject* linkContext = nullptr;
+    ThreadMailbox* linkMailbox = nullptr;
     std::map<uint8_t, ISerialDataReceiver*> receivers;
     std::map<uint8_t, ISoftwareSectionLine*> lines;
 
@@ -82,7 +82,7 @@ private:
             return;
         }
         const uint8_t index = m_sectionIndex;
-        runOn(shared->linkContext, [weak = m_shared, index, call = std::move(call)]() {
+        shared->linkMailbox->post([weak = m_shared, index, call = std::move(call)]() {
             const auto alive = weak.lock();
             if (!alive) {
                 return;
@@ -111,13 +111,13 @@ Endpoint& LinkThreadController::Shared::endpoint(const std::shared_ptr<Shared>& 
 }
 
 LinkThreadController::LinkThreadController(
-    std::shared_ptr<ISoftwareControllerConnection> controller, QObject* qmlContext,
-    QObject* linkContext)
+    std::shared_ptr<ISoftwareControllerConnection> controller, ThreadMailbox* qmlMailbox,
+    ThreadMailbox* linkMailbox)
     : m_shared(std::make_shared<Shared>())
 {
     m_shared->controller = std::move(controller);
-    m_shared->qmlContext = qmlContext;
-    m_shared->linkContext = linkContext;
+    m_shared->qmlMailbox = qmlMailbox;
+    m_shared->linkMailbox = linkMailbox;
     for (std::size_t i = 0; i < m_shared->plugged.size(); ++i) {
         m_shared->plugged[i].store(m_shared->controller->isSectionPlugged(static_cast<uint8_t>(i)));
     }
@@ -137,7 +137,7 @@ void LinkThreadController::detach()
 template <typename Call>
 void LinkThreadController::toController(Call call) const
 {
-    runOn(m_shared->qmlContext, [weak = std::weak_ptr<Shared>(m_shared), call = std::move(call)]() {
+    m_shared->qmlMailbox->post([weak = std::weak_ptr<Shared>(m_shared), call = std::move(call)]() {
         const auto shared = weak.lock();
         if (shared && !shared->detached) {
             call(*shared->controller, shared);

@@ -1,11 +1,12 @@
 #pragma once
 
-#include <QObject>
 #include <memory>
 
 #include "serial/isoftwarecontrollerconnection.h"
 
 namespace Velmora::Worksurface {
+
+class ThreadMailbox;
 
 // The software controller as the software lines on the links' own thread see it, while the
 // controller and the QML controls that play the sections stay on the QML thread.
@@ -26,7 +27,7 @@ class LinkThreadController : public ISoftwareControllerConnection
 {
 public:
     LinkThreadController(std::shared_ptr<ISoftwareControllerConnection> controller,
-                         QObject* qmlContext, QObject* linkContext);
+                         ThreadMailbox* qmlMailbox, ThreadMailbox* linkMailbox);
     ~LinkThreadController() override;
     LinkThreadController(const LinkThreadController&) = delete;
     LinkThreadController& operator=(const LinkThreadController&) = delete;

@@ -14,13 +14,13 @@ namespace Velmora::Worksurface {
 
 ConnectionFactory::ConnectionFactory(std::unique_ptr<ISerialConnectionFactory> serialFactory,
                                      std::shared_ptr<ITaskPool> taskPool,
-                                     std::shared_ptr<Logger> logger, QObject* qmlContext,
-                                     QObject* linkContext)
+                                     std::shared_ptr<Logger> logger, ThreadMailbox* qmlMailbox,
+                                     ThreadMailbox* linkMailbox)
     : m_serialFactory(std::move(serialFactory)),
       m_taskPool(std::move(taskPool)),
       m_logger(std::move(logger)),
-      m_qmlContext(qmlContext),
-      m_linkContext(linkContext)
+      m_qmlMailbox(qmlMailbox),
+      m_linkMailbox(linkMailbox)
 {}
 
 ConnectionFactory::~ConnectionFactory() = default;
@@ -29,11 +29,11 @@ std::shared_ptr<ISectionConnection> ConnectionFactory::createConnection(
     uint8_t sectionIndex, const std::shared_ptr<ISerialMessageHandler>& rootHandler,
     const std::shared_ptr<ISerialMessageQueue>& queue, const std::shared_ptr<ISettings>& settings)
 {
-    if (m_qmlContext == nullptr || m_linkContext == nullptr) {
+    if (m_qmlMailbox == nullptr || m_linkMailbox == nullptr) {
         return createLink(sectionIndex, rootHandler, queue, settings);
     }
     return LinkThreadConnection::create(
-        sectionIndex, rootHandler, m_qmlContext, m_linkContext,
+        sectionIndex, rootHandler, m_qmlMailbox, m_linkMailbox,
         [&](const std::shared_ptr<ISerialMessageHandler>& handlerOnLinkThread) {
             return createLink(sectionIndex, handlerOnLinkThread, queue, settings);
         });

@@ -4,8 +4,6 @@
 
 #include "surface/iconnectionfactory.h"
 
-class QObject;
-
 namespace Velmora::Worksurface {
 
 class ISerialConnectionFactory;
@@ -13,11 +11,12 @@ class ITaskPool;
 class Logger;
 
 class SectionConnection;
+class ThreadMailbox;
 
 // Wires one section's link: the serial connection of the configured kind, the firmware
 // updater, and the supervising section connection that receives the line's bytes.
 //
-// Given the two threads' contexts, it makes each link on the links' own thread instead and
+// Given the two threads' mailboxes, it makes each link on the links' own thread instead and
 // hands out its QML-thread face (LinkThreadConnection); the task pool is then the links'
 // pool, running on that thread.
 class ConnectionFactory : public IConnectionFactory
@@ -25,7 +24,7 @@ class ConnectionFactory : public IConnectionFactory
 public:
     ConnectionFactory(std::unique_ptr<ISerialConnectionFactory> serialFactory,
                       std::shared_ptr<ITaskPool> taskPool, std::shared_ptr<Logger> logger,
-                      QObject* qmlContext = nullptr, QObject* linkContext = nullptr);
+                      ThreadMailbox* qmlMailbox = nullptr, ThreadMailbox* linkMailbox = nullptr);
     ~ConnectionFactory() override;
 
     std::shared_ptr<ISectionConnection> createConnection(
@@ -42,8 +41,8 @@ private:
     std::unique_ptr<ISerialConnectionFactory> m_serialFactory;
     std::shared_ptr<ITaskPool> m_taskPool;
     std::shared_ptr<Logger> m_logger;
-    QObject* const m_qmlContext;
-    QObject* const m_linkContext;
+    ThreadMailbox* const m_qmlMailbox;
+    ThreadMailbox* const m_linkMailbox;
 };
 
 }  // namespace Velmora::Worksurface

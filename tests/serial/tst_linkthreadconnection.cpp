@@ -17,8 +17,8 @@
 #include "support/fakesectionupdater.h"
 #include "support/fakeserialconnection.h"
 #include "support/fakesettings.h"
-#include "tasks/runon.h"
 #include "tasks/taskpool.h"
+#include "tasks/threadmailbox.h"
 
 using namespace Velmora::Worksurface;
 
@@ -126,13 +126,10 @@ struct Rig
     {
         face.reset();
         // Whatever the link's thread still holds goes there.
-        runOn(
-            &linkContext,
-            [this]() {
-                line.reset();
-                pool.reset();
-            },
-            true);
+        linkContext.runAndWait([this]() {
+            line.reset();
+            pool.reset();
+        });
         thread.quit();
         thread.wait();
     }
@@ -140,13 +137,12 @@ struct Rig
     // On the link's thread, as the port's readyRead would.
     void receive(const QByteArray& bytes)
     {
-        runOn(
-            &linkContext, [this, bytes]() { line->pushData(bytes); }, true);
+        linkContext.runAndWait([this, bytes]() { line->pushData(bytes); });
     }
 
     QThread thread;
-    QObject linkContext;
-    QObject qmlContext;
+    ThreadMailbox linkContext;
+    ThreadMailbox qmlContext;
     QStringList story;
     StoryListener listener{&story};
     std::shared_ptr<StoryHandler> root;
@@ -220,8 +216,7 @@ void TestLinkThreadConnection::aLinkLeftBehindIsClosedAndDestroyedOnItsThread()
     QTRY_VERIFY_WITH_TIMEOUT(rig.face->state() == ISectionConnection::Connecting, kTimeoutMs);
     rig.face.reset();
     // Only the rig's own share of the line is left once the link has gone.
-    runOn(
-        &rig.linkContext, [&rig]() { rig.line.reset(); }, true);
+    rig.linkContext.runAndWait([&rig]() { rig.line.reset(); });
     QTRY_COMPARE_WITH_TIMEOUT(rig.lineEndedOn->load(), &rig.thread, kTimeoutMs);
 }
 
@@ -235,8 +230,7 @@ void TestLinkThreadConnection::nothingReachesAFaceThatHasGone()
     rig.receive(faderFrame(5));
     QCoreApplication::processEvents();
     QCOMPARE(rig.story, QStringList{QStringLiteral("section 1 state 2")});
-    runOn(
-        &rig.linkContext, [taken = std::move(link)]() mutable { taken.reset(); }, true);
+    rig.linkContext.runAndWait([taken = std::move(link)]() mutable { taken.reset(); });
 }
 
 QTEST_GUILESS_MAIN(TestLinkThreadConnection)

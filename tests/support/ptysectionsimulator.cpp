@@ -147,6 +147,10 @@ PtySectionSimulator::PtySectionSimulator(QObject* parent)
     m_paceTimer->setTimerType(Qt::PreciseTimer);
     m_paceTimer->setInterval(1);
     connect(m_paceTimer, &QTimer::timeout, this, &PtySectionSimulator::pump);
+    m_arrivalTimer = new QTimer(this);
+    m_arrivalTimer->setTimerType(Qt::PreciseTimer);
+    m_arrivalTimer->setSingleShot(true);
+    connect(m_arrivalTimer, &QTimer::timeout, this, &PtySectionSimulator::deliverArrived);
 }
 
 PtySectionSimulator::~PtySectionSimulator()
@@ -578,6 +582,51 @@ void PtySectionSimulator::onReadable()
         break;
     }
     if (chunk.isEmpty()) {
+        return;
+    }
+    if (m_pacedInputBaud <= 0) {
+        takeIn(chunk);
+        return;
+    }
+    if (!m_inputClock.isValid()) {
+        m_inputClock.start();
+    }
+    const qint64 nowNs = m_inputClock.nsecsElapsed();
+    const qint64 bytesPerSecond = m_pacedInputBaud / 10;
+    const qint64 startNs = qMax(nowNs, m_inputLineFreeNs);
+    m_inputLineFreeNs = startNs + chunk.size() * qint64(1000000000) / bytesPerSecond;
+    m_arriving.append(qMakePair(m_inputLineFreeNs, chunk));
+    if (!m_arrivalTimer->isActive()) {
+        deliverArrived();
+    }
+}
+
+void PtySectionSimulator::setPacedInputBaudRate(int baud)
+{
+    m_pacedInputBaud = qMax(0, baud);
+    if (m_pacedInputBaud == 0) {
+        m_arrivalTimer->stop();
+        while (!m_arriving.isEmpty()) {
+            takeIn(m_arriving.takeFirst().second);
+        }
+    }
+}
+
+void PtySectionSimulator::deliverArrived()
+{
+    const qint64 nowNs = m_inputClock.isValid() ? m_inputClock.nsecsElapsed() : 0;
+    while (!m_arriving.isEmpty() && m_arriving.first().first <= nowNs) {
+        takeIn(m_arriving.takeFirst().second);
+    }
+    if (!m_arriving.isEmpty()) {
+        const qint64 waitNs = m_arriving.first().first - nowNs;
+        m_arrivalTimer->start(static_cast<int>((waitNs + 999999) / 1000000));
+    }
+}
+
+void PtySectionSimulator::takeIn(const QByteArray& chunk)
+{
+    if (!isOpen()) {
         return;
     }
     m_received.append(chunk);

@@ -207,6 +207,10 @@ public:
     // The first byte of a write into an empty queue goes out at once.
     void setPacedBaudRate(int baud);
     int pacedBaudRate() const;
+    // Paces what the plugin sends as well, which a pty carries at once: each chunk read is
+    // taken in only when a line at `baud` (8N1) would have delivered its last byte, after
+    // the chunks before it. 0 (the default): at once.
+    void setPacedInputBaudRate(int baud);
     // Bytes queued but not yet written into the pty.
     int pendingOutgoing() const;
     // Runs the event loop until the outgoing queue is empty; false on time-out or hang-up.
@@ -300,4 +304,14 @@ private:
     int m_pacedBaud = 0;
     QElapsedTimer m_paceClock;
     qint64 m_pacedWritten = 0;
+
+    // Input pacing: chunks read but not yet delivered by the paced line, with the time (on
+    // m_inputClock) at which their last byte arrives.
+    void takeIn(const QByteArray& chunk);
+    void deliverArrived();
+    int m_pacedInputBaud = 0;
+    QElapsedTimer m_inputClock;
+    qint64 m_inputLineFreeNs = 0;
+    QList<QPair<qint64, QByteArray>> m_arriving;
+    QTimer* m_arrivalTimer = nullptr;
 };

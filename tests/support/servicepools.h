@@ -6,21 +6,20 @@
 #include <memory>
 
 #include "qml/worksurfacefunctions.h"
-#include "tasks/runon.h"
 #include "tasks/taskpool.h"
+#include "tasks/threadmailbox.h"
 
 // One tick of every task pool the surface service runs, for tests that drive time by hand:
 // the model's pool here, and the links' pool on the surface thread when the links run there
 // (waiting for its tick), so that a test reads the same state after a pass in either mode
 // once the QML thread has taken what the links posted (processEvents).
-inline void runServicePools(const WorksurfaceFunctions& service)
+inline void runServicePools(WorksurfaceFunctions& service)
 {
     if (const auto pool = service.taskPool()) {
         pool->runPendingTasks();
     }
     if (const auto links = service.linkTaskPool()) {
-        Velmora::Worksurface::runOn(
-            links.get(), [links]() { links->runPendingTasks(); }, true);
+        service.linkMailbox().runAndWait([links]() { links->runPendingTasks(); });
     }
 }
 
@@ -30,7 +29,7 @@ inline void runServicePools(const WorksurfaceFunctions& service)
 // bytes over a moment after they were written (about a millisecond), and the link thread
 // takes them when its event loop next looks; the two waits on it make sure a read that had
 // begun by then has finished. Real waits, for real I/O only.
-inline void settleServiceLinks(const WorksurfaceFunctions& service)
+inline void settleServiceLinks(WorksurfaceFunctions& service)
 {
     QCoreApplication::processEvents();
     const auto links = service.linkTaskPool();
@@ -39,8 +38,7 @@ inline void settleServiceLinks(const WorksurfaceFunctions& service)
     }
     QThread::msleep(2);
     for (int round = 0; round < 2; ++round) {
-        Velmora::Worksurface::runOn(
-            links.get(), []() {}, true);
+        service.linkMailbox().runAndWait([]() {});
     }
     QCoreApplication::processEvents();
 }

@@ -1,0 +1,80 @@
+#include "tasks/threadmailbox.h"
+
+#include <QCoreApplication>
+#include <QEvent>
+#include <QThread>
+#include <condition_variable>
+#include <utility>
+
+namespace Velmora::Worksurface {
+
+namespace {
+
+const QEvent::Type kMailEvent = static_cast<QEvent::Type>(QEvent::registerEventType());
+
+}  // namespace
+
+ThreadMailbox::ThreadMailbox(QObject* parent) : QObject(parent) {}
+
+ThreadMailbox::~ThreadMailbox() = default;
+
+void ThreadMailbox::post(std::function<void()> work)
+{
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_work.push_back(std::move(work));
+        wake = !m_wakePosted;
+        m_wakePosted = true;
+    }
+    if (wake) {
+        QCoreApplication::postEvent(this, new QEvent(kMailEvent));
+    }
+}
+
+void ThreadMailbox::runAndWait(const std::function<void()>& work)
+{
+    if (thread() == QThread::currentThread()) {
+        work();
+        return;
+    }
+    std::mutex mutex;
+    std::condition_variable ran;
+    bool done = false;
+    post([&]() {
+        work();
+        std::lock_guard<std::mutex> lock(mutex);
+        done = true;
+        ran.notify_one();
+    });
+    std::unique_lock<std::mutex> lock(mutex);
+    ran.wait(lock, [&done]() { return done; });
+}
+
+bool ThreadMailbox::event(QEvent* event)
+{
+    if (event->type() == kMailEvent) {
+        drain();
+        return true;
+    }
+    return QObject::event(event);
+}
+
+void ThreadMailbox::drain()
+{
+    for (;;) {
+        std::function<void()> work;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_work.empty()) {
+                m_wakePosted = false;
+                return;
+            }
+            work = std::move(m_work.front());
+            m_work.pop_front();
+        }
+        work();
+    }
+}
+
+}  // namespace Velmora::Worksurface
