@@ -1,13 +1,14 @@
 #include "support/logcapture.h"
 
-#include <QMutex>
-#include <QMutexLocker>
 #include <QStringList>
+#include <mutex>
 
 namespace {
 
 LogCapture* g_current = nullptr;
-QMutex g_mutex;
+// A standard mutex, not a QMutex: lines may come from another thread (the trace writer), and
+// ThreadSanitizer sees only the standard one's synchronisation.
+std::mutex g_mutex;
 
 }  // namespace
 
@@ -30,7 +31,7 @@ const char* LogCapture::levelName(QtMsgType type)
 
 LogCapture::LogCapture()
 {
-    QMutexLocker lock(&g_mutex);
+    std::lock_guard<std::mutex> lock(g_mutex);
     m_outer = g_current;
     g_current = this;
     m_previous = qInstallMessageHandler(&LogCapture::handler);
@@ -38,7 +39,7 @@ LogCapture::LogCapture()
 
 LogCapture::~LogCapture()
 {
-    QMutexLocker lock(&g_mutex);
+    std::lock_guard<std::mutex> lock(g_mutex);
     qInstallMessageHandler(m_previous);
     g_current = m_outer;
 }
@@ -47,7 +48,7 @@ void LogCapture::handler(QtMsgType type, const QMessageLogContext& context, cons
 {
     QtMessageHandler echoTo = nullptr;
     {
-        QMutexLocker lock(&g_mutex);
+        std::lock_guard<std::mutex> lock(g_mutex);
         if (!g_current) {
             return;
         }
@@ -65,7 +66,7 @@ void LogCapture::handler(QtMsgType type, const QMessageLogContext& context, cons
 
 QList<LogCapture::Line> LogCapture::lines() const
 {
-    QMutexLocker lock(&g_mutex);
+    std::lock_guard<std::mutex> lock(g_mutex);
     return m_lines;
 }
 
@@ -96,13 +97,13 @@ bool LogCapture::contains(QtMsgType level, const QString& text) const
 
 QStringList LogCapture::categories() const
 {
-    QMutexLocker lock(&g_mutex);
+    std::lock_guard<std::mutex> lock(g_mutex);
     return m_categories;
 }
 
 QStringList LogCapture::textsIn(const QString& category) const
 {
-    QMutexLocker lock(&g_mutex);
+    std::lock_guard<std::mutex> lock(g_mutex);
     QStringList result;
     for (int i = 0; i < m_lines.size(); ++i) {
         if (m_categories.at(i) == category) {
@@ -125,7 +126,7 @@ int LogCapture::count(QtMsgType level, const QString& text) const
 
 void LogCapture::clear()
 {
-    QMutexLocker lock(&g_mutex);
+    std::lock_guard<std::mutex> lock(g_mutex);
     m_lines.clear();
     m_categories.clear();
 }
