@@ -6,7 +6,7 @@
 namespace {
 
 LogCapture* g_current = nullptr;
-// A standard mutex, not a QMutex: the links may log from the surface thread, and
+// A standard mutex, not a QMutex: lines may come from another thread (the trace writer), and
 // ThreadSanitizer sees only the standard one's synchronisation.
 std::mutex g_mutex;
 
