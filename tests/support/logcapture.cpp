@@ -6,8 +6,8 @@
 namespace {
 
 LogCapture* g_current = nullptr;
-// A standard mutex, not a QMutex: lines may come from another thread (the trace writer), and
-// ThreadSanitizer sees only the standard one's synchronisation.
+// A standard mutex, not a QMutex: lines may come from other threads (the trace writer, the
+// links' thread), and ThreadSanitizer sees only the standard one's synchronisation.
 std::mutex g_mutex;
 
 }  // namespace
