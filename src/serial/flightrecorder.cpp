@@ -93,16 +93,16 @@ std::vector<FlightRecorder::Record> FlightRecorder::snapshot(int section) const
     }
     // The slots are copied out in one go and decoded without the lock, so a link that
     // records meanwhile waits for a copy of the ring, not for the records to be built.
-    std::vector<Slot> slots;
+    std::vector<Slot> copied;
     std::vector<Text> texts;
     uint64_t written = 0;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         written = m_written;
         const uint64_t count = std::min<uint64_t>(written, static_cast<uint64_t>(m_capacity));
-        slots.reserve(static_cast<std::size_t>(count));
+        copied.reserve(static_cast<std::size_t>(count));
         for (uint64_t i = written - count; i < written; ++i) {
-            slots.push_back(
+            copied.push_back(
                 m_slots[static_cast<std::size_t>(i % static_cast<uint64_t>(m_capacity))]);
         }
         texts = m_texts;
@@ -116,9 +116,9 @@ std::vector<FlightRecorder::Record> FlightRecorder::snapshot(int section) const
         return slot.id == id ? slot.text : QString();
     };
 
-    records.reserve(slots.size());
-    for (std::size_t i = 0; i < slots.size(); ++i) {
-        const Slot& slot = slots[i];
+    records.reserve(copied.size());
+    for (std::size_t i = 0; i < copied.size(); ++i) {
+        const Slot& slot = copied[i];
         const Kind kind = static_cast<Kind>(slot.kind);
         if (slot.continuation && i > 0 && !records.empty() && records.back().kind == kind) {
             records.back().bytes.append(slot.data, slot.size);
