@@ -19,6 +19,9 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
+// Pacing runs on a 1 ms precise timer; half of it, in nanoseconds.
+constexpr qint64 kHalfTickNs = 500000;
+
 // Frames the section accepts: length byte 3..25 (4..26 bytes).
 constexpr int MinFrameLength = 3;
 constexpr int MaxFrameLength = 25;
@@ -615,12 +618,16 @@ void PtySectionSimulator::setPacedInputBaudRate(int baud)
 void PtySectionSimulator::deliverArrived()
 {
     const qint64 nowNs = m_inputClock.isValid() ? m_inputClock.nsecsElapsed() : 0;
-    while (!m_arriving.isEmpty() && m_arriving.first().first <= nowNs) {
+    // As for the output, a chunk due within half a timer tick is taken in now and the
+    // timer is set to the nearest millisecond, so that chunks arrive on average when the
+    // line would deliver them (rounding every wait up would add half a tick to each of
+    // an exchange's round trips).
+    while (!m_arriving.isEmpty() && m_arriving.first().first <= nowNs + kHalfTickNs) {
         takeIn(m_arriving.takeFirst().second);
     }
     if (!m_arriving.isEmpty()) {
         const qint64 waitNs = m_arriving.first().first - nowNs;
-        m_arrivalTimer->start(static_cast<int>((waitNs + 999999) / 1000000));
+        m_arrivalTimer->start(static_cast<int>(qMax<qint64>(1, (waitNs + kHalfTickNs) / 1000000)));
     }
 }
 
@@ -887,7 +894,11 @@ void PtySectionSimulator::pump()
         qint64 allowed = m_output.size();
         if (m_pacedBaud > 0) {
             const qint64 bytesPerSecond = m_pacedBaud / 10;
-            const qint64 due = m_paceClock.nsecsElapsed() * bytesPerSecond / 1000000000 + 1;
+            // Half a timer tick ahead: bytes due before the middle of the next 1 ms tick
+            // go now, so that on average they leave when the line would send them
+            // instead of up to a whole tick late.
+            const qint64 due =
+                (m_paceClock.nsecsElapsed() + kHalfTickNs) * bytesPerSecond / 1000000000 + 1;
             allowed = qMin<qint64>(allowed, due - m_pacedWritten);
             if (allowed <= 0) {
                 break;

@@ -203,7 +203,8 @@ public:
 
     // 0 (default): write at once. Otherwise drain the outgoing queue at baud / 10 bytes a
     // second (8N1), e.g. 115200 -> 11,520 bytes/s, one byte every ~87 us on average: a
-    // 1 ms precise timer writes whatever is due, so bytes leave in groups of about 12.
+    // 1 ms precise timer writes whatever is due by the middle of its next tick, so bytes
+    // leave in groups of about 12, on average when the line would send them.
     // The first byte of a write into an empty queue goes out at once.
     void setPacedBaudRate(int baud);
     int pacedBaudRate() const;
