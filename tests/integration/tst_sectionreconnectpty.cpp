@@ -163,6 +163,7 @@ void TestSectionReconnectPty::startSurface(int intervalMs, bool otherComesUp)
 
 void TestSectionReconnectPty::pass()
 {
+    catchUpServiceLinks(*m_service);
     m_clock->advanceNs(kPassNs);
     runServicePools(*m_service);
     // Lets the ports write what the pass sent (a port closed before that would drop it) and

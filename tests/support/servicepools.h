@@ -23,6 +23,18 @@ inline void runServicePools(WorksurfaceFunctions& service)
     }
 }
 
+// Before moving the manual clock: with the links on the surface thread, lets them finish
+// what this thread asked of them so far (the links' open() after connect(), above all), so
+// that it happens at the time it was asked for, as it does when the links run here. An open
+// that ran after the clock had moved would schedule the link's pass from the later time, and
+// the pass the test then runs would find it not yet due.
+inline void catchUpServiceLinks(WorksurfaceFunctions& service)
+{
+    if (service.linkTaskPool()) {
+        service.linkMailbox().runAndWait([]() {});
+    }
+}
+
 // After a pass: with the links on the surface thread, lets what the simulators answered during
 // the pass reach the links there and what the links made of it reach this thread, as one
 // run of this thread's event loop does when the links run here. The kernel hands a pty's
@@ -40,6 +52,10 @@ inline void settleServiceLinks(WorksurfaceFunctions& service)
     for (int round = 0; round < 2; ++round) {
         service.linkMailbox().runAndWait([]() {});
     }
+    // Everything the links posted is in this thread's queue by now: delivered directly, as
+    // one pass of the event loop need not get to posted events when other sources are
+    // ready first.
+    QCoreApplication::sendPostedEvents();
     QCoreApplication::processEvents();
 }
 
