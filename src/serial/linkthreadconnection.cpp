@@ -75,6 +75,13 @@ public:
 
     void sentMessageCount(uint64_t count) override
     {
+        // The link tells its count on every connected pass; only a new count crosses, so
+        // that an idle link's passes do not wake the QML thread twenty times a second.
+        if (m_sentCountPosted && count == m_postedSentCount) {
+            return;
+        }
+        m_sentCountPosted = true;
+        m_postedSentCount = count;
         post([count](LinkThreadConnection::Relay& relay) {
             if (relay.listener) {
                 relay.listener->sentMessageCount(count);
@@ -113,6 +120,9 @@ private:
         });
     }
 
+    // Links' thread only.
+    bool m_sentCountPosted = false;
+    uint64_t m_postedSentCount = 0;
     const std::weak_ptr<LinkThreadConnection::Relay> m_relay;
     // Weak: the section owns its handlers, and they must go on the QML thread.
     const std::weak_ptr<ISerialMessageHandler> m_rootHandler;

@@ -17,6 +17,7 @@
 #include "support/fakesectionupdater.h"
 #include "support/fakeserialconnection.h"
 #include "support/fakesettings.h"
+#include "support/manualclock.h"
 #include "tasks/taskpool.h"
 #include "tasks/threadmailbox.h"
 
@@ -70,9 +71,10 @@ public:
         m_story->append(QStringLiteral("section %1 state %2").arg(sectionIndex).arg(state));
     }
     void sectionUpdateProgress(uint8_t, uint8_t) override {}
-    void sentMessageCount(uint64_t) override {}
+    void sentMessageCount(uint64_t count) override { sentCounts.push_back(count); }
 
     std::vector<QThread*> threads;
+    std::vector<uint64_t> sentCounts;
 
 private:
     QStringList* m_story;
@@ -140,6 +142,13 @@ struct Rig
         linkContext.runAndWait([this, bytes]() { line->pushData(bytes); });
     }
 
+    // One pass of the link on its thread, the manual clock moved past its interval.
+    void pass(ManualClock& clock)
+    {
+        clock.advanceNs(SectionConnection::kTaskIntervalMs * kMs + 1);
+        linkContext.runAndWait([this]() { pool->runPendingTasks(); });
+    }
+
     QThread thread;
     ThreadMailbox linkContext;
     ThreadMailbox qmlContext;
@@ -165,6 +174,7 @@ private slots:
     void stateIsTheOneLastToldOnTheQmlThread();
     void aLinkLeftBehindIsClosedAndDestroyedOnItsThread();
     void nothingReachesAFaceThatHasGone();
+    void theSentCountCrossesOnlyWhenItChanges();
 };
 
 void TestLinkThreadConnection::theLinkIsMadeOnItsThread()
@@ -231,6 +241,30 @@ void TestLinkThreadConnection::nothingReachesAFaceThatHasGone()
     QCoreApplication::processEvents();
     QCOMPARE(rig.story, QStringList{QStringLiteral("section 1 state 2")});
     rig.linkContext.runAndWait([taken = std::move(link)]() mutable { taken.reset(); });
+}
+
+void TestLinkThreadConnection::theSentCountCrossesOnlyWhenItChanges()
+{
+    ManualClock clock(kStartNs);
+    Rig rig;
+    rig.face->open();
+    rig.receive(faderFrame(10));
+    QTRY_COMPARE_WITH_TIMEOUT(rig.face->state(), uint8_t{ISectionConnection::Connected},
+                              kTimeoutMs);
+    // Three connected passes with nothing to send tell the same count three times.
+    for (int i = 0; i < 3; ++i) {
+        rig.pass(clock);
+    }
+    rig.linkContext.runAndWait([]() {});
+    QCoreApplication::sendPostedEvents();
+    QCOMPARE(rig.listener.sentCounts.size(), std::size_t{1});
+    const uint64_t first = rig.listener.sentCounts.front();
+    // A message leaves with the next pass: the new count crosses.
+    rig.face->enqueueMessage(SerialMessage(MessageType::SurfaceBrightness, 0, {5}));
+    rig.pass(clock);
+    rig.pass(clock);
+    QTRY_COMPARE_WITH_TIMEOUT(rig.listener.sentCounts.size(), std::size_t{2}, kTimeoutMs);
+    QCOMPARE(rig.listener.sentCounts.back(), first + 1);
 }
 
 QTEST_GUILESS_MAIN(TestLinkThreadConnection)
