@@ -16,6 +16,30 @@ namespace {
 
 class Endpoint;
 
+// What a link registered for its section (nullptr: withdrew); true when it registered.
+template <typename T>
+bool noteRegistration(std::map<uint8_t, T*>& registered, uint8_t sectionIndex, T* value)
+{
+    if (value == nullptr) {
+        registered.erase(sectionIndex);
+        return false;
+    }
+    registered[sectionIndex] = value;
+    return true;
+}
+
+// Withdraws a registration only if it is still the one given; false when it was not.
+template <typename T>
+bool forgetRegistration(std::map<uint8_t, T*>& registered, uint8_t sectionIndex, T* value)
+{
+    const auto it = registered.find(sectionIndex);
+    if (it == registered.end() || it->second != value) {
+        return false;
+    }
+    registered.erase(it);
+    return true;
+}
+
 }  // namespace
 
 struct LinkThreadController::Shared
@@ -154,12 +178,7 @@ void LinkThreadController::addSoftwareHandler(ISoftwareSerialMessageHandler* han
 
 void LinkThreadController::setDataReceiver(uint8_t sectionIndex, ISerialDataReceiver* receiver)
 {
-    const bool registering = receiver != nullptr;
-    if (registering) {
-        m_shared->receivers[sectionIndex] = receiver;
-    } else {
-        m_shared->receivers.erase(sectionIndex);
-    }
+    const bool registering = noteRegistration(m_shared->receivers, sectionIndex, receiver);
     toController([sectionIndex, registering](ISoftwareControllerConnection& controller,
                                              const std::shared_ptr<Shared>& shared) {
         controller.setDataReceiver(sectionIndex,
@@ -169,11 +188,9 @@ void LinkThreadController::setDataReceiver(uint8_t sectionIndex, ISerialDataRece
 
 void LinkThreadController::removeDataReceiver(uint8_t sectionIndex, ISerialDataReceiver* receiver)
 {
-    const auto it = m_shared->receivers.find(sectionIndex);
-    if (it == m_shared->receivers.end() || it->second != receiver) {
+    if (!forgetRegistration(m_shared->receivers, sectionIndex, receiver)) {
         return;
     }
-    m_shared->receivers.erase(it);
     toController([sectionIndex](ISoftwareControllerConnection& controller,
                                 const std::shared_ptr<Shared>& shared) {
         controller.removeDataReceiver(sectionIndex, &shared->endpoint(shared, sectionIndex));
@@ -211,12 +228,7 @@ void LinkThreadController::replayLastMessage(uint8_t sectionIndex, uint8_t type,
 
 void LinkThreadController::setSectionLine(uint8_t sectionIndex, ISoftwareSectionLine* line)
 {
-    const bool registering = line != nullptr;
-    if (registering) {
-        m_shared->lines[sectionIndex] = line;
-    } else {
-        m_shared->lines.erase(sectionIndex);
-    }
+    const bool registering = noteRegistration(m_shared->lines, sectionIndex, line);
     toController([sectionIndex, registering](ISoftwareControllerConnection& controller,
                                              const std::shared_ptr<Shared>& shared) {
         controller.setSectionLine(sectionIndex,
@@ -227,11 +239,9 @@ void LinkThreadController::setSectionLine(uint8_t sectionIndex, ISoftwareSection
 
 void LinkThreadController::removeSectionLine(uint8_t sectionIndex, ISoftwareSectionLine* line)
 {
-    const auto it = m_shared->lines.find(sectionIndex);
-    if (it == m_shared->lines.end() || it->second != line) {
+    if (!forgetRegistration(m_shared->lines, sectionIndex, line)) {
         return;
     }
-    m_shared->lines.erase(it);
     toController([sectionIndex](ISoftwareControllerConnection& controller,
                                 const std::shared_ptr<Shared>& shared) {
         controller.removeSectionLine(sectionIndex, &shared->endpoint(shared, sectionIndex));
