@@ -16,7 +16,15 @@ const QEvent::Type kMailEvent = static_cast<QEvent::Type>(QEvent::registerEventT
 
 ThreadMailbox::ThreadMailbox(QObject* parent) : QObject(parent) {}
 
-ThreadMailbox::~ThreadMailbox() = default;
+ThreadMailbox::~ThreadMailbox()
+{
+    // The thread that drained the queue last looks at it once more after its last work, and
+    // may have finished before the QThread::wait() that preceded this: the wait then returns
+    // on a flag under Qt's own mutex, an order ThreadSanitizer cannot see. Taking the queue's
+    // lock once orders that last look before the queue goes. The work still waiting is
+    // dropped after the lock is let go, with the members.
+    std::lock_guard<std::mutex> lock(m_mutex);
+}
 
 void ThreadMailbox::post(std::function<void()> work)
 {
