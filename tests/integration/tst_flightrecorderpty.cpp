@@ -166,17 +166,12 @@ void TestFlightRecorderPty::startSurface()
 
 void TestFlightRecorderPty::pass()
 {
-    m_clock->advanceNs(kPassNs);
-    runServicePools(*m_service);
-    settleServiceLinks(*m_service);
+    passService(*m_service, *m_clock, kPassNs);
 }
 
 void TestFlightRecorderPty::runFor(qint64 ms)
 {
-    const qint64 until = m_clock->nowNs() + ms * kMs;
-    while (m_clock->nowNs() < until) {
-        pass();
-    }
+    runServiceFor(*m_service, *m_clock, kPassNs, ms);
 }
 
 PtySectionSimulator* TestFlightRecorderPty::plugIn()

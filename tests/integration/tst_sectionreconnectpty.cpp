@@ -163,20 +163,12 @@ void TestSectionReconnectPty::startSurface(int intervalMs, bool otherComesUp)
 
 void TestSectionReconnectPty::pass()
 {
-    catchUpServiceLinks(*m_service);
-    m_clock->advanceNs(kPassNs);
-    runServicePools(*m_service);
-    // Lets the ports write what the pass sent (a port closed before that would drop it) and
-    // the simulators read and answer; the clock does not move meanwhile.
-    settleServiceLinks(*m_service);
+    passService(*m_service, *m_clock, kPassNs);
 }
 
 void TestSectionReconnectPty::runFor(qint64 ms)
 {
-    const qint64 until = m_clock->nowNs() + ms * kMs;
-    while (m_clock->nowNs() < until) {
-        pass();
-    }
+    runServiceFor(*m_service, *m_clock, kPassNs, ms);
 }
 
 PtySectionSimulator* TestSectionReconnectPty::plugIn()

@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "qml/worksurfacefunctions.h"
+#include "support/manualclock.h"
 #include "tasks/taskpool.h"
 #include "tasks/threadmailbox.h"
 
@@ -57,6 +58,28 @@ inline void settleServiceLinks(WorksurfaceFunctions& service)
     // ready first.
     QCoreApplication::sendPostedEvents();
     QCoreApplication::processEvents();
+}
+
+// One pass of a pty test that drives the service by hand: the links catch up with what was
+// asked of them, the clock moves by passNs, every pool runs once, and the ports write what
+// the pass sent (a port closed before that would drop it) while the simulators read and
+// answer; the clock does not move meanwhile. The same in either mode.
+inline void passService(WorksurfaceFunctions& service, ManualClock& clock, qint64 passNs)
+{
+    catchUpServiceLinks(service);
+    clock.advanceNs(passNs);
+    runServicePools(service);
+    settleServiceLinks(service);
+}
+
+// Passes until the clock has moved by at least ms.
+inline void runServiceFor(WorksurfaceFunctions& service, ManualClock& clock, qint64 passNs,
+                          qint64 ms)
+{
+    const qint64 until = clock.nowNs() + ms * kMs;
+    while (clock.nowNs() < until) {
+        passService(service, clock, passNs);
+    }
 }
 
 // The pool the service's links are scheduled on: the links' own pool when they run on the
