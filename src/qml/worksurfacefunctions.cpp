@@ -21,6 +21,7 @@
 #include "surface/tracefile.h"
 #include "tasks/taskpool.h"
 #include "tasks/threadmailbox.h"
+#include "tasks/timedrive.h"
 
 using namespace Velmora::Worksurface;
 
@@ -64,6 +65,8 @@ WorksurfaceFunctions::WorksurfaceFunctions()
 WorksurfaceFunctions::~WorksurfaceFunctions()
 {
     stopSurfaceThread(true);
+    // The starts still queued for this object are dropped with it.
+    TimeDrive::handOverEnds(m_startsOnTheirWay);
     if (m_linkController) {
         m_linkController->detach();
     }
@@ -112,6 +115,9 @@ void WorksurfaceFunctions::connect()
     // The running surface's software links are about to be replaced; none of them may be
     // handed bytes by the simulated sections any more.
     m_controllerConnection->clearDataReceivers();
+    if (TimeDrive::handOverBegins()) {
+        ++m_startsOnTheirWay;
+    }
     m_thread.start(QThread::InheritPriority);
 }
 
@@ -216,6 +222,10 @@ void WorksurfaceFunctions::prepareLinkThread()
 
 void WorksurfaceFunctions::onStartSurfaceThread()
 {
+    if (m_startsOnTheirWay > 0) {
+        --m_startsOnTheirWay;
+        TimeDrive::handOverEnds();
+    }
     resetSectionLinks();
     if (m_taskPool) {
         m_taskPool->stop();

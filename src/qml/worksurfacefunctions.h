@@ -127,6 +127,9 @@ private:
     void resetSectionLinks();
 
     QThread m_thread;
+    // Starts of the surface thread whose `started` has not reached this thread yet, each a
+    // hand-over for a test runner that owns time (counted only then).
+    int m_startsOnTheirWay = 0;
     // What the links' work is posted to on the surface thread, and what they post to here.
     Velmora::Worksurface::ThreadMailbox m_linkMailbox;
     Velmora::Worksurface::ThreadMailbox m_qmlMailbox;

@@ -4,7 +4,6 @@
 #include <QList>
 #include <QObject>
 #include <QPointer>
-#include <QTimer>
 #include <QVariant>
 #include <cstdint>
 #include <memory>
@@ -14,6 +13,7 @@
 #include "serial/serialmessage.h"
 #include "software/isoftwaresection.h"
 #include "software/softwarebootloader.h"
+#include "tasks/clocktimer.h"
 
 namespace Velmora::Worksurface {
 class ISoftwareControllerConnection;
@@ -173,5 +173,5 @@ private:
     int m_notifiedNakCount = 0;
     int m_notifiedReceivedBytes = 0;
     QString m_notifiedCrc;
-    QTimer m_answerTimer;
+    Velmora::Worksurface::ClockTimer m_answerTimer;
 };

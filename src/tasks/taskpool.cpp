@@ -21,6 +21,11 @@ constexpr int64_t kIdleWaitNs = TaskPool::kIdleWaitMs * kNsPerMs;
 // on its own thread.
 const QEvent::Type kWakeEvent = static_cast<QEvent::Type>(QEvent::registerEventType());
 
+// While a runner owns time the timer is armed for as long as Qt allows (about 24 days), so
+// that it never fires by itself and everything that asks whether the pool is armed still sees
+// it armed.
+constexpr int kDrivenWaitMs = std::numeric_limits<int>::max();
+
 // Intervals arrive as unsigned milliseconds; the record keeps signed ones. Anything beyond
 // the signed range is as good as "never" for a console that runs for days, not centuries.
 int64_t toStoredInterval(uint64_t intervalMs)
@@ -69,11 +74,18 @@ TaskPool::TaskPool(QObject* parent) : QObject(parent)
     // the 5 ms tick would have run it.
     m_timer.setTimerType(Qt::PreciseTimer);
     connect(&m_timer, &QTimer::timeout, this, &TaskPool::runPendingTasks);
+    TimeDrive::add(this, this);
 }
 
 // Dropping the records releases only the pool's share of them: tasks were never owned here,
 // and nothing is run on the way out.
-TaskPool::~TaskPool() = default;
+TaskPool::~TaskPool()
+{
+    TimeDrive::remove(this);
+    if (m_wakeCounted.exchange(false)) {
+        TimeDrive::handOverEnds();
+    }
+}
 
 void TaskPool::scheduleOnce(uint64_t intervalMs, const std::shared_ptr<ITask>& task)
 {
@@ -106,6 +118,7 @@ std::shared_ptr<TaskPool::TaskData> TaskPool::addTask(uint64_t intervalMs,
         if (QThread::currentThread() == m_timer.thread()) {
             rearmIfEarlier();
         } else if (!m_wakePosted.exchange(true)) {
+            m_wakeCounted.store(TimeDrive::handOverBegins());
             QCoreApplication::postEvent(this, new QEvent(kWakeEvent));
         }
     }
@@ -117,6 +130,9 @@ bool TaskPool::event(QEvent* event)
     if (event->type() == kWakeEvent) {
         m_wakePosted.store(false);
         rearmIfEarlier();
+        if (m_wakeCounted.exchange(false)) {
+            TimeDrive::handOverEnds();
+        }
         return true;
     }
     return QObject::event(event);
@@ -155,8 +171,25 @@ void TaskPool::armFrom(int64_t anchorNs)
     // clock does) waits no longer than the idle wake.
     const int64_t waitMs =
         waitNs <= 0 ? 0 : std::min<int64_t>((waitNs + kNsPerMs - 1) / kNsPerMs, kIdleWaitMs);
-    m_timer.start(static_cast<int>(waitMs));
+    m_timer.start(TimeDrive::isOn() ? kDrivenWaitMs : static_cast<int>(waitMs));
     m_armed = true;
+    m_driveDueNs.store(m_armedForNs);
+}
+
+void TaskPool::disarm()
+{
+    m_armed = false;
+    m_driveDueNs.store(-1);
+}
+
+int64_t TaskPool::driveDueNs() const
+{
+    return m_driveDueNs.load();
+}
+
+void TaskPool::driveFire()
+{
+    runPendingTasks();
 }
 
 void TaskPool::rearmIfEarlier()
@@ -184,7 +217,7 @@ void TaskPool::stop()
     m_running = false;
     m_timer.stop();
     std::lock_guard<Mutex> lock(m_mutex);
-    m_armed = false;
+    disarm();
 }
 
 bool TaskPool::isRunning() const
@@ -227,7 +260,7 @@ void TaskPool::runPendingTasks()
     const int64_t now = MonotonicClock::nowNs();
 
     std::unique_lock<Mutex> lock(m_mutex);
-    m_armed = false;
+    disarm();
     m_inTick = true;
     // By index, and re-reading the size each time: a task may append a record while it runs
     // (the link restart schedules its new supervision task from within its own pass), which

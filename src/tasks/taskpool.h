@@ -12,6 +12,7 @@
 #include "tasks/itask.h"
 #include "tasks/itaskhandle.h"
 #include "tasks/itaskpool.h"
+#include "tasks/timedrive.h"
 
 namespace Velmora::Worksurface {
 
@@ -31,7 +32,10 @@ namespace Velmora::Worksurface {
 // others, as with a timer firing every 5 ms, while an idle console sleeps between passes.
 // Tasks are held weakly: a task whose owner has released it is dropped at its next due time
 // without being run.
-class TaskPool : public QObject, public ITaskPool
+//
+// While a test runner owns time (TimeDrive), the timer is armed but never fires by itself:
+// the runner runs the armed tick when its clock gets there.
+class TaskPool : public QObject, public ITaskPool, private TimeDrive::Waiter
 {
     Q_OBJECT
 
@@ -122,6 +126,11 @@ private:
     // A schedule call's wake: re-arms for an earlier tick when the new record needs one and
     // the pool is armed and not inside its own tick. On the pool's thread.
     void rearmIfEarlier();
+    // Disarmed: the timer is stopped, or a tick has begun. Under the mutex.
+    void disarm();
+
+    int64_t driveDueNs() const override;
+    void driveFire() override;
 
     QTimer m_timer;
     bool m_running = false;
@@ -136,6 +145,10 @@ private:
     // Set while a wake posted from another thread is on its way, so a burst of schedule
     // calls posts one.
     std::atomic<bool> m_wakePosted{false};
+    // Whether that wake counts as a hand-over for a runner that owns time.
+    std::atomic<bool> m_wakeCounted{false};
+    // The armed tick as the runner reads it, without the mutex; -1 when disarmed.
+    std::atomic<int64_t> m_driveDueNs{-1};
     // Recursive because a task may schedule on this pool from inside its run while the
     // tick holds the lock (the section connection's restart reopens the link and schedules
     // its new supervision task from within its own pass).

@@ -6,6 +6,8 @@
 #include <condition_variable>
 #include <utility>
 
+#include "tasks/timedrive.h"
+
 namespace Velmora::Worksurface {
 
 namespace {
@@ -23,7 +25,14 @@ ThreadMailbox::~ThreadMailbox()
     // on a flag under Qt's own mutex, an order ThreadSanitizer cannot see. Taking the queue's
     // lock once orders that last look before the queue goes. The work still waiting is
     // dropped after the lock is let go, with the members.
-    std::lock_guard<std::mutex> lock(m_mutex);
+    int counted = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (const Work& work : m_work) {
+            counted += work.counted ? 1 : 0;
+        }
+    }
+    TimeDrive::handOverEnds(counted);
 }
 
 void ThreadMailbox::post(std::function<void()> work)
@@ -31,7 +40,7 @@ void ThreadMailbox::post(std::function<void()> work)
     bool wake = false;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_work.push_back(std::move(work));
+        m_work.push_back(Work{std::move(work), TimeDrive::handOverBegins()});
         wake = !m_wakePosted;
         m_wakePosted = true;
     }
@@ -71,7 +80,7 @@ bool ThreadMailbox::event(QEvent* event)
 void ThreadMailbox::drain()
 {
     for (;;) {
-        std::function<void()> work;
+        Work work;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             if (m_work.empty()) {
@@ -81,7 +90,10 @@ void ThreadMailbox::drain()
             work = std::move(m_work.front());
             m_work.pop_front();
         }
-        work();
+        work.run();
+        if (work.counted) {
+            TimeDrive::handOverEnds();
+        }
     }
 }
 

@@ -38,8 +38,15 @@ private:
     // Runs the waiting work, oldest first, one piece at a time without the lock.
     void drain();
 
+    struct Work
+    {
+        std::function<void()> run;
+        // Whether a runner that owns time counts it as a hand-over until it has run.
+        bool counted;
+    };
+
     std::mutex m_mutex;
-    std::deque<std::function<void()>> m_work;
+    std::deque<Work> m_work;
     bool m_wakePosted = false;
 };
 

@@ -5,6 +5,9 @@
 // one that does not: a hand move reaches the binding and the binding's value reaches the
 // control; an unbound fader is parked by the surface's task pool; a new surface answers the
 // section controls that are left; with the service gone, nobody hears the controls.
+//
+// Time is the test's own (DrivenClock): a wait runs the surface's ticks and the sections'
+// answers at their times, in microseconds, whatever the machine's speed.
 #include <QPointer>
 #include <QQmlComponent>
 #include <QQmlEngine>
@@ -23,10 +26,32 @@
 #include "software/fadercontrol.h"
 #include "software/qmlcontrollerconnection.h"
 #include "software/sectioncontrol.h"
+#include "support/drivenclock.h"
 
 namespace {
 
 constexpr int kTimeoutMs = 5000;
+
+// The clock of the test function that runs: the core linked into this test, or the plugin the
+// QML engine loads.
+DrivenClock* g_clock = nullptr;
+
+struct OwnTime
+{
+    explicit OwnTime(const TarvixTimeDrive* drive) : clock(drive) { g_clock = &clock; }
+    ~OwnTime() { g_clock = nullptr; }
+    DrivenClock clock;
+};
+
+bool waitFor(const std::function<bool()>& done, int timeoutMs)
+{
+    return g_clock->advanceUntil(done, timeoutMs);
+}
+
+void wait(int ms)
+{
+    g_clock->advance(ms);
+}
 
 // One running software surface as an application has it, built in C++.
 struct Scene
@@ -99,7 +124,7 @@ struct Scene
     // the new links' first ping with.
     bool sectionsAnswer()
     {
-        return QTest::qWaitFor(
+        return waitFor(
             [this]() {
                 for (std::size_t i = 0; i < sections.size(); ++i) {
                     SectionInfoModel* const info = service->section(static_cast<int>(i));
@@ -116,15 +141,14 @@ struct Scene
     bool connectAndWait()
     {
         service->connect();
-        return QTest::qWaitFor([this]() { return surfacesBuilt == 1; }, kTimeoutMs) &&
-               sectionsAnswer();
+        return waitFor([this]() { return surfacesBuilt == 1; }, kTimeoutMs) && sectionsAnswer();
     }
 
     // A fader move by hand reaches the binding.
     bool moveArrives()
     {
         const int before = moves;
-        return QTest::qWaitFor(
+        return waitFor(
             [this, before]() {
                 control->moveByHand(moves % 2 == 0 ? 400 : 320);
                 return moves > before;
@@ -155,14 +179,13 @@ struct Scene
         const int expected =
             ResponseCurve::convertdBtoLinear(decibels, ResponseCurve::ConversionMode::Default);
         control->setTouched(true);
-        if (!QTest::qWaitFor([this]() { return binding->touched(); }, timeoutMs)) {
+        if (!waitFor([this]() { return binding->touched(); }, timeoutMs)) {
             return false;
         }
         binding->setValue(decibels);
         QCoreApplication::sendPostedEvents();
         control->setTouched(false);
-        return QTest::qWaitFor([this, expected]() { return control->value() == expected; },
-                               timeoutMs);
+        return waitFor([this, expected]() { return control->value() == expected; }, timeoutMs);
     }
 
     // Whatever is still there keeps doing its work for a while.
@@ -181,7 +204,7 @@ struct Scene
                     section->setTemperature(70 + round);
                 }
             }
-            QTest::qWait(15);
+            wait(15);
         }
         if (control) {
             control->setTouched(false);
@@ -219,7 +242,7 @@ struct Scene
             // An unbound fader parks at the bottom after a hand move: the surface's task pool
             // runs and the control is heard.
             control->moveByHand(300);
-            if (!QTest::qWaitFor([this]() { return control->value() == 0; }, kTimeoutMs)) {
+            if (!waitFor([this]() { return control->value() == 0; }, kTimeoutMs)) {
                 return QStringLiteral("the unbound fader was not parked");
             }
         }
@@ -246,9 +269,9 @@ struct Scene
                 giveNewTemperatures();
                 service->connect();
                 surfaceReplaced = true;
-                QVERIFY2(QTest::qWaitFor([this, built]() { return surfacesBuilt == built + 1; },
-                                         kTimeoutMs),
-                         "connect() built no new surface");
+                QVERIFY2(
+                    waitFor([this, built]() { return surfacesBuilt == built + 1; }, kTimeoutMs),
+                    "connect() built no new surface");
             }
         }
     }
@@ -280,6 +303,7 @@ void TestTeardownOrders::everyOrderIsClean_data()
 void TestTeardownOrders::everyOrderIsClean()
 {
     QFETCH(QStringList, order);
+    OwnTime time(tarvixWorksurfaceTimeDrive());
     Scene scene;
     QVERIFY(scene.connectAndWait());
     QString failure = scene.survivorsWork();
@@ -299,6 +323,7 @@ void TestTeardownOrders::everyOrderIsClean()
 // goes first, and controls made in that engine still report on their way out.
 void TestTeardownOrders::controlsReportingAfterTheEngineIsGone()
 {
+    OwnTime time(DrivenClock::pluginDrive(TARVIX_PLUGIN_FILE));
     auto* engine = new QQmlEngine();
     engine->addImportPath(QStringLiteral(TARVIX_QML_ROOT));
     QQmlComponent component(engine);
@@ -331,7 +356,7 @@ void TestTeardownOrders::controlsReportingAfterTheEngineIsGone()
     // meta object.
     QPointer<QObject> control = root->property("control").value<QObject*>();
     QVERIFY2(control, qPrintable(component.errorString()));
-    QTest::qWait(300);
+    wait(300);
     // Keep the objects, drop the engine.
     root->setParent(nullptr);
     QQmlEngine::setObjectOwnership(root, QQmlEngine::CppOwnership);
@@ -339,13 +364,14 @@ void TestTeardownOrders::controlsReportingAfterTheEngineIsGone()
     for (int i = 0; i < 10 && control; ++i) {
         QVERIFY(QMetaObject::invokeMethod(control, "moveByHand", Q_ARG(int, 100 + i)));
         QVERIFY(control->setProperty("touched", i % 2 == 0));
-        QTest::qWait(10);
+        wait(10);
     }
     delete root;
 }
 
 void TestTeardownOrders::receiverThatIsDestroyedRemovesItself()
 {
+    OwnTime time(tarvixWorksurfaceTimeDrive());
     Scene scene;
     QVERIFY(scene.connectAndWait());
     const std::shared_ptr<Velmora::Worksurface::QmlControllerConnection> controller =
@@ -357,7 +383,7 @@ void TestTeardownOrders::receiverThatIsDestroyedRemovesItself()
     }
     // A control that reports now is simply not heard.
     scene.control->moveByHand(200);
-    QTest::qWait(20);
+    wait(20);
 }
 
 QTEST_MAIN(TestTeardownOrders)

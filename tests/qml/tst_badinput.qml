@@ -6,7 +6,7 @@ import Tarvix.Worksurface 1.0
 // burst, bindings for sections that do not exist, and every property written with values
 // far out of range. None of it may crash, throw into QML or wedge the surface: after each
 // case a fader still makes the round trip from its binding to the software section and back.
-TestCase {
+DrivenTestCase {
     id: testCase
     name: "BadInput"
 

@@ -9,7 +9,7 @@ import Tarvix.Worksurface 1.0
 // byte), and raw bytes on a section's line. Each in both consoles, on the first section and
 // on the master. The silent section's time-outs (10 s and 20 s) are pinned under the manual
 // clock in tst_softwarefaults; here a silent section is met at the start-up probe.
-TestCase {
+DrivenTestCase {
     id: testCase
     name: "Faults"
 

@@ -3,7 +3,7 @@ import QtTest 1.15
 import Tarvix.Worksurface 1.0
 
 // The module as an application sees it: imports, uncreatable types, singletons, settings.
-TestCase {
+DrivenTestCase {
     id: testCase
     name: "Module"
 

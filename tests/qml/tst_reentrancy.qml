@@ -7,7 +7,7 @@ import Tarvix.Worksurface 1.0
 // the next Surface.connect() (the link told the surface of its Closed state with its own
 // mutex held, and calibrating took that mutex again). Each step that could hang runs under
 // the runner's watchdog, which fails the run instead of stalling it.
-TestCase {
+DrivenTestCase {
     id: testCase
     name: "Reentrancy"
 
@@ -129,8 +129,9 @@ TestCase {
     // is a signal), and each signal is crossed with every call back into the plugin that
     // makes sense for it. One cell: a fresh scene, a handler that makes its call on the
     // signal's first emission, the scene exercised until the signal came, and then a fader
-    // move must still reach a binding. A signal the exercise does not bring is skipped and
-    // named.
+    // move must still reach a binding, and no QML warning may have been printed. A signal the
+    // exercise does not bring fails its cells, unless unreachable() names it with the reason.
+    // The cells run in shards (reentrancyShard of reentrancyShards), each a ctest of its own.
 
     // The emitting kinds: the emitter (with the control or binding it pairs with) and the
     // properties it is made with. The master section of the three-section console is 2.
@@ -246,6 +247,15 @@ TestCase {
         } catch (e) {}
     }
 
+    // The same for a text property: another text, then the old one back.
+    function wiggleText(object, name, other) {
+        if (!object || !(name in object))
+            return
+        var old = object[name]
+        object[name] = old === other ? other + "/x" : other
+        object[name] = old
+    }
+
     function attempt(f) { try { f() } catch (e) {} }
 
     // Section 0 is updated from its bootloader (a 256-byte image) with the given status
@@ -302,6 +312,7 @@ TestCase {
             function () { sectionZero.stopCalibration(); sectionOne.stopCalibration(); sectionTwo.stopCalibration() },
             function () { wiggle(Surface.faders, "restMode") },
             function () { wiggle(Surface.settings, "debugEnabled"); wiggle(Surface.settings, "mode"); wiggle(Surface.settings, "type"); wiggle(Surface.settings, "reconnectInterval"); wiggle(Surface.settings, "linkThread") },
+            function () { wiggle(Surface.settings, "traceCapacity"); wiggleText(Surface.settings, "traceDirectory", "/nonexistent/traces") },
             function () { ["surfaceBrightness", "surfaceOverBrightness", "restMode", "enabled", "value", "interval"].forEach(function (n) { wiggle(scene.emitter, n) }) },
             function () {
                 // A touch target with the function a fader binding calls, set and cleared.
@@ -344,6 +355,13 @@ TestCase {
         ]
         for (var i = 0; i < steps.length && !fired(); ++i)
             steps[i]()
+    }
+
+    // The signals the exercise cannot bring, each with the reason; any other signal that does
+    // not come fails its cells.
+    function unreachable() {
+        return {
+        }
     }
 
     // The calls a handler makes back into the plugin, by name.
@@ -400,7 +418,8 @@ TestCase {
         // over the signals, so each signal still meets a call back.
         if (reentrancyStride > 1)
             rows = rows.filter(function (row, n) { return n % reentrancyStride === 0 })
-        return rows
+        // This run's shard of the cells (every cell is in exactly one).
+        return rows.filter(function (row, n) { return n % reentrancyShards === reentrancyShard })
     }
 
     property bool needsReconnect: true
@@ -409,6 +428,7 @@ TestCase {
 
     function test_matrix(data) {
         qmlWatchdog.arm(data.tag, 30)
+        var warnings = qmlWarnings.count
         if (needsReconnect || Surface.settings.mode !== SurfaceSettings.K60
                 || Surface.settings.type !== SurfaceSettings.Software) {
             connectSoftware()
@@ -438,7 +458,10 @@ TestCase {
         }
         if (!emitted) {
             needsReconnect = true
-            skip("not emitted by the exercise")
+            var why = unreachable()[kinds()[data.index].kind + "." + data.signalName]
+            if (why === undefined)
+                fail(data.signalName + " was not emitted by the exercise")
+            skip(why)
         }
         verify(acted, "the handler returned")
         // The exercise and the handler may have changed the model or rebuilt the surface.
@@ -449,5 +472,6 @@ TestCase {
             needsReconnect = false
         }
         verifyWorkingSurface(data.tag)
+        compare(qmlWarnings.count, warnings, "QML warnings while the cell ran")
     }
 }

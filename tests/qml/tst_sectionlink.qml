@@ -7,7 +7,7 @@ import Tarvix.Worksurface 1.0
 // (Surface.settings.reconnectInterval): defaults, types, read-only-ness and change
 // notifications. The links are those of a software surface; over its in-process link a
 // section comes up as soon as the bootloader probe is answered.
-TestCase {
+DrivenTestCase {
     id: testCase
     name: "SectionLink"
 

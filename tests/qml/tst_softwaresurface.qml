@@ -8,7 +8,7 @@ import Tarvix.Worksurface 1.0
 // handles, outgoing queues, the 50 ms supervision pass and the real 5 ms task pool timer.
 // Nothing here can reach a manual clock, so every check waits for its condition with a
 // bounded time-out; each exchange takes a few task passes.
-TestCase {
+DrivenTestCase {
     id: testCase
     name: "SoftwareSurface"
 
