@@ -10,6 +10,8 @@
 #include "support/manualclock.h"
 #include "support/queuedrain.h"
 #include "support/recordingsender.h"
+#include "support/sectionlinkrig.h"
+#include "support/serialframes.h"
 #include "support/storeorderrace.h"
 #include "surface/deviceidtable.h"
 #include "surface/led.h"
@@ -64,6 +66,113 @@ void flashTwoSteps(QueueRig& rig)
     rig.drainUntil(kStart + 600 * kMs + 2);
 }
 
+// The device id the link's stand-in component takes messages for (a fader touch from it
+// brings the link up).
+constexpr uint8_t kLinkComponent = 9;
+// How long a flash-pace run lasts, in ms after kStart: 4 s of flashing, and 50 ms more, so
+// that a level released within the 4 s meets a pass of the link.
+constexpr qint64 kFlashRunMs = 4050;
+
+// An LED on a section link's real queue, taken out by the link's own pass onto a stand-in
+// line, with the pool ticked at every 5 ms instant as its timer ticks it (the clock stands
+// still while a tick runs). The link opens and the flash starts at chosen instants; of two
+// tasks due in the same tick the one scheduled first runs first, so the one started first
+// (the link, when both start at once) is ahead. The rig notes every flash step (the LED's
+// phase flips) with the level it queued, and every LED frame written to the line, each
+// with the time after kStart, in ms, at which it happened.
+struct LinkedLedRig : SectionLinkRig<TaskPool>
+{
+    struct Noted
+    {
+        qint64 ms;
+        QByteArray bytes;
+    };
+
+    LinkedLedRig() : SectionLinkRig(kSection, kLinkComponent) {}
+
+    // Ticks from kStart to kStart + untilMs. Opens the link at linkMs (and lets the section
+    // answer, so it is Connected at once) and, at flashMs, switches the LED on and flashes it
+    // at intervalMs; at an instant where both happen, the link opens first.
+    void run(int64_t intervalMs, qint64 flashMs, qint64 linkMs, qint64 untilMs)
+    {
+        for (qint64 ms = 0; ms <= untilMs; ms += TaskPool::kTickMs) {
+            clock.setNs(kStart + ms * kMs);
+            if (ms == linkMs) {
+                link->open();
+                push(SerialFrames::frame(MessageType::FaderTouch, kLinkComponent,
+                                         QByteArray(1, '\x01')));
+            }
+            if (ms == flashMs) {
+                led->setOn(1);
+                led->setFlashEnabled(true);
+                led->setFlashInterval(intervalMs);
+            }
+            const bool phase = led->flashPhase();
+            pool->runPendingTasks();
+            if (led->flashPhase() != phase) {
+                // A lit phase is the step that queued the brightness.
+                steps.push_back(Noted{ms, QByteArray::fromHex(phase ? "0000" : "ff00")});
+            }
+            noteFrames(ms);
+        }
+    }
+
+    // "ff00 @105" for a step, "050b17ff0026 @1045" for a frame.
+    static QStringList describe(const std::vector<Noted>& noted)
+    {
+        QStringList lines;
+        for (const Noted& one : noted) {
+            lines
+                << QStringLiteral("%1 @%2").arg(QString::fromLatin1(one.bytes.toHex())).arg(one.ms);
+        }
+        return lines;
+    }
+
+    // How many steps, the last one left out, put their level on the line before the next
+    // step ran: a frame written after a step and no later than the tick of the next one can
+    // only carry its level (the next step's own level waits 100 ms in the queue).
+    int stepsThatReachedTheLine() const
+    {
+        int reached = 0;
+        for (std::size_t i = 0; i + 1 < steps.size(); ++i) {
+            for (const Noted& frame : frames) {
+                if (frame.ms > steps[i].ms && frame.ms <= steps[i + 1].ms) {
+                    ++reached;
+                    break;
+                }
+            }
+        }
+        return reached;
+    }
+
+    ManualClock clock{kStart};
+    std::shared_ptr<Led> led =
+        std::make_shared<Led>(kDevice, kSection, LedType::NextSnapsthotButton, queue, pool);
+    std::vector<Noted> steps;
+    std::vector<Noted> frames;
+
+private:
+    // Splits what the link flushed since the last look into frames (a frame is its length
+    // byte plus one bytes long) and keeps the LED's; pings and the like are left out.
+    void noteFrames(qint64 ms)
+    {
+        const QList<QByteArray>& flushes = line->flushes();
+        for (; m_flushesSeen < flushes.size(); ++m_flushesSeen) {
+            const QByteArray& batch = flushes.at(m_flushesSeen);
+            for (int at = 0; at < batch.size();) {
+                const int size = static_cast<uint8_t>(batch.at(at)) + 1;
+                const QByteArray frame = batch.mid(at, size);
+                if (frame.size() > 1 && static_cast<uint8_t>(frame.at(1)) == kLedType) {
+                    frames.push_back(Noted{ms, frame});
+                }
+                at += size;
+            }
+        }
+    }
+
+    int m_flushesSeen = 0;
+};
+
 }  // namespace
 
 class TestLed : public QObject
@@ -103,6 +212,12 @@ private slots:
     void disablingTheFlashStopsItAtOnceWithoutAMessage();
     void equalFlashSettingsDoNotReschedule();
     void flashStepUsesTheCurrentBrightness();
+
+    // Flash pace on the link
+    void aFlashAt200msReachesTheLineOnlyWhenALinkPassMeetsTheStepsLevel();
+    void aFlashAt400msPutsEveryStepOnTheLine100msLaterRoundedUpToTheLinkPass();
+    void everyFlashStepReachesTheLineWhateverThePhaseFrom300ms_data();
+    void everyFlashStepReachesTheLineWhateverThePhaseFrom300ms();
 
     // Resend after a link loss
     void resendStateZeroSendsTheStoredLevelAtOnce_data();
@@ -514,6 +629,124 @@ void TestLed::flashStepUsesTheCurrentBrightness()
     rig.sender->clear();
     rig.tickAt(kStart + 250 * kMs + 1);
     QCOMPARE(rig.take(), QStringList{ledMessage("4000", kStart + 350 * kMs + 1)});
+}
+
+// The link opens and the flash starts at the same instant, the link's pass ahead of the step
+// in a shared tick. Each task runs at the first 5 ms tick after its interval: the pass every
+// 55 ms, the step every 105 ms. A step's level is released 100 ms after the step, 5 ms before
+// the next step replaces it, so it reaches the line only when a pass falls on its release
+// tick or on the next step's tick: the queue keeps one level per LED, the newest.
+void TestLed::aFlashAt200msReachesTheLineOnlyWhenALinkPassMeetsTheStepsLevel()
+{
+    LinkedLedRig rig;
+    rig.run(200, 0, 0, kFlashRunMs);
+
+    QStringList steps;
+    for (qint64 step = 1; step <= 38; ++step) {
+        steps << QStringLiteral("%1 @%2").arg(step % 2 == 1 ? "ff00" : "0000").arg(105 * step);
+    }
+    QCOMPARE(LinkedLedRig::describe(rig.steps), steps);
+
+    QCOMPARE(LinkedLedRig::describe(rig.frames),
+             QStringList({
+                 "050b17ff0026 @55",    // switched on: sent without delay, at the first pass
+                 "050b17ff0026 @1045",  // step 9 (945), at its release
+                 "050b17000027 @1155",  // step 10 (1050), just ahead of step 11
+                 "050b17000027 @2200",  // step 20 (2100), at its release
+                 "050b17ff0026 @2310",  // step 21 (2205), just ahead of step 22
+                 "050b17ff0026 @3355",  // step 31 (3255), at its release
+                 "050b17000027 @3465",  // step 32 (3360), just ahead of step 33
+             }));
+    // 6 of the 37 steps followed by another within the run; the last one's level is still
+    // waiting for its release at 4090.
+    QCOMPARE(rig.stepsThatReachedTheLine(), 6);
+    QCOMPARE(rig.queue->size(), std::size_t(1));
+}
+
+// At 400 ms the LED steps every 205 ms; its level is released 100 ms later and the next pass
+// (every 55 ms from when the link opened) writes it, long before the next step.
+void TestLed::aFlashAt400msPutsEveryStepOnTheLine100msLaterRoundedUpToTheLinkPass()
+{
+    LinkedLedRig rig;
+    rig.run(400, 0, 0, kFlashRunMs);
+
+    QStringList steps;
+    for (qint64 step = 1; step <= 19; ++step) {
+        steps << QStringLiteral("%1 @%2").arg(step % 2 == 1 ? "ff00" : "0000").arg(205 * step);
+    }
+    QCOMPARE(LinkedLedRig::describe(rig.steps), steps);
+
+    // Step k at 205k ms, released at 205k + 100, written at the first pass (a multiple of
+    // 55 ms) at or after that.
+    QCOMPARE(LinkedLedRig::describe(rig.frames),
+             QStringList({
+                 "050b17ff0026 @55",  // switched on: sent without delay, at the first pass
+                 "050b17ff0026 @330",  "050b17000027 @550",   // steps at 205, 410
+                 "050b17ff0026 @715",  "050b17000027 @935",   // 615, 820
+                 "050b17ff0026 @1155", "050b17000027 @1375",  // 1025, 1230
+                 "050b17ff0026 @1540", "050b17000027 @1760",  // 1435, 1640
+                 "050b17ff0026 @1980", "050b17000027 @2200",  // 1845, 2050
+                 "050b17ff0026 @2365", "050b17000027 @2585",  // 2255, 2460
+                 "050b17ff0026 @2805", "050b17000027 @2970",  // 2665, 2870
+                 "050b17ff0026 @3190", "050b17000027 @3410",  // 3075, 3280
+                 "050b17ff0026 @3630", "050b17000027 @3795",  // 3485, 3690
+                 "050b17ff0026 @4015",                        // 3895
+             }));
+    QCOMPARE(rig.stepsThatReachedTheLine(), 18);
+    QCOMPARE(rig.queue->size(), std::size_t(0));
+}
+
+void TestLed::everyFlashStepReachesTheLineWhateverThePhaseFrom300ms_data()
+{
+    QTest::addColumn<int>("interval");
+    // Whether every step reaches the line at every phase between the flash and the link's
+    // pass, with the pass ahead of the step in a shared tick (the link opened before the
+    // flash started), and with the step ahead (the flash started before the link opened).
+    QTest::addColumn<bool>("withThePassAhead");
+    QTest::addColumn<bool>("withTheStepAhead");
+    QTest::newRow("210") << 210 << false << false;
+    QTest::newRow("285") << 285 << false << false;
+    QTest::newRow("290") << 290 << true << false;
+    QTest::newRow("299") << 299 << true << false;
+    QTest::newRow("300") << 300 << true << true;
+    QTest::newRow("450") << 450 << true << true;
+}
+
+// A step's level must meet a pass between its release (100 ms after the step) and the next
+// step, and the pass comes round only every 55 ms: with the step every 5 ms tick after half
+// the interval, that window holds a pass whatever the phase from a 290 ms interval (150 ms
+// between steps) when a pass in the next step's tick still counts, and from 300 ms (155 ms
+// between steps) when it does not.
+void TestLed::everyFlashStepReachesTheLineWhateverThePhaseFrom300ms()
+{
+    QFETCH(int, interval);
+    QFETCH(bool, withThePassAhead);
+    QFETCH(bool, withTheStepAhead);
+
+    // The steps of one run, the last left out, that did not reach the line ("" if none).
+    const auto missed = [interval](qint64 flashMs, qint64 linkMs) {
+        LinkedLedRig rig;
+        rig.run(interval, flashMs, linkMs, kFlashRunMs);
+        const int steps = static_cast<int>(rig.steps.size()) - 1;
+        const int reached = rig.stepsThatReachedTheLine();
+        return reached == steps ? QString()
+                                : QStringLiteral("flash at %1 ms, link at %2 ms: %3 of %4 steps")
+                                      .arg(flashMs)
+                                      .arg(linkMs)
+                                      .arg(reached)
+                                      .arg(steps);
+    };
+    QStringList passAheadMisses;
+    QStringList stepAheadMisses;
+    // Eleven 5 ms phases make up the pass's 55 ms.
+    for (qint64 lag = 0; lag < 55; lag += TaskPool::kTickMs) {
+        passAheadMisses << missed(lag, 0);
+        stepAheadMisses << missed(0, lag + TaskPool::kTickMs);
+    }
+    passAheadMisses.removeAll(QString());
+    stepAheadMisses.removeAll(QString());
+    QVERIFY2(passAheadMisses.isEmpty() == withThePassAhead, qPrintable(passAheadMisses.join("; ")));
+    QVERIFY2(stepAheadMisses.isEmpty() == withTheStepAhead, qPrintable(stepAheadMisses.join("; ")));
 }
 
 void TestLed::resendStateZeroSendsTheStoredLevelAtOnce_data()
