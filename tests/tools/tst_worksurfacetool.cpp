@@ -1,16 +1,21 @@
 // The bench tool end to end: the built worksurface-tool runs as its own process against
 // sections played by pty section simulators in this process (pointed at with --ports), so
 // every command goes through real serial devices. The simulators answer on this process's
-// event loop, so the tool is waited for with QSignalSpy::wait, never with a blocking wait.
-// These are real waits for real process and pty I/O; each is bounded.
+// event loop, so the tool is waited for with QSignalSpy::wait or waitFor(), never with a
+// blocking wait. These are real waits for real process and pty I/O; each waits for a
+// condition and is bounded generously, never for a fixed time. Where a test shows that
+// something did not happen within some time of the tool's, the tool itself shows that this
+// time has passed: the time on a line it printed.
 
 #include <fcntl.h>
 #include <pty.h>
 #include <termios.h>
 #include <unistd.h>
 #include <QCryptographicHash>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -18,6 +23,7 @@
 #include <QSerialPort>
 #include <QSocketNotifier>
 #include <QTemporaryDir>
+#include <QTimer>
 #include <QtTest>
 #include <csignal>
 #include <functional>
@@ -56,6 +62,47 @@ QByteArray imageOfSize(int size)
         bytes[i] = static_cast<char>((i * 7 + 3) % 251);
     }
     return bytes;
+}
+
+// Runs the event loop until the condition holds, checking it every 5 ms; false if it still
+// does not hold after timeoutMs. The loop sleeps only in the event dispatcher, so the
+// simulators answer every byte as soon as it arrives. (QTest::qWait and qWaitFor sleep
+// 10 ms between rounds of events, which holds up every answer of a long exchange such as a
+// flash.)
+bool waitFor(const std::function<bool()>& condition, int timeoutMs = 10000)
+{
+    if (condition()) {
+        return true;
+    }
+    QElapsedTimer timer;
+    timer.start();
+    QEventLoop loop;
+    QTimer poll;
+    poll.setTimerType(Qt::PreciseTimer);
+    poll.setInterval(5);
+    bool met = false;
+    QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
+        met = condition();
+        if (met || timer.elapsed() >= timeoutMs) {
+            loop.quit();
+        }
+    });
+    poll.start();
+    loop.exec();
+    return met || condition();
+}
+
+// The tool's time, in milliseconds since it started, of the first line of text that
+// matches the pattern after its time ("   2.345  section 0  ..."); -1 if there is none.
+qint64 shownAtMs(const QString& text, const QString& pattern)
+{
+    const QRegularExpression line(QStringLiteral(R"(^ *(\d+)\.(\d{3})  )") + pattern,
+                                  QRegularExpression::MultilineOption);
+    const QRegularExpressionMatch m = line.match(text);
+    if (!m.hasMatch()) {
+        return -1;
+    }
+    return m.captured(1).toLongLong() * 1000 + m.captured(2).toLongLong();
 }
 
 }  // namespace
@@ -161,6 +208,12 @@ private:
     bool readUntil(QProcess& process,
                    const std::function<bool(const QString& out, const QString& err)>& condition,
                    int timeoutMs = 10000);
+    // Runs until a running monitor has shown, with a time of its own clock at or after
+    // toolMs, a frame that sim (its section `section`) sent: the tool's event loop has run
+    // past that moment, however slow or busy the machine is. The frames are fader positions
+    // of device 4.
+    bool waitUntilToolTime(QProcess& process, PtySectionSimulator& sim, int section, qint64 toolMs,
+                           int timeoutMs = 20000);
     QString m_out;
     QString m_err;
 
@@ -238,22 +291,50 @@ bool tst_WorksurfaceTool::readUntil(
     QProcess& process, const std::function<bool(const QString&, const QString&)>& condition,
     int timeoutMs)
 {
-    QElapsedTimer timer;
-    timer.start();
-    for (;;) {
+    const auto read = [&] {
         m_out += QString::fromLocal8Bit(process.readAllStandardOutput());
         m_err += QString::fromLocal8Bit(process.readAllStandardError());
-        if (condition(m_out, m_err)) {
+        return condition(m_out, m_err);
+    };
+    // The simulators answer on this event loop.
+    waitFor([&] { return read() || process.state() == QProcess::NotRunning; }, timeoutMs);
+    // What a tool that has ended wrote last.
+    return read();
+}
+
+bool tst_WorksurfaceTool::waitUntilToolTime(QProcess& process, PtySectionSimulator& sim,
+                                            int section, qint64 toolMs, int timeoutMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    for (int round = 0; timer.elapsed() < timeoutMs; ++round) {
+        const int position = 600 + round;
+        sim.sendFaderPosition(4, static_cast<uint16_t>(position));
+        const QString shown =
+            QStringLiteral(R"(section %1  in   fader position  device 4  [^\n]*position %2$)")
+                .arg(section)
+                .arg(position);
+        qint64 at = -1;
+        if (!readUntil(
+                process,
+                [&](const QString& out, const QString&) {
+                    at = shownAtMs(out, shown);
+                    return at >= 0;
+                },
+                timeoutMs)) {
+            return false;
+        }
+        if (at >= toolMs) {
             return true;
         }
-        if (timer.elapsed() > timeoutMs || process.state() == QProcess::NotRunning) {
-            m_out += QString::fromLocal8Bit(process.readAllStandardOutput());
-            m_err += QString::fromLocal8Bit(process.readAllStandardError());
-            return condition(m_out, m_err);
-        }
-        // The simulators answer on this event loop.
-        QTest::qWait(20);
+        // The tool printed the frame before we read it, and both clocks are the system's
+        // monotonic clock: once toolMs - at more has passed here, the tool's clock is past
+        // toolMs, and the next frame is read after that. The next round checks it all the
+        // same.
+        const QDeadlineTimer due(toolMs - at, Qt::PreciseTimer);
+        waitFor([&] { return due.hasExpired(); }, static_cast<int>(toolMs - at) + 1000);
     }
+    return false;
 }
 
 QString tst_WorksurfaceTool::writeImage(const QByteArray& image)
@@ -731,7 +812,7 @@ void tst_WorksurfaceTool::flashDrawsAProgressBarOnATerminal()
     m_process->start(QStringLiteral(TARVIX_TOOL_PATH),
                      {"flash", path, "--section", "0", "--ports", m_sim->slavePath()});
     const Run r = finish(*m_process, kRunTimeout);
-    QTRY_VERIFY_WITH_TIMEOUT(screen.contains("done  version 35"), 5000);
+    QVERIFY(waitFor([&] { return screen.contains("done  version 35"); }));
     ::close(slave);
     ::close(master);
 
@@ -793,18 +874,19 @@ void tst_WorksurfaceTool::monitorShowsTrafficInOrderAndEndsCleanlyOnSigint()
         return out;
     };
     // The link is up once the section has answered a ping.
-    QTRY_VERIFY_WITH_TIMEOUT(readOut().contains(QLatin1String("version 34 temperature 41")), 10000);
+    QVERIFY(
+        waitFor([&] { return readOut().contains(QLatin1String("version 34 temperature 41")); }));
 
     m_sim->sendFaderPosition(3, 399);
     m_sim->sendFaderTouch(3, true);
     m_sim->sendButton(2, true);
     // A noise burst and, in the same write, the frame after it.
     m_sim->sendRaw(QByteArray::fromHex("fffefdfcfb") + frame(18, 12, QByteArray::fromHex("fe")));
-    QTRY_VERIFY_WITH_TIMEOUT(readOut().contains(QLatin1String("steps -2")), 10000);
+    QVERIFY(waitFor([&] { return readOut().contains(QLatin1String("steps -2")); }));
     // Noise at the very end: its last three bytes are too few for the parser to look at
     // until more arrives, and are shown when the monitor ends.
     m_sim->sendRaw(QByteArray::fromHex("fafaf9f8f7"));
-    QTRY_VERIFY_WITH_TIMEOUT(readOut().contains(QLatin1String("noise  fafa\n")), 10000);
+    QVERIFY(waitFor([&] { return readOut().contains(QLatin1String("noise  fafa\n")); }));
 
     ::kill(static_cast<pid_t>(process->processId()), SIGINT);
     const Run r = finish(*process, 10000);
@@ -854,9 +936,9 @@ void tst_WorksurfaceTool::monitorAsJsonWithRawBytes()
         out += QString::fromLocal8Bit(process->readAllStandardOutput());
         return out;
     };
-    QTRY_VERIFY_WITH_TIMEOUT(readOut().contains(QLatin1String("\"temperature\":41")), 10000);
+    QVERIFY(waitFor([&] { return readOut().contains(QLatin1String("\"temperature\":41")); }));
     m_sim->sendRaw(QByteArray::fromHex("ffff") + frame(7, 10, QByteArray::fromHex("01ff")));
-    QTRY_VERIFY_WITH_TIMEOUT(readOut().contains(QLatin1String("master fader")), 10000);
+    QVERIFY(waitFor([&] { return readOut().contains(QLatin1String("master fader")); }));
     ::kill(static_cast<pid_t>(process->processId()), SIGINT);
     const Run r = finish(*process, 10000);
     QCOMPARE(r.exitCode, 0);
@@ -886,10 +968,10 @@ void tst_WorksurfaceTool::monitorLeavesASectionInItsBootloaderAlone()
     m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
     QProcess* process = start({"monitor", "--section", "0", "--ports", m_sim->slavePath()});
     QString err;
-    QTRY_VERIFY_WITH_TIMEOUT(
-        (err += QString::fromLocal8Bit(process->readAllStandardError()))
-            .contains(QLatin1String("section 0 is in its bootloader: left there")),
-        10000);
+    QVERIFY(waitFor([&] {
+        return (err += QString::fromLocal8Bit(process->readAllStandardError()))
+            .contains(QLatin1String("section 0 is in its bootloader: left there"));
+    }));
     ::kill(static_cast<pid_t>(process->processId()), SIGINT);
     const Run r = finish(*process, 10000);
     QCOMPARE(r.exitCode, 0);
@@ -981,8 +1063,10 @@ void tst_WorksurfaceTool::decodeReadsStandardInputAsJson()
     // Split inside the noise and inside the second frame.
     m_process->write(capture.left(7));
     m_process->waitForBytesWritten(5000);
-    // The rest comes late: the tool reads on until the pipe is closed.
-    QTest::qWait(300);
+    // The rest comes late, after the tool has shown the frame it has read: it reads on until
+    // the pipe is closed. (Peeked, so that finish() still reads every line.)
+    QVERIFY(waitFor(
+        [&] { return m_process->peek(m_process->bytesAvailable()).contains("{\"offset\":0,"); }));
     m_process->write(capture.mid(7));
     m_process->closeWriteChannel();
     const Run r = finish(*m_process, kRunTimeout);
@@ -1012,7 +1096,8 @@ void tst_WorksurfaceTool::exerciseSendsThePatternToASection()
         run({"exercise", "--step-ms", "0", "--section", "0", "--ports", m_sim->slavePath()});
     QCOMPARE(r.exitCode, 0);
     // The last frames may still wait in the pty for the simulator to read them.
-    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedMessages(12).size(), 40, 5000);
+    waitFor([&] { return m_sim->receivedMessages(12).size() == 40; });
+    QCOMPARE(m_sim->receivedMessages(12).size(), 40);
 
     // Every fader to the bottom, the top and back, in that order.
     QList<SerialMessage> faders = m_sim->receivedMessages(7);
@@ -1069,7 +1154,7 @@ void tst_WorksurfaceTool::monitorShowsALateSectionAndWhatItSentBeforeItsAnswer()
     m_sim->setSilent(true);
     m_sim->setVersionReport(34, 41);
     QProcess* process = start({"monitor", "--section", "0", "--ports", m_sim->slavePath()});
-    QTRY_VERIFY_WITH_TIMEOUT(m_sim->commandCount(BootloaderCommand::AutoBaud) >= 1, 10000);
+    QVERIFY(waitFor([&] { return m_sim->commandCount(BootloaderCommand::AutoBaud) >= 1; }));
     // A report sent while the link still waits for its probe answer reaches no one; it is
     // shown as it came.
     m_sim->sendFrame(7, 3, QByteArray::fromHex("018f"));
@@ -1165,17 +1250,28 @@ void tst_WorksurfaceTool::monitorEndsWithTwoWhenTheDeviceIsLost()
 void tst_WorksurfaceTool::monitorWithFollowKeepsWaitingForALostDevice()
 {
     m_sim->setVersionReport(34, 41);
-    QProcess* process =
-        start({"monitor", "--follow", "--section", "0", "--ports", m_sim->slavePath()});
+    // A K40's section 1 stays: what it sends is shown with the tool's time, which tells how
+    // far the tool has got while section 0 is gone. (Without --follow the monitor ends on the
+    // loss of any one section, so section 1 does not keep it running.)
+    PtySectionSimulator other;
+    QVERIFY2(other.isOpen(), qPrintable(other.errorString()));
+    QProcess* process = start({"monitor", "--follow", "--model", "K40", "--ports",
+                               m_sim->slavePath() + ',' + other.slavePath()});
     QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
-        return out.contains(QLatin1String("version 34 temperature 41"));
+        return out.contains(
+            QLatin1String("section 0  in   ping  device 0  section  version 34 "
+                          "temperature 41"));
     }));
     m_sim->hangUp();
     QVERIFY(readUntil(*process, [](const QString&, const QString& err) {
         return err.contains(QLatin1String("; waiting for it"));
     }));
-    // Past the next reconnection attempts, it is still there.
-    QTest::qWait(1500);
+    const qint64 lostAt =
+        shownAtMs(m_err, QStringLiteral("section 0  device lost: [^\\n]*; waiting for it"));
+    QVERIFY2(lostAt >= 0, qPrintable(m_err));
+    // Past the next reconnection attempts (one a second), it is still there: it has shown a
+    // frame of section 1 that it read 1.5 s, by its own clock, after it told of the loss.
+    QVERIFY2(waitUntilToolTime(*process, other, 1, lostAt + 1500), qPrintable(m_out + m_err));
     QCOMPARE(process->state(), QProcess::Running);
     ::kill(static_cast<pid_t>(process->processId()), SIGINT);
     const Run r = finish(*process, 10000);
@@ -1199,7 +1295,12 @@ void tst_WorksurfaceTool::monitorListenOnlySendsNothing()
     QVERIFY(readUntil(*process, [](const QString& out, const QString&) {
         return out.contains(QLatin1String("noise  fffefdfcfbfaf9f8f7"));
     }));
-    QTest::qWait(2500);  // a ping would be due by now
+    // A ping (every 2 s) would be due by now: the tool has shown a frame it read 2.5 s, by
+    // its own clock, after it showed the noise.
+    const qint64 noiseAt =
+        shownAtMs(m_out, QStringLiteral("section 0  in   noise  fffefdfcfbfaf9f8f7"));
+    QVERIFY2(noiseAt >= 0, qPrintable(m_out));
+    QVERIFY2(waitUntilToolTime(*process, *m_sim, 0, noiseAt + 2500), qPrintable(m_out));
     ::kill(static_cast<pid_t>(process->processId()), SIGINT);
     QCOMPARE(finish(*process, 10000).exitCode, 0);
     QCOMPARE(m_sim->receivedBytes(), QByteArray());
@@ -1210,7 +1311,7 @@ void tst_WorksurfaceTool::monitorFiltersByTypeDeviceAndDirection()
     m_sim->setVersionReport(34, 41);
     QProcess* process = start({"monitor", "--type", "7,16", "--device", "3", "--dir", "in",
                                "--time", "delta", "--section", "0", "--ports", m_sim->slavePath()});
-    QTRY_VERIFY_WITH_TIMEOUT(m_sim->pingCount() >= 1, 10000);
+    QVERIFY(waitFor([&] { return m_sim->pingCount() >= 1; }));
     m_sim->sendButton(3, true);                   // another type
     m_sim->sendFaderPosition(2, 100);             // another device
     m_sim->sendRaw(QByteArray::fromHex("fffe"));  // noise has neither
@@ -1425,7 +1526,8 @@ void tst_WorksurfaceTool::flashInterruptedResetsTheSectionOutOfItsBootloader()
     QCOMPARE(r.out.last(),
              QStringLiteral(R"({"section":0,"event":"interrupted","reset":true,"exit":9})"));
     // Told to reset, the section left its bootloader.
-    QTRY_COMPARE_WITH_TIMEOUT(m_sim->commandCount(BootloaderCommand::Reset), 1, 5000);
+    waitFor([&] { return m_sim->commandCount(BootloaderCommand::Reset) == 1; });
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::Reset), 1);
     QCOMPARE(m_sim->mode(), PtySectionSimulator::Mode::Application);
     QVERIFY(m_sim->image().size() < image.size());
 
@@ -1685,7 +1787,8 @@ void tst_WorksurfaceTool::exerciseCoversTheMasterSection()
                        m_sim->slavePath()});
     QCOMPARE(r.exitCode, 0);
     // Ten strips and the master fader, three moves each.
-    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedMessages(13).size(), 18, 5000);
+    waitFor([&] { return m_sim->receivedMessages(13).size() == 18; });
+    QCOMPARE(m_sim->receivedMessages(13).size(), 18);
     const QList<SerialMessage> faders = m_sim->receivedMessages(7);
     QCOMPARE(faders.size(), 33);
     QCOMPARE(faders.at(10), SerialMessage(7, 10, {0, 0}));
@@ -1768,12 +1871,11 @@ void tst_WorksurfaceTool::exerciseInterruptedTurnsTheLedsOff()
     QCOMPARE(r.exitCode, 9);
     QVERIFY2((m_err + r.err).endsWith(QLatin1String("section 0 interrupted: LEDs off (exit 9)\n")),
              qPrintable(m_err + r.err));
-    // The pattern stopped early, and every LED it lit is dark again.
-    QTRY_VERIFY_WITH_TIMEOUT(
-        !m_sim->receivedMessages(11).isEmpty() &&
-            m_sim->receivedMessages(11).last().payload == std::vector<uint8_t>({0, 0}),
-        5000);
-    QTest::qWait(100);
+    // The pattern stopped early, and every LED it lit is dark again. The tool showed each
+    // message as it went out; the last of them may still wait in the pty.
+    const int shownLeds = (m_out + r.out.join('\n')).count(QLatin1String("  out  led  "));
+    waitFor([&] { return m_sim->receivedMessages(11).size() == shownLeds; });
+    QCOMPARE(m_sim->receivedMessages(11).size(), shownLeds);
     QMap<int, std::vector<uint8_t>> last;
     for (const SerialMessage& m : m_sim->receivedMessages(11)) {
         last[m.deviceId] = m.payload;
@@ -1808,11 +1910,7 @@ void tst_WorksurfaceTool::aSecondCtrlCEndsAtOnce()
         }
         return false;
     };
-    QElapsedTimer timer;
-    timer.start();
-    while (caught() && timer.elapsed() < 5000) {
-        QCoreApplication::processEvents();
-    }
+    QVERIFY(waitFor([&] { return !caught(); }));
     ::kill(pid, SIGINT);
     const Run r = finish(*process, 10000);
     QCOMPARE(r.exitStatus, QProcess::CrashExit);
