@@ -522,6 +522,7 @@ void TestSectionReconnectPty::failedUpdatesAreToldWithTheirReasonAndASuccessRese
     sim->setMode(PtySectionSimulator::Mode::Bootloader);
     QSignalSpy failed(first(), &SectionInfoModel::updateFailed);
     QSignalSpy changed(first(), &SectionInfoModel::lastUpdateFailureChanged);
+    LogCapture log;
     startSurface(0);
 
     // No image anywhere: reason 0.
@@ -536,10 +537,19 @@ void TestSectionReconnectPty::failedUpdatesAreToldWithTheirReasonAndASuccessRese
     image.close();
 
     // The section is reset after each update and probed a second later; it stays in its
-    // bootloader for the next round.
-    const auto nextRound = [this, sim] {
+    // bootloader for the next round. The second is counted from when the link heard the
+    // reset's acknowledgement (it crosses the pty in real time, and with the links on their
+    // thread is taken there): the clock moves only once the link has scheduled its probe.
+    int resets = 0;
+    const auto nextRound = [this, sim, &log, &resets] {
         QTRY_COMPARE_WITH_TIMEOUT(sim->mode(), PtySectionSimulator::Mode::Application, kTimeout);
         sim->setMode(PtySectionSimulator::Mode::Bootloader);
+        ++resets;
+        QTRY_VERIFY_WITH_TIMEOUT(
+            log.count(QtDebugMsg, QStringLiteral("WS UPDATER: Reset acknowledged register task "
+                                                 "for sending AutoBaud.")) >= resets,
+            kTimeout);
+        catchUpServiceLinks(*m_service);
         m_clock->advanceNs(1001 * kMs);
         runServicePools(*m_service);
     };
