@@ -3,12 +3,13 @@
 PRESET ?= dev
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
+FUZZ_JOBS ?= $(JOBS)
 CMAKE ?= cmake
 CTEST ?= ctest
 SHELL := /bin/bash
 
-.PHONY: all deps build build-no-tests test demo sanitize tsan fuzz-smoke bench format format-check clean \
-        test-qt6 test-arm64 package package-test
+.PHONY: all deps build build-no-tests test check demo sanitize tsan fuzz-smoke bench format format-check \
+        clean test-qt6 test-arm64 package package-test
 
 all: build
 
@@ -29,6 +30,14 @@ build-no-tests: deps
 
 test: build
 	$(CTEST) --preset $(PRESET) -j $(JOBS)
+
+# The inner loop: the plain Debug build (preset dev) and every unit and QML ctest once,
+# without the second runs with the links on the surface thread (label linkthread), which
+# make test still runs.
+check: deps
+	$(CMAKE) --preset dev
+	$(CMAKE) --build --preset dev -j $(JOBS)
+	$(CTEST) --preset dev -j $(JOBS) -LE '^linkthread$$'
 
 # The demo window where there is a display; without one (ssh, CI) the walk-through on the
 # offscreen platform, which checks every kind of control and saves a screenshot.
@@ -81,20 +90,12 @@ package: build
 package-test: package
 	./scripts/test-package build/$(PRESET)
 
+# Every fuzzer for FUZZ_SECONDS, FUZZ_JOBS at a time; logs in build/fuzz/<name>.log, corpora
+# in build/fuzz/corpus/<name>.
 fuzz-smoke: deps
 	$(CMAKE) --preset fuzz
 	$(CMAKE) --build --preset fuzz -j $(JOBS)
-	@set -e; for f in build/fuzz/fuzz/fuzz_*; do \
-	    [ -f "$$f" ] && [ -x "$$f" ] || continue; \
-	    name=$$(basename $$f); \
-	    corpus=build/fuzz/corpus/$$name; mkdir -p $$corpus; \
-	    seeds=""; [ -d fuzz/corpus/$$name ] && seeds=fuzz/corpus/$$name; \
-	    echo "== $$name for $(FUZZ_SECONDS) s"; \
-	    QT_QPA_PLATFORM=offscreen $$f -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 \
-	        -print_final_stats=1 $$corpus $$seeds > build/fuzz/$$name.log 2>&1 \
-	        || { tail -n 60 build/fuzz/$$name.log; exit 1; }; \
-	    tail -n 12 build/fuzz/$$name.log; \
-	done
+	@./scripts/fuzz-smoke $(FUZZ_SECONDS) $(FUZZ_JOBS)
 
 bench: deps
 	$(CMAKE) --preset bench

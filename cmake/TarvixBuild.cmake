@@ -21,6 +21,21 @@ if(TARVIX_SANITIZE)
     target_link_options(tarvix_compile_options INTERFACE -fsanitize=${_tarvix_link_sanitize})
 endif()
 
+# lld links the tests about three times faster than the default ld.bfd (a relink of every
+# test after a change in src/tasks: 30-40 s instead of 100-130 s on 2 cores). Used with GCC
+# on native builds when the compiler can link with it, otherwise the default linker, without
+# a word. Not for the fuzzers (clang and libFuzzer) nor the aarch64 cross build, which keep
+# the linker they were set up with.
+option(TARVIX_FAST_LINKER "Link the project's targets with lld when it is there" ON)
+if(TARVIX_FAST_LINKER AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND NOT CMAKE_CROSSCOMPILING
+   AND NOT TARVIX_BUILD_FUZZ)
+    include(CheckLinkerFlag)
+    check_linker_flag(CXX -fuse-ld=lld TARVIX_HAVE_LLD)
+    if(TARVIX_HAVE_LLD)
+        target_link_options(tarvix_compile_options INTERFACE -fuse-ld=lld)
+    endif()
+endif()
+
 # The layers under src/, bottom to top. A folder includes only its own headers and those of
 # the folders listed before it.
 set(TARVIX_LAYERS tasks base updater serial surface bindings software qml plugin)
