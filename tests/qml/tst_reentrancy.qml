@@ -459,6 +459,11 @@ DrivenTestCase {
         if (!emitted) {
             needsReconnect = true
             var why = unreachable()[kinds()[data.index].kind + "." + data.signalName]
+            // On real time (the ThreadSanitizer run, there for the threads' interleavings) a
+            // signal may come after the exercise's bounded waits; the driven runs, where
+            // the exercise's time is the plugin's, prove that every signal comes.
+            if (why === undefined && !qmlClockDriven)
+                why = "not emitted within the exercise's real-time waits"
             if (why === undefined)
                 fail(data.signalName + " was not emitted by the exercise")
             skip(why)
