@@ -128,9 +128,11 @@ std::shared_ptr<TaskPool::TaskData> TaskPool::addTask(uint64_t intervalMs,
 bool TaskPool::event(QEvent* event)
 {
     if (event->type() == kWakeEvent) {
+        // Taken before the flag is cleared: a wake posted after that counts for its own event.
+        const bool counted = m_wakeCounted.exchange(false);
         m_wakePosted.store(false);
         rearmIfEarlier();
-        if (m_wakeCounted.exchange(false)) {
+        if (counted) {
             TimeDrive::handOverEnds();
         }
         return true;

@@ -112,7 +112,7 @@ bool DrivenClock::settle()
     }
 }
 
-bool DrivenClock::stepTo(qint64 untilNs)
+void DrivenClock::runDueNow()
 {
     settle();
     int fires = 0;
@@ -123,35 +123,42 @@ bool DrivenClock::stepTo(qint64 untilNs)
             std::abort();
         }
     }
+}
+
+bool DrivenClock::moveToNextDue(qint64 untilNs)
+{
     const qint64 next = m_drive->nextDueNs();
     if (next < 0 || next > untilNs) {
+        g_nowNs = std::max(g_nowNs.load(), untilNs);
         return false;
     }
-    if (next > g_nowNs.load()) {
-        g_nowNs = next;
-    }
+    g_nowNs = std::max(g_nowNs.load(), next);
     return true;
 }
 
 void DrivenClock::advance(double ms)
 {
     const qint64 untilNs = g_nowNs.load() + static_cast<qint64>(ms * kNsPerMs);
-    while (stepTo(untilNs)) {
+    for (;;) {
+        runDueNow();
+        if (!moveToNextDue(untilNs)) {
+            break;
+        }
     }
-    g_nowNs = std::max(g_nowNs.load(), untilNs);
-    stepTo(untilNs);
+    runDueNow();
 }
 
 bool DrivenClock::advanceUntil(const std::function<bool()>& done, qint64 ms)
 {
     const qint64 untilNs = g_nowNs.load() + ms * kNsPerMs;
-    settle();
-    while (!done()) {
-        if (!stepTo(untilNs)) {
-            g_nowNs = std::max(g_nowNs.load(), untilNs);
-            stepTo(untilNs);
+    for (;;) {
+        runDueNow();
+        if (done()) {
+            return true;
+        }
+        if (!moveToNextDue(untilNs)) {
+            runDueNow();
             return done();
         }
     }
-    return true;
 }

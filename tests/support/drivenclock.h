@@ -47,9 +47,11 @@ protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
-    // Runs what is due at the clock's time, settling after each; moves the clock to the next
-    // due time at or before untilNs. Returns false when nothing is due by then.
-    bool stepTo(qint64 untilNs);
+    // Runs every waiter due at the clock's time, settling after each.
+    void runDueNow();
+    // Moves the clock to the next time a waiter is due, or to untilNs when none is due by
+    // then (returning false).
+    bool moveToNextDue(qint64 untilNs);
 
     const TarvixTimeDrive* m_drive;
     bool m_filtering = false;
