@@ -90,10 +90,12 @@ function(tarvix_add_test folder name)
     set_target_properties(${name} PROPERTIES AUTOMOC ON AUTORCC ON)
     target_link_libraries(${name} PRIVATE Tarvix::TestSupport ${ARG_LINKS}
                                           Tarvix::CompileOptions)
-    # Tests that load the module as QML does find it here.
-    target_compile_definitions(${name} PRIVATE TARVIX_QML_ROOT="${TARVIX_QML_ROOT}")
     if(ARG_PLUGIN)
         add_dependencies(${name} tarvixworksurface)
+        # Tests that load the module as QML does find it here. Only they have the build
+        # folder in their compile line, which keeps ccache from sharing their objects
+        # between checkouts.
+        target_compile_definitions(${name} PRIVATE TARVIX_QML_ROOT="${TARVIX_QML_ROOT}")
     endif()
     add_test(NAME ${folder}/${name} COMMAND ${name})
     set_tests_properties(${folder}/${name} PROPERTIES
