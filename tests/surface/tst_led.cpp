@@ -128,6 +128,18 @@ struct LinkedLedRig : SectionLinkRig<TaskPool>
         return lines;
     }
 
+    // `count` steps every `everyMs`, lit first, as describe() shows them.
+    static QStringList alternatingSteps(qint64 count, qint64 everyMs)
+    {
+        QStringList steps;
+        for (qint64 step = 1; step <= count; ++step) {
+            steps << QStringLiteral("%1 @%2")
+                         .arg(step % 2 == 1 ? "ff00" : "0000")
+                         .arg(everyMs * step);
+        }
+        return steps;
+    }
+
     // How many steps, the last one left out, put their level on the line before the next
     // step ran: a frame written after a step and no later than the tick of the next one can
     // only carry its level (the next step's own level waits 100 ms in the queue).
@@ -641,11 +653,7 @@ void TestLed::aFlashAt200msReachesTheLineOnlyWhenALinkPassMeetsTheStepsLevel()
     LinkedLedRig rig;
     rig.run(200, 0, 0, kFlashRunMs);
 
-    QStringList steps;
-    for (qint64 step = 1; step <= 38; ++step) {
-        steps << QStringLiteral("%1 @%2").arg(step % 2 == 1 ? "ff00" : "0000").arg(105 * step);
-    }
-    QCOMPARE(LinkedLedRig::describe(rig.steps), steps);
+    QCOMPARE(LinkedLedRig::describe(rig.steps), LinkedLedRig::alternatingSteps(38, 105));
 
     QCOMPARE(LinkedLedRig::describe(rig.frames),
              QStringList({
@@ -670,11 +678,7 @@ void TestLed::aFlashAt400msPutsEveryStepOnTheLine100msLaterRoundedUpToTheLinkPas
     LinkedLedRig rig;
     rig.run(400, 0, 0, kFlashRunMs);
 
-    QStringList steps;
-    for (qint64 step = 1; step <= 19; ++step) {
-        steps << QStringLiteral("%1 @%2").arg(step % 2 == 1 ? "ff00" : "0000").arg(205 * step);
-    }
-    QCOMPARE(LinkedLedRig::describe(rig.steps), steps);
+    QCOMPARE(LinkedLedRig::describe(rig.steps), LinkedLedRig::alternatingSteps(19, 205));
 
     // Step k at 205k ms, released at 205k + 100, written at the first pass (a multiple of
     // 55 ms) at or after that.
