@@ -19,11 +19,11 @@
 #include "support/ptysectionlink.h"
 #include "tasks/taskpool.h"
 
+using Velmora::Worksurface::kNsPerMs;
 using Velmora::Worksurface::TaskPool;
 
 namespace {
 
-constexpr qint64 kNsPerMs = 1000 * 1000;
 constexpr qint64 kPassNs = 50 * kNsPerMs + 1;
 constexpr int kPassesPerHour = 3600 * 1000 / 50;
 

@@ -6,7 +6,7 @@ namespace {
 
 // A view that recomputes the lock value from a slider or an animation writes almost the
 // same number again and again; steps this small would only shake the motor.
-constexpr float kMinimumStepdB = 0.1f;
+constexpr float kMinimumLockStepdB = 0.1f;
 
 }  // namespace
 
@@ -25,7 +25,7 @@ void FaderLockInfo::setValue(float value)
 {
     // Written so that a NaN difference (a NaN value, or infinity written over infinity)
     // fails the test and changes nothing.
-    if (!(std::fabs(value - m_value) > kMinimumStepdB)) {
+    if (!(std::fabs(value - m_value) > kMinimumLockStepdB)) {
         return;
     }
     m_value = value;

@@ -14,8 +14,6 @@ namespace Velmora::Worksurface {
 
 namespace {
 
-class Endpoint;
-
 // What a link registered for its section (nullptr: withdrew); true when it registered.
 template <typename T>
 bool noteRegistration(std::map<uint8_t, T*>& registered, uint8_t sectionIndex, T* value)
@@ -44,6 +42,8 @@ bool forgetRegistration(std::map<uint8_t, T*>& registered, uint8_t sectionIndex,
 
 struct LinkThreadController::Shared
 {
+    class Endpoint;
+
     // The QML thread's side.
     std::shared_ptr<ISoftwareControllerConnection> controller;
     ThreadMailbox* qmlMailbox = nullptr;
@@ -61,10 +61,9 @@ struct LinkThreadController::Shared
     Endpoint& endpoint(const std::shared_ptr<Shared>& self, uint8_t sectionIndex);
 };
 
-namespace {
-
 // What the controller talks to in a section line's place, on the QML thread.
-class Endpoint : public ISerialDataReceiver, public ISoftwareSectionLine
+class LinkThreadController::Shared::Endpoint : public ISerialDataReceiver,
+                                               public ISoftwareSectionLine
 {
 public:
     Endpoint(std::weak_ptr<LinkThreadController::Shared> shared, uint8_t sectionIndex)
@@ -122,10 +121,8 @@ private:
     const uint8_t m_sectionIndex;
 };
 
-}  // namespace
-
-Endpoint& LinkThreadController::Shared::endpoint(const std::shared_ptr<Shared>& self,
-                                                 uint8_t sectionIndex)
+auto LinkThreadController::Shared::endpoint(const std::shared_ptr<Shared>& self,
+                                            uint8_t sectionIndex) -> Endpoint&
 {
     std::unique_ptr<Endpoint>& slot = endpoints[sectionIndex];
     if (!slot) {

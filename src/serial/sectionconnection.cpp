@@ -19,8 +19,6 @@ namespace Velmora::Worksurface {
 
 namespace {
 
-constexpr int64_t kNsPerMs = 1000000;
-
 QString number(uint8_t value)
 {
     return QString::number(static_cast<unsigned>(value));

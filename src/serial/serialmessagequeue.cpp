@@ -8,8 +8,6 @@ namespace Velmora::Worksurface {
 
 namespace {
 
-constexpr qint64 kNsPerMs = 1000000;
-
 // now + delay, pinned to the ends of the clock's range: a delay too large to represent
 // means "never" rather than a wrapped time in the past.
 qint64 releaseTimeNs(qint64 nowNs, int64_t delayMs)

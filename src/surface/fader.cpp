@@ -19,7 +19,6 @@ namespace Velmora::Worksurface {
 
 namespace {
 
-constexpr qint64 kNsPerMs = 1000000;
 // A request this soon after a hand move would make the motor fight the hand: it waits.
 // An elapsed time of exactly this much still waits.
 constexpr qint64 kHandMoveHoldNs = 150 * kNsPerMs;

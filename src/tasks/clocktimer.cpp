@@ -4,12 +4,6 @@
 
 namespace Velmora::Worksurface {
 
-namespace {
-
-constexpr int64_t kNsPerMs = 1000000;
-
-}  // namespace
-
 ClockTimer::ClockTimer(QObject* parent) : QObject(parent)
 {
     m_timer.setSingleShot(true);

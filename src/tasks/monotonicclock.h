@@ -4,6 +4,9 @@
 
 namespace Velmora::Worksurface {
 
+// The clock counts nanoseconds; intervals and delays are given in milliseconds.
+constexpr qint64 kNsPerMs = 1000000;
+
 // Every reading of "now" in the plugin comes from here: task due times, queue release
 // times, link time-outs and fader hold windows. It is a monotonic nanosecond count
 // (std::chrono::steady_clock by default); tests swap in a manual source so that a

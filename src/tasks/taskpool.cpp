@@ -13,7 +13,6 @@ namespace Velmora::Worksurface {
 
 namespace {
 
-constexpr int64_t kNsPerMs = 1000000;
 constexpr int64_t kTickNs = TaskPool::kTickMs * kNsPerMs;
 constexpr int64_t kIdleWaitNs = TaskPool::kIdleWaitMs * kNsPerMs;
 

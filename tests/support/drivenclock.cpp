@@ -13,7 +13,7 @@
 namespace {
 
 std::atomic<qint64> g_nowNs{DrivenClock::kStartNs};
-std::atomic<bool> g_installed{false};
+std::atomic<bool> g_drivenClockInstalled{false};
 
 // Every reading is a nanosecond after the one before: on a real clock time never stands
 // still between two events (a fader made and a request for it a moment later), and a
@@ -23,7 +23,9 @@ qint64 drivenNowNs()
     return g_nowNs.fetch_add(1) + 1;
 }
 
-constexpr qint64 kNsPerMs = 1000000;
+// The QML runner builds this file without the plugin's headers (it reaches the clock
+// through the seam only), so it keeps its own constant.
+constexpr qint64 kNanosecondsPerMs = 1000000;
 // Another thread has this long to finish what was handed to it; only a hang comes near.
 constexpr auto kHandOverBound = std::chrono::seconds(60);
 // Rounds of this thread's events without another thread's work in flight: a chain of queued
@@ -37,7 +39,7 @@ constexpr int kMaxFiresAtOneTime = 100000;
 DrivenClock::DrivenClock(const TarvixTimeDrive* drive, QObject* parent)
     : QObject(parent), m_drive(drive)
 {
-    Q_ASSERT_X(!g_installed.exchange(true), "DrivenClock", "one driven clock at a time");
+    Q_ASSERT_X(!g_drivenClockInstalled.exchange(true), "DrivenClock", "one driven clock at a time");
     g_nowNs = kStartNs;
     m_drive->takeOver(&drivenNowNs);
 }
@@ -48,7 +50,7 @@ DrivenClock::~DrivenClock()
         QCoreApplication::instance()->removeEventFilter(this);
     }
     m_drive->takeOver(nullptr);
-    g_installed = false;
+    g_drivenClockInstalled = false;
 }
 
 const TarvixTimeDrive* DrivenClock::pluginDrive(const char* path)
@@ -138,7 +140,7 @@ bool DrivenClock::moveToNextDue(qint64 untilNs)
 
 void DrivenClock::advance(double ms)
 {
-    const qint64 untilNs = g_nowNs.load() + static_cast<qint64>(ms * kNsPerMs);
+    const qint64 untilNs = g_nowNs.load() + static_cast<qint64>(ms * kNanosecondsPerMs);
     for (;;) {
         runDueNow();
         if (!moveToNextDue(untilNs)) {
@@ -150,7 +152,7 @@ void DrivenClock::advance(double ms)
 
 bool DrivenClock::advanceUntil(const std::function<bool()>& done, qint64 ms)
 {
-    const qint64 untilNs = g_nowNs.load() + ms * kNsPerMs;
+    const qint64 untilNs = g_nowNs.load() + ms * kNanosecondsPerMs;
     for (;;) {
         runDueNow();
         if (done()) {

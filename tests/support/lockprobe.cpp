@@ -9,7 +9,7 @@
 
 namespace {
 
-LockProbingMessageHandler* g_current = nullptr;
+LockProbingMessageHandler* g_currentProbe = nullptr;
 
 }  // namespace
 
@@ -53,22 +53,22 @@ bool isFreeFromAnotherThread(const std::function<void()>& take, std::shared_ptr<
 }
 
 LockProbingMessageHandler::LockProbingMessageHandler(std::function<bool()> isFree)
-    : m_isFree(std::move(isFree)), m_outer(g_current)
+    : m_isFree(std::move(isFree)), m_outer(g_currentProbe)
 {
-    g_current = this;
+    g_currentProbe = this;
     m_previous = qInstallMessageHandler(&LockProbingMessageHandler::handler);
 }
 
 LockProbingMessageHandler::~LockProbingMessageHandler()
 {
     qInstallMessageHandler(m_previous);
-    g_current = m_outer;
+    g_currentProbe = m_outer;
 }
 
 void LockProbingMessageHandler::handler(QtMsgType type, const QMessageLogContext& context,
                                         const QString& msg)
 {
-    LockProbingMessageHandler* self = g_current;
+    LockProbingMessageHandler* self = g_currentProbe;
     if (self == nullptr) {
         return;
     }

@@ -5,7 +5,7 @@
 
 namespace {
 
-LogCapture* g_current = nullptr;
+LogCapture* g_currentCapture = nullptr;
 // A standard mutex, not a QMutex: lines may come from other threads (the trace writer, the
 // links' thread), and ThreadSanitizer sees only the standard one's synchronisation.
 std::mutex g_mutex;
@@ -32,8 +32,8 @@ const char* LogCapture::levelName(QtMsgType type)
 LogCapture::LogCapture()
 {
     std::lock_guard<std::mutex> lock(g_mutex);
-    m_outer = g_current;
-    g_current = this;
+    m_outer = g_currentCapture;
+    g_currentCapture = this;
     m_previous = qInstallMessageHandler(&LogCapture::handler);
 }
 
@@ -41,7 +41,7 @@ LogCapture::~LogCapture()
 {
     std::lock_guard<std::mutex> lock(g_mutex);
     qInstallMessageHandler(m_previous);
-    g_current = m_outer;
+    g_currentCapture = m_outer;
 }
 
 void LogCapture::handler(QtMsgType type, const QMessageLogContext& context, const QString& msg)
@@ -49,14 +49,14 @@ void LogCapture::handler(QtMsgType type, const QMessageLogContext& context, cons
     QtMessageHandler echoTo = nullptr;
     {
         std::lock_guard<std::mutex> lock(g_mutex);
-        if (!g_current) {
+        if (!g_currentCapture) {
             return;
         }
-        g_current->m_lines.append(Line{type, msg});
-        g_current->m_categories.append(
+        g_currentCapture->m_lines.append(Line{type, msg});
+        g_currentCapture->m_categories.append(
             QString::fromLatin1(context.category ? context.category : "default"));
-        if (g_current->m_echo) {
-            echoTo = g_current->m_previous;
+        if (g_currentCapture->m_echo) {
+            echoTo = g_currentCapture->m_previous;
         }
     }
     if (echoTo) {

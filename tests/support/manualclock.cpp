@@ -5,7 +5,7 @@
 namespace {
 
 std::atomic<qint64> g_now{0};
-std::atomic<bool> g_installed{false};
+std::atomic<bool> g_manualClockInstalled{false};
 
 qint64 manualNowNs()
 {
@@ -16,7 +16,8 @@ qint64 manualNowNs()
 
 ManualClock::ManualClock(qint64 startNs)
 {
-    Q_ASSERT_X(!g_installed.exchange(true), "ManualClock", "only one manual clock at a time");
+    Q_ASSERT_X(!g_manualClockInstalled.exchange(true), "ManualClock",
+               "only one manual clock at a time");
     g_now = startNs;
     m_previous = Velmora::Worksurface::MonotonicClock::setSource(&manualNowNs);
 }
@@ -24,7 +25,7 @@ ManualClock::ManualClock(qint64 startNs)
 ManualClock::~ManualClock()
 {
     Velmora::Worksurface::MonotonicClock::setSource(m_previous);
-    g_installed = false;
+    g_manualClockInstalled = false;
 }
 
 qint64 ManualClock::nowNs() const

@@ -20,8 +20,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kNsPerMs = 1000000;
-
 class NotingTask : public ITask
 {
 public:

@@ -38,7 +38,6 @@ using namespace Velmora::Worksurface;
 
 namespace {
 
-constexpr qint64 kNsPerMs = 1000000;
 // How many times flash lets the updater write the image into a section that stays in its
 // bootloader after the reset (the updater's own retry), before it gives up on the section.
 constexpr int kMaxUpdatePasses = 2;
