@@ -56,6 +56,10 @@ option(TARVIX_ONE_FILE_PER_LIBRARY "Compile each library's and program's sources
 # file, <target>_all.cpp in its build folder, that includes each of them. The paths in it are
 # relative to that folder, so two checkouts of the same commit generate the same file and
 # share its object through ccache. Call it after the target's last target_sources().
+# A static library compiled as one object is linked whole into whatever uses any of it: not
+# for a library whose files must stay out of executables that do not call them (the test
+# support's firmware home carries a firmware image in its resources, which the pty update
+# test must not have).
 function(tarvix_compile_as_one target)
     if(NOT TARVIX_ONE_FILE_PER_LIBRARY)
         return()
