@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "tasks/monotonicclock.h"
+
 namespace {
 
 std::atomic<qint64> g_nowNs{DrivenClock::kStartNs};
@@ -23,9 +25,6 @@ qint64 drivenNowNs()
     return g_nowNs.fetch_add(1) + 1;
 }
 
-// The QML runner builds this file without the plugin's headers (it reaches the clock
-// through the seam only), so it keeps its own constant.
-constexpr qint64 kNanosecondsPerMs = 1000000;
 // Another thread has this long to finish what was handed to it; only a hang comes near.
 constexpr auto kHandOverBound = std::chrono::seconds(60);
 // Rounds of this thread's events without another thread's work in flight: a chain of queued
@@ -140,7 +139,8 @@ bool DrivenClock::moveToNextDue(qint64 untilNs)
 
 void DrivenClock::advance(double ms)
 {
-    const qint64 untilNs = g_nowNs.load() + static_cast<qint64>(ms * kNanosecondsPerMs);
+    const qint64 untilNs =
+        g_nowNs.load() + static_cast<qint64>(ms * Velmora::Worksurface::kNsPerMs);
     for (;;) {
         runDueNow();
         if (!moveToNextDue(untilNs)) {
@@ -152,7 +152,7 @@ void DrivenClock::advance(double ms)
 
 bool DrivenClock::advanceUntil(const std::function<bool()>& done, qint64 ms)
 {
-    const qint64 untilNs = g_nowNs.load() + ms * kNanosecondsPerMs;
+    const qint64 untilNs = g_nowNs.load() + ms * Velmora::Worksurface::kNsPerMs;
     for (;;) {
         runDueNow();
         if (done()) {
