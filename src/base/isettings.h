@@ -56,6 +56,11 @@ public:
     // Read when the surface is built.
     virtual QString traceDirectory() const = 0;
     virtual void setTraceDirectory(const QString& directory) = 0;
+    // How long, in milliseconds, an update waits for its bootloader's next byte before it
+    // fails with StoppedAnswering (0: for ever). Read when an update begins.
+    virtual int updateTimeout() const { return 0; }
+    // Negative values are taken as 0.
+    virtual void setUpdateTimeout(int /*timeoutMs*/) {}
     // Whether the sections' links run on the surface thread instead of the QML thread.
     // Read when the surface is built.
     virtual bool linkThread() const { return false; }

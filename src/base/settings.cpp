@@ -176,4 +176,14 @@ void Settings::setLinkThread(bool enabled)
     m_linkThread.store(enabled);
 }
 
+int Settings::updateTimeout() const
+{
+    return m_updateTimeout.load();
+}
+
+void Settings::setUpdateTimeout(int timeoutMs)
+{
+    m_updateTimeout.store(timeoutMs < 0 ? 0 : timeoutMs);
+}
+
 }  // namespace Velmora::Worksurface

@@ -39,6 +39,8 @@ public:
     void setTraceDirectory(const QString& directory) override;
     bool linkThread() const override;
     void setLinkThread(bool enabled) override;
+    int updateTimeout() const override;
+    void setUpdateTimeout(int timeoutMs) override;
 
 private:
     // A surface started before QML chooses a model has no sections: hardware, no model,
@@ -54,6 +56,8 @@ private:
     QString m_traceDirectory;
     // Written from QML, read when the surface is built.
     std::atomic<bool> m_linkThread{false};
+    // Written from QML, read by an updater on the links' thread when an update begins.
+    std::atomic<int> m_updateTimeout{0};
 };
 
 }  // namespace Velmora::Worksurface

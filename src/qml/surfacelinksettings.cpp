@@ -70,3 +70,20 @@ void SurfaceLinkSettings::setLinkThread(bool enabled)
     m_linkSettings->setLinkThread(enabled);
     emit linkThreadChanged();
 }
+
+int SurfaceLinkSettings::updateTimeout() const
+{
+    return m_linkSettings ? m_linkSettings->updateTimeout() : 0;
+}
+
+void SurfaceLinkSettings::setUpdateTimeout(int timeoutMs)
+{
+    if (!m_linkSettings) {
+        return;
+    }
+    const int previous = m_linkSettings->updateTimeout();
+    m_linkSettings->setUpdateTimeout(timeoutMs);
+    if (m_linkSettings->updateTimeout() != previous) {
+        emit updateTimeoutChanged();
+    }
+}

@@ -9,7 +9,8 @@ class ISettings;
 }
 
 // The link part of Surface.settings: whether and how often the sections' links come back
-// by themselves, and what their flight recorders keep and where a failing link saves it. Like the
+// by themselves, how long an update waits for a silent bootloader, and what their flight
+// recorders keep and where a failing link saves it. Like the
 // rest of the settings it keeps no value of its own: it reads and writes the shared settings, which
 // every link's supervision reads on each pass, so a change applies to the running links at once.
 //
@@ -25,6 +26,8 @@ class SurfaceLinkSettings : public QObject
     Q_PROPERTY(QString traceDirectory READ traceDirectory WRITE setTraceDirectory NOTIFY
                    traceDirectoryChanged)
     Q_PROPERTY(bool linkThread READ linkThread WRITE setLinkThread NOTIFY linkThreadChanged)
+    Q_PROPERTY(
+        int updateTimeout READ updateTimeout WRITE setUpdateTimeout NOTIFY updateTimeoutChanged)
 
 public:
     explicit SurfaceLinkSettings(std::shared_ptr<Velmora::Worksurface::ISettings> settings,
@@ -47,12 +50,18 @@ public:
     // turns it on as well (docs/threads.md).
     bool linkThread() const;
     void setLinkThread(bool enabled);
+    // In milliseconds; 0 (the default): an update waits for its bootloader for ever. Above 0
+    // an update whose bootloader sends nothing for that long fails with reason 3 and the link
+    // starts it over. Read when an update begins. Negative values are taken as 0.
+    int updateTimeout() const;
+    void setUpdateTimeout(int timeoutMs);
 
 signals:
     void reconnectIntervalChanged();
     void traceCapacityChanged();
     void traceDirectoryChanged();
     void linkThreadChanged();
+    void updateTimeoutChanged();
 
 private:
     std::shared_ptr<Velmora::Worksurface::ISettings> m_linkSettings;

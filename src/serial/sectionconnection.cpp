@@ -168,6 +168,7 @@ void SectionConnection::open()
                             m_connection->isOpen() ? 1 : 0, m_connection->portName(),
                             m_connection->portError());
     const uint64_t opening = ++m_opens;
+    m_updateCutOff = false;
     // The listener hears of Connecting before the updater starts, as it always has; it is
     // only no longer called with the mutex held.
     setState(Connecting);
@@ -443,6 +444,11 @@ void SectionConnection::failed(int reason)
     // The updater has already reset the section and logged why; the link recovers through
     // the usual state machine. QML learns why.
     m_updateFailed = true;
+    if (reason == StoppedAnswering) {
+        // The section still sits in its bootloader with part of the image: the link probes
+        // it again (superviseReconnect), which runs the update again.
+        m_updateCutOff = true;
+    }
     m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::UpdateFailed, reason);
     if (m_stateListener) {
         m_stateListener->sectionUpdateResult(m_sectionIndex, reason);
@@ -507,8 +513,17 @@ void SectionConnection::superviseReconnect(int64_t nowNs)
     m_supervisedState = state;
 
     const int intervalMs = m_reconnectSettings ? m_reconnectSettings->reconnectInterval() : 0;
+    if (intervalMs > 0 && state != Closed && !m_connection->isOpen()) {
+        // The line went away: an update waiting for its bootloader is over at once.
+        m_updater->lineLost();
+    }
     if (intervalMs <= 0) {
         m_outage = false;
+        if (m_updateCutOff) {
+            // Nothing brings this link back by itself but a new start-up exchange, so it
+            // starts one now: it finds the section in its bootloader and updates it again.
+            reopenLink(nowNs);
+        }
         return;
     }
     const QString section = number(m_sectionIndex);
@@ -530,7 +545,9 @@ void SectionConnection::superviseReconnect(int64_t nowNs)
     // it and is not stalled, and the interval counts from the end of that exchange. Only an
     // unanswered start-up probe, which a section still booting may not have heard, or a
     // line that has gone, is worth another attempt.
-    const bool updaterBusy = !portDown && m_updater->isActive() && !m_updater->isProbing();
+    // An update that stopped answering waits for nothing any more.
+    const bool updaterBusy =
+        !portDown && m_updater->isActive() && !m_updater->isProbing() && !m_updateCutOff;
     if (updaterBusy) {
         m_attemptNs = nowNs;
     }
@@ -565,6 +582,7 @@ void SectionConnection::superviseReconnect(int64_t nowNs)
 void SectionConnection::reopenLink(int64_t nowNs)
 {
     ++m_reconnectAttempts;
+    m_updateCutOff = false;
     m_recorder->recordEvent(nowNs, FlightRecorder::Event::Reconnect);
     m_attemptNs = nowNs;
     // Without the mutex, like every other call out of the link: opening a serial port reports

@@ -46,6 +46,12 @@ class Logger;
 // schedules nothing. Nothing is retried while an update runs, and the log gets one warning
 // when the outage begins and one line when the section is back, not a line per attempt.
 //
+// An update cut off halfway: a line that goes away during an update (with reconnecting on)
+// ends it at once, and an updater with a time-out ends one whose bootloader fell silent;
+// either way the update fails with StoppedAnswering, and the link probes the section again
+// (at the next reconnection attempt, or at once when it does not reconnect by itself), which
+// finds it in its bootloader and runs the whole update again.
+//
 // Always held by a shared_ptr: open() hands the task pool a weak reference to this object.
 //
 // Threads: QML-thread-only, like the rest of the surface (docs/threads.md), checked in debug
@@ -198,6 +204,8 @@ private:
     uint64_t m_opens = 0;  // opens that got past the open line check
     bool m_updateRunning = false;
     bool m_updateFailed = false;
+    // The update failed because its bootloader stopped answering: the link starts over.
+    bool m_updateCutOff = false;
     std::deque<uint8_t> m_pendingStates;
 
     // Flight recorder, all on the link's thread.

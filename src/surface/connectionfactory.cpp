@@ -44,6 +44,7 @@ std::shared_ptr<SectionConnection> ConnectionFactory::createLink(
     const std::shared_ptr<ISerialMessageQueue>& queue, const std::shared_ptr<ISettings>& settings)
 {
     auto updater = std::make_unique<SectionUpdater>(m_taskPool, settings, m_logger);
+    updater->setSectionIndex(sectionIndex);
     auto serial = m_serialFactory->createSerialConnection(sectionIndex, settings);
     // The recorder's ring is sized once, here, when connect() builds the surface.
     auto connection = std::make_shared<SectionConnection>(

@@ -21,6 +21,10 @@ public:
     // that does not say is taken to be busy with the section whenever it is active.
     virtual bool isProbing() const { return false; }
     virtual void start(ISectionUpdaterListener* listener) = 0;
+    // The link's line went away. An update waiting for the bootloader ends at once with
+    // StoppedAnswering; anything else (a probe, the second before the next probe) is left
+    // to the link's reconnection.
+    virtual void lineLost() {}
     virtual void dataReceived(const QByteArray& data) = 0;
 };
 

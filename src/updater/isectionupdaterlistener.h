@@ -13,9 +13,13 @@ public:
     // Why an update failed.
     enum FailureReason : int
     {
-        FirmwareFileError = 0,     // missing, not openable or not readable
-        ResendsExhausted = 1,      // the bootloader kept refusing a packet
-        BootloaderErrorStatus = 2  // the bootloader reported an error status
+        FirmwareFileError = 0,      // missing, not openable or not readable
+        ResendsExhausted = 1,       // the bootloader kept refusing a packet
+        BootloaderErrorStatus = 2,  // the bootloader reported an error status
+        // The bootloader stopped answering in the middle of an update, or its line went
+        // away: the section sits in its bootloader with part of the image, and the link
+        // starts over with a new probe.
+        StoppedAnswering = 3
     };
 
     virtual ~ISectionUpdaterListener() = default;

@@ -6,6 +6,8 @@
 #include "base/logcategories.h"
 #include "base/logger.h"
 #include "tasks/itaskpool.h"
+#include "tasks/monotonicclock.h"
+#include "updater/answerwatchdogtask.h"
 #include "updater/isectionupdaterlistener.h"
 #include "updater/startautoupdatetask.h"
 
@@ -14,6 +16,7 @@ namespace Velmora::Worksurface {
 namespace {
 
 const QString kPrefix = QStringLiteral("WS UPDATER: ");
+constexpr int64_t kNsPerMs = 1000000;
 
 uint8_t byteAt(const QByteArray& bytes, int index)
 {
@@ -76,6 +79,8 @@ void SectionUpdater::start(ISectionUpdaterListener* listener)
     // last reset would follow it with a second AutoBaud. The pool holds the task only
     // weakly, so letting it go cancels it.
     m_autoUpdateTask.reset();
+    m_inExchange = false;
+    m_watchdogTask.reset();
     m_listener = listener;
     m_buffer.clear();
     ++m_bufferGeneration;
@@ -88,6 +93,8 @@ void SectionUpdater::start(ISectionUpdaterListener* listener)
 
 void SectionUpdater::dataReceived(const QByteArray& data)
 {
+    // Any byte, even one that is skipped, shows that the bootloader is still there.
+    m_lastAnswerNs = MonotonicClock::nowNs();
     m_buffer.append(data);
     if (m_processing) {
         // Entered again from a listener call: the loop below is still running and takes
@@ -117,6 +124,8 @@ void SectionUpdater::dataReceived(const QByteArray& data)
                 // after the answer is left for the next call.
                 ++pos;
                 log(&Logger::info, QStringLiteral("Received not in bootloader. Finished updating"));
+                m_inExchange = false;
+                m_watchdogTask.reset();
                 setState(Idle);
                 stop = true;
                 break;
@@ -181,6 +190,73 @@ void SectionUpdater::runAutoUpdate()
     // Released here, but destroyed only on the way out: this runs inside the task's own run.
     const std::shared_ptr<StartAutoUpdateTask> finished = std::move(m_autoUpdateTask);
     sendAutoBaud();
+}
+
+void SectionUpdater::lineLost()
+{
+    if (!m_inExchange) {
+        return;
+    }
+    stopAnswered(QStringLiteral("lost its line"),
+                 (MonotonicClock::nowNs() - m_lastAnswerNs) / kNsPerMs);
+}
+
+void SectionUpdater::watchAnswers()
+{
+    m_watchdogTask.reset();
+    if (m_timeoutMs <= 0 || !m_taskPool) {
+        return;
+    }
+    m_watchdogTask = std::make_shared<AnswerWatchdogTask>(this);
+    m_taskPool->scheduleOnce(static_cast<uint64_t>(m_timeoutMs), m_watchdogTask);
+}
+
+void SectionUpdater::checkAnswerDeadline()
+{
+    // Released here, but destroyed only on the way out: this runs inside the task's own run.
+    const std::shared_ptr<AnswerWatchdogTask> finished = std::move(m_watchdogTask);
+    if (!m_inExchange) {
+        return;
+    }
+    const int64_t waitedNs = MonotonicClock::nowNs() - m_lastAnswerNs;
+    const int64_t timeoutNs = m_timeoutMs * kNsPerMs;
+    if (waitedNs >= timeoutNs) {
+        stopAnswered(QStringLiteral("stopped answering"), waitedNs / kNsPerMs);
+        return;
+    }
+    // Something came meanwhile: look again when the time-out could have passed since.
+    m_watchdogTask = std::make_shared<AnswerWatchdogTask>(this);
+    m_taskPool->scheduleOnce(
+        static_cast<uint64_t>((timeoutNs - waitedNs + kNsPerMs - 1) / kNsPerMs), m_watchdogTask);
+}
+
+void SectionUpdater::stopAnswered(const QString& what, int64_t waitedMs)
+{
+    const QString awaited = m_state == WaitingForStatus
+                                ? QStringLiteral("the status")
+                                : bootloaderCommandName(m_lastPacket.command);
+    log(&Logger::warning,
+        QStringLiteral("Section %1 %2 at block %3 of %4 (waiting for %5): nothing received for "
+                       "%6 ms. Update failed.")
+            .arg(static_cast<unsigned>(m_sectionIndex))
+            .arg(what)
+            .arg(m_blocksSent)
+            .arg(m_totalBlocks)
+            .arg(awaited)
+            .arg(waitedMs));
+    m_inExchange = false;
+    m_watchdogTask.reset();
+    // Told while the update still counts as running, so the link does not take its end
+    // for a success.
+    notifyFailed(ISectionUpdaterListener::StoppedAnswering);
+    if (m_firmwareFile.isOpen()) {
+        m_firmwareFile.close();
+    }
+    m_updating = false;
+    m_lastPacket = BootloaderPacket(BootloaderCommand::NoPacket);
+    m_buffer.clear();
+    ++m_bufferGeneration;
+    setState(Failed);
 }
 
 void SectionUpdater::setState(int32_t state)
@@ -251,6 +327,9 @@ void SectionUpdater::handleAck()
         case BootloaderCommand::Reset:
             log(&Logger::debug,
                 QStringLiteral("Reset acknowledged register task for sending AutoBaud."));
+            // The bootloader has done its part; the next probe is no update yet.
+            m_inExchange = false;
+            m_watchdogTask.reset();
             m_autoUpdateTask = std::make_shared<StartAutoUpdateTask>(this);
             if (m_taskPool) {
                 m_taskPool->scheduleOnce(kAutoUpdateDelayMs, m_autoUpdateTask);
@@ -263,6 +342,9 @@ void SectionUpdater::handleAck()
                 break;
             }
             log(&Logger::info, QStringLiteral("Starting WS update"));
+            m_inExchange = true;
+            m_timeoutMs = m_settings ? m_settings->updateTimeout() : 0;
+            watchAnswers();
             beginUpdate();
             break;
         default:
@@ -335,6 +417,8 @@ void SectionUpdater::beginUpdate()
     }
     m_firmwareFile.setFileName(m_settings ? m_settings->firmwarePath() : QString());
     if (m_firmwareFile.exists()) {
+        m_totalBlocks = (m_firmwareFile.size() + kBlockSize - 1) / kBlockSize;
+        m_blocksSent = 0;
         log(&Logger::info,
             QStringLiteral("Updating WS code from file: %1").arg(m_firmwareFile.fileName()));
         m_updating = true;
@@ -366,6 +450,8 @@ void SectionUpdater::loadFirmware()
     // The bootloader erases and writes whole blocks; the last one is padded.
     const qint64 blocks = (size + kBlockSize - 1) / kBlockSize;
     const qint64 transferSize = blocks * kBlockSize;
+    m_totalBlocks = blocks;
+    m_blocksSent = 0;
     QByteArray payload;
     payload.reserve(8);
     appendBigEndian32(payload, 0);
@@ -403,6 +489,7 @@ void SectionUpdater::sendNextBlock()
     }
     QByteArray block(data, static_cast<int>(read));
     block.append(QByteArray(kBlockSize - static_cast<int>(read), static_cast<char>(0xFF)));
+    ++m_blocksSent;
     sendPacket(BootloaderPacket(BootloaderCommand::SendData, block));
 
     if (firmwareAtEnd()) {

@@ -13,6 +13,7 @@ namespace Velmora::Worksurface {
 
 class ISectionUpdaterListener;
 class ISettings;
+class AnswerWatchdogTask;
 class ITaskPool;
 class Logger;
 class StartAutoUpdateTask;
@@ -26,6 +27,13 @@ class StartAutoUpdateTask;
 // status check. At the end (and after any failure) the microcontroller is reset, and a
 // second later the updater asks again, so a section that is still in its bootloader is
 // updated once more.
+//
+// With an update time-out (ISettings::updateTimeout() above 0, read when an update begins),
+// an update whose bootloader sends no byte for that long, or whose line goes away
+// (lineLost()), fails with StoppedAnswering. No Reset follows: the bootloader cannot hear
+// it, and one heard late would start a half-written application. The section stays in its
+// bootloader and the link probes it again, which runs the update again from its first
+// block.
 class SectionUpdater : public ISectionUpdater
 {
 public:
@@ -60,10 +68,17 @@ public:
     bool isProbing() const override;
     void start(ISectionUpdaterListener* listener) override;
     void dataReceived(const QByteArray& data) override;
+    void lineLost() override;
+
+    // Names the section in the log line of an update that stopped answering.
+    void setSectionIndex(uint8_t index) { m_sectionIndex = index; }
 
     // The auto-update step, run by the pending StartAutoUpdateTask a second after the
     // bootloader acknowledged the reset.
     void runAutoUpdate();
+    // Run by the pending AnswerWatchdogTask: fails the update if the bootloader has not
+    // answered for the update time-out, else looks again when it could have.
+    void checkAnswerDeadline();
 
     // Probe only (the bench tool's probe and monitor): a section found in its bootloader is
     // reported (state InBootloader, which still counts as active, so the link keeps its
@@ -78,6 +93,9 @@ public:
     // NotBootLoader answer).
     int pendingByteCount() const { return m_buffer.size(); }
     bool hasPendingAutoUpdate() const { return m_autoUpdateTask != nullptr; }
+    // An update runs whose bootloader answered its AutoBaud, up to its Reset's
+    // acknowledgement: a silence now is the bootloader's, not a probe's.
+    bool isInUpdateExchange() const { return m_inExchange; }
 
 private:
     void setState(int32_t state);
@@ -95,6 +113,11 @@ private:
     void finish();
     void sendNextBlock();
     bool firmwareAtEnd() const;
+    // Begins watching the bootloader's answers, when the update has a time-out.
+    void watchAnswers();
+    // Ends an update whose bootloader stopped answering: logs where and how long it waited
+    // and fails with StoppedAnswering, without a Reset.
+    void stopAnswered(const QString& what, int64_t waitedMs);
     // Logs "<prefix><text>" at the level given, when the updater has a logger.
     void log(void (Logger::*level)(const QString&) const, const QString& text) const;
 
@@ -110,6 +133,16 @@ private:
     uint8_t m_resendCount = 0;
     std::shared_ptr<StartAutoUpdateTask> m_autoUpdateTask;
     bool m_probeOnly = false;
+    uint8_t m_sectionIndex = 0;
+
+    // The update time-out: whether the exchange is watched, since when nothing came, and
+    // the pending look at it.
+    bool m_inExchange = false;
+    int64_t m_timeoutMs = 0;
+    int64_t m_lastAnswerNs = 0;
+    int64_t m_totalBlocks = 0;
+    int64_t m_blocksSent = 0;
+    std::shared_ptr<AnswerWatchdogTask> m_watchdogTask;
 
     // Guards dataReceived against being entered again from a listener call (an in-process
     // section may answer a packet synchronously): the nested call only appends, and the

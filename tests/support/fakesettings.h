@@ -35,6 +35,11 @@ public:
     void setTraceCapacity(int capacity) override { m_traceCapacity = capacity < 0 ? 0 : capacity; }
     QString traceDirectory() const override { return m_traceDirectory; }
     void setTraceDirectory(const QString& directory) override { m_traceDirectory = directory; }
+    int updateTimeout() const override { return m_updateTimeout; }
+    void setUpdateTimeout(int timeoutMs) override
+    {
+        m_updateTimeout = timeoutMs < 0 ? 0 : timeoutMs;
+    }
 
     void setMaxResendCount(uint8_t count) { m_maxResendCount = count; }
     void setSectionCount(uint8_t count) { m_sectionCount = count; }
@@ -59,6 +64,7 @@ private:
     std::map<uint8_t, QString> m_portNames;
     QString m_firmwarePath;
     int m_reconnectInterval = 0;
+    int m_updateTimeout = 0;
     int m_traceCapacity = 4096;
     QString m_traceDirectory;
 };

@@ -132,6 +132,19 @@ private slots:
     void garbageNeverGrowsTheBufferWithoutBound();
     void randomBytesInEveryStateAreAlwaysConsumed();
 
+    // The update time-out: a bootloader that stops answering, a line that goes away.
+    void withoutATimeOutASilentBootloaderIsWaitedForForEver();
+    void silentBootloaderFailsTheUpdateWithReasonThreeWithoutAReset();
+    void everyByteFromTheBootloaderPushesTheTimeOutBack();
+    void silenceWaitingForTheStatusNamesTheStatus();
+    void silenceWaitingForTheResetAcknowledgementFailsToo();
+    void theTimeOutIsReadWhenAnUpdateBegins();
+    void anUnansweredProbeIsNoUpdate();
+    void silenceAfterTheAcknowledgedResetIsNoUpdate();
+    void lineLostEndsTheUpdateAtOnce();
+    void lineLostOutsideAnUpdateChangesNothing();
+    void afterReasonThreeTheNextStartUpdatesFromTheFirstBlock();
+
     // With the real settings' firmware lookup.
     void realSettingsFindTheImageInTheHomeFolder();
     void realSettingsFallBackToTheBuiltInImage();
@@ -1488,6 +1501,247 @@ void tst_SectionUpdater::randomBytesInEveryStateAreAlwaysConsumed()
 
 // ---------------------------------------------------------------------------------------
 // With the real settings' firmware lookup
+
+// Updates a ten-block image with a time-out of 5 s until the fourth block is out and not
+// yet acknowledged; the clock has not moved since the AutoBaud was acknowledged.
+static const int kTimeoutMs = 5000;
+
+void tst_SectionUpdater::withoutATimeOutASilentBootloaderIsWaitedForForEver()
+{
+    writeFirmware(imageOfSize(640));
+    startAndAcknowledgeAutoBaud();
+    ack();  // Ping -> Download
+    const qint64 start = m_clock->nowNs();
+    m_listener->clear();
+    m_log->clear();
+    tickAt(start + 3600 * 1000 * kMs);
+    QVERIFY(m_listener->events.isEmpty());
+    QVERIFY(m_log->texts().isEmpty());
+    QCOMPARE(m_updater->state(), int32_t(SectionUpdater::Exchanging));
+    QVERIFY(m_updater->isUpdating());
+    QCOMPARE(int(m_updater->lastPacket().command), int(BootloaderCommand::Download));
+    QCOMPARE(m_pool->taskCount(), std::size_t(0));
+}
+
+void tst_SectionUpdater::silentBootloaderFailsTheUpdateWithReasonThreeWithoutAReset()
+{
+    m_settings->setUpdateTimeout(kTimeoutMs);
+    m_updater->setSectionIndex(2);
+    writeFirmware(imageOfSize(640));
+    const qint64 start = m_clock->nowNs();
+    startAndAcknowledgeAutoBaud();
+    ack();  // Ping -> Download
+    ack();  // Download -> GetStatus
+    for (int block = 0; block < 4; ++block) {
+        ack();                                          // -> status reply awaited
+        feed(statusReply(BootloaderCommand::Success));  // -> SendData
+        if (block < 3) {
+            ack();  // SendData -> GetStatus
+        }
+    }
+    QCOMPARE(int(m_updater->lastPacket().command), int(BootloaderCommand::SendData));
+    QCOMPARE(m_listener->progress.last(), uint8_t(40));
+    m_listener->clear();
+    m_log->clear();
+
+    tickAt(start + (kTimeoutMs - 1) * kMs);
+    tickAt(start + kTimeoutMs * kMs);
+    QVERIFY(m_listener->events.isEmpty());
+    QVERIFY(m_updater->isUpdating());
+
+    tickAt(start + kTimeoutMs * kMs + 1);
+    QCOMPARE(m_log->lines(),
+             (QList<LogCapture::Line>{
+                 {QtWarningMsg,
+                  "WS UPDATER: Section 2 stopped answering at block 4 of 10 (waiting "
+                  "for SendData): nothing received for 5000 ms. Update failed."}}));
+    // Told while the update still runs, then the state; nothing goes on the line.
+    QCOMPARE(m_listener->events, QStringList({"failed 3", "state"}));
+    QCOMPARE(m_listener->statesSeen, (QList<QPair<bool, bool>>{{true, false}}));
+    QCOMPARE(m_updater->state(), int32_t(SectionUpdater::Failed));
+    QVERIFY(!m_updater->isUpdating());
+    QVERIFY(!m_updater->isInUpdateExchange());
+    QVERIFY(!m_updater->hasPendingAutoUpdate());
+
+    // Late bytes change nothing more, and no second failure follows.
+    feed(kAck);
+    tickAt(start + 3 * kTimeoutMs * kMs);
+    QCOMPARE(m_listener->events, QStringList({"failed 3", "state"}));
+}
+
+void tst_SectionUpdater::everyByteFromTheBootloaderPushesTheTimeOutBack()
+{
+    m_settings->setUpdateTimeout(kTimeoutMs);
+    writeFirmware(imageOfSize(640));
+    const qint64 start = m_clock->nowNs();
+    startAndAcknowledgeAutoBaud();  // -> Ping
+    // A zero byte is no answer, but it comes from the bootloader.
+    tickAt(start + 3000 * kMs);
+    feed(QByteArray(1, '\0'));
+    m_listener->clear();
+
+    tickAt(start + 5000 * kMs + 1);  // the first look: 2 s since the last byte
+    QVERIFY(m_listener->failures.isEmpty());
+    tickAt(start + 7999 * kMs);
+    QVERIFY(m_listener->failures.isEmpty());
+    tickAt(start + 8001 * kMs);
+    QCOMPARE(m_listener->failures, QList<int>({3}));
+    QCOMPARE(m_log->lines().last(),
+             (LogCapture::Line{QtWarningMsg,
+                               "WS UPDATER: Section 0 stopped answering at block 0 of 10 (waiting "
+                               "for Ping): nothing received for 5001 ms. Update failed."}));
+}
+
+void tst_SectionUpdater::silenceWaitingForTheStatusNamesTheStatus()
+{
+    m_settings->setUpdateTimeout(kTimeoutMs);
+    writeFirmware(imageOfSize(640));
+    const qint64 start = m_clock->nowNs();
+    startAndAcknowledgeAutoBaud();
+    ack();  // Ping -> Download
+    ack();  // Download -> GetStatus
+    ack();  // -> the status reply is awaited
+    QCOMPARE(m_updater->state(), int32_t(SectionUpdater::WaitingForStatus));
+    m_log->clear();
+    tickAt(start + 7000 * kMs);
+    QCOMPARE(m_log->lines(),
+             (QList<LogCapture::Line>{
+                 {QtWarningMsg,
+                  "WS UPDATER: Section 0 stopped answering at block 0 of 10 (waiting "
+                  "for the status): nothing received for 7000 ms. Update failed."}}));
+    QCOMPARE(m_listener->failures, QList<int>({3}));
+}
+
+void tst_SectionUpdater::silenceWaitingForTheResetAcknowledgementFailsToo()
+{
+    m_settings->setUpdateTimeout(kTimeoutMs);
+    writeFirmware(imageOfSize(100));
+    const qint64 start = m_clock->nowNs();
+    startAndAcknowledgeAutoBaud();
+    answerUntilReset();
+    QVERIFY(!m_updater->isUpdating());
+    m_listener->clear();
+    m_log->clear();
+    tickAt(start + kTimeoutMs * kMs + 1);
+    QCOMPARE(m_log->lines(),
+             (QList<LogCapture::Line>{
+                 {QtWarningMsg,
+                  "WS UPDATER: Section 0 stopped answering at block 2 of 2 (waiting "
+                  "for Reset): nothing received for 5000 ms. Update failed."}}));
+    QCOMPARE(m_listener->events, QStringList({"failed 3", "state"}));
+    QVERIFY(!m_updater->hasPendingAutoUpdate());
+}
+
+void tst_SectionUpdater::theTimeOutIsReadWhenAnUpdateBegins()
+{
+    writeFirmware(imageOfSize(640));
+    const qint64 start = m_clock->nowNs();
+    startAndAcknowledgeAutoBaud();
+    // Too late for this update.
+    m_settings->setUpdateTimeout(kTimeoutMs);
+    tickAt(start + 60 * 1000 * kMs);
+    QVERIFY(m_listener->failures.isEmpty());
+    QVERIFY(m_updater->isUpdating());
+
+    // The next update starts with it.
+    m_updater->start(m_listener.get());
+    ack();
+    m_listener->clear();
+    tickAt(start + 65 * 1000 * kMs + 1);
+    QCOMPARE(m_listener->failures, QList<int>({3}));
+}
+
+void tst_SectionUpdater::anUnansweredProbeIsNoUpdate()
+{
+    m_settings->setUpdateTimeout(kTimeoutMs);
+    writeFirmware(imageOfSize(640));
+    const qint64 start = m_clock->nowNs();
+    m_updater->start(m_listener.get());
+    m_updater->lineLost();
+    tickAt(start + 60 * 1000 * kMs);
+    QCOMPARE(m_listener->events, QStringList({"state", sendHex("5555")}));
+    QVERIFY(m_updater->isProbing());
+    QVERIFY(m_log->texts().isEmpty());
+}
+
+void tst_SectionUpdater::silenceAfterTheAcknowledgedResetIsNoUpdate()
+{
+    m_settings->setUpdateTimeout(kTimeoutMs);
+    writeFirmware(imageOfSize(100));
+    startAndAcknowledgeAutoBaud();
+    answerUntilReset();
+    tickAt(m_clock->nowNs() + 4000 * kMs);
+    const qint64 resetAckedAt = m_clock->nowNs();
+    ack();
+    QVERIFY(m_updater->hasPendingAutoUpdate());
+    m_listener->clear();
+    // The second before the next probe, then the probe itself, unanswered.
+    tickAt(resetAckedAt + 1000 * kMs + 1);
+    tickAt(resetAckedAt + 60 * 1000 * kMs);
+    QCOMPARE(m_listener->events, QStringList({sendHex("5555")}));
+    QVERIFY(m_updater->isProbing());
+}
+
+void tst_SectionUpdater::lineLostEndsTheUpdateAtOnce()
+{
+    // Also without a time-out: a line that is gone will not answer.
+    m_updater->setSectionIndex(1);
+    writeFirmware(imageOfSize(640));
+    const qint64 start = m_clock->nowNs();
+    startAndAcknowledgeAutoBaud();
+    ack();  // Ping -> Download
+    m_listener->clear();
+    m_log->clear();
+    tickAt(start + 120 * kMs);
+    m_updater->lineLost();
+    QCOMPARE(m_log->lines(),
+             (QList<LogCapture::Line>{
+                 {QtWarningMsg,
+                  "WS UPDATER: Section 1 lost its line at block 0 of 10 (waiting for "
+                  "Download): nothing received for 120 ms. Update failed."}}));
+    QCOMPARE(m_listener->events, QStringList({"failed 3", "state"}));
+    QCOMPARE(m_updater->state(), int32_t(SectionUpdater::Failed));
+    // Once only.
+    m_updater->lineLost();
+    QCOMPARE(m_listener->events, QStringList({"failed 3", "state"}));
+}
+
+void tst_SectionUpdater::lineLostOutsideAnUpdateChangesNothing()
+{
+    m_updater->lineLost();
+    writeFirmware(imageOfSize(100));
+    startAndAcknowledgeAutoBaud();
+    answerUntilReset();
+    ack();  // the reset is acknowledged: the second before the next probe
+    m_listener->clear();
+    m_updater->lineLost();
+    QVERIFY(m_listener->events.isEmpty());
+    QVERIFY(m_updater->hasPendingAutoUpdate());
+}
+
+void tst_SectionUpdater::afterReasonThreeTheNextStartUpdatesFromTheFirstBlock()
+{
+    m_settings->setUpdateTimeout(kTimeoutMs);
+    const QByteArray image = imageOfSize(640);
+    writeFirmware(image);
+    startAndAcknowledgeAutoBaud();
+    ack();  // Ping -> Download
+    ack();  // Download -> GetStatus
+    ack();
+    feed(statusReply(BootloaderCommand::Success));  // -> the first block
+    m_updater->lineLost();
+    QCOMPARE(m_listener->failures, QList<int>({3}));
+
+    // The link probes again and the section is still in its bootloader.
+    m_listener->clear();
+    startAndAcknowledgeAutoBaud();
+    const Transfer transfer = answerUntilReset();
+    QCOMPARE(transfer.download, QByteArray::fromHex("0000000000000280"));
+    QCOMPARE(transfer.written, image);
+    QCOMPARE(transfer.blocks, 10);
+    QVERIFY(transfer.endedWithReset);
+    QVERIFY(m_listener->failures.isEmpty());
+}
 
 void tst_SectionUpdater::realSettingsFindTheImageInTheHomeFolder()
 {
