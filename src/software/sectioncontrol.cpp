@@ -15,15 +15,6 @@ namespace {
 // The section itself is device 0 of its link.
 constexpr uint8_t kSectionDevice = 0;
 
-// The serial line carries 11,520 bytes a second (115200 baud, 8N1): the bootloader's
-// answers come as late as the bytes of the packet and of the answer would take on it.
-constexpr int kLineBytesPerSecond = 11520;
-
-int lineMs(int bytes)
-{
-    return std::max(1, (bytes * 1000 + kLineBytesPerSecond - 1) / kLineBytesPerSecond);
-}
-
 void warn(const QString& text)
 {
     qCWarning(lcSoftware, "%s", qPrintable(text));
@@ -31,10 +22,17 @@ void warn(const QString& text)
 
 }  // namespace
 
-SectionControl::SectionControl(QObject* parent) : QObject(parent)
+SectionControl::SectionControl(QObject* parent) : QObject(parent), m_faults(*this)
 {
-    // The pace is a few milliseconds per answer, on a precise timer.
-    connect(&m_answerTimer, &ClockTimer::timeout, this, &SectionControl::deliverAnswer);
+    connect(&m_faults, &SectionFaults::answeringChanged, this, &SectionControl::answeringChanged);
+    connect(&m_faults, &SectionFaults::pluggedChanged, this, &SectionControl::pluggedChanged);
+    connect(&m_faults, &SectionFaults::bootloaderChanged, this, &SectionControl::bootloaderChanged);
+    connect(&m_faults, &SectionFaults::flashStatusChanged, this,
+            &SectionControl::flashStatusChanged);
+    connect(&m_faults, &SectionFaults::nakCountChanged, this, &SectionControl::nakCountChanged);
+    connect(&m_faults, &SectionFaults::receivedBytesChanged, this,
+            &SectionControl::receivedBytesChanged);
+    connect(&m_faults, &SectionFaults::imageCrc32Changed, this, &SectionControl::imageCrc32Changed);
 }
 
 SectionControl::~SectionControl()
@@ -114,99 +112,6 @@ void SectionControl::stopCalibration()
     sendToPlugin(SerialMessage(MessageType::Calibration, kSectionDevice));
     m_calibrating = false;
     emit calibratingChanged();
-}
-
-void SectionControl::setAnswering(bool answering)
-{
-    if (answering == m_answering) {
-        return;
-    }
-    m_answering = answering;
-    emit answeringChanged();
-}
-
-bool SectionControl::updateRunning() const
-{
-    return m_inBootloader && m_bootloader.isUpdating();
-}
-
-void SectionControl::setPlugged(bool plugged)
-{
-    if (plugged == m_plugged) {
-        return;
-    }
-    if (updateRunning()) {
-        warn(QStringLiteral("SectionControl: section %1 is being updated; plugged stays %2 until "
-                            "the update ends")
-                 .arg(static_cast<int>(m_sectionIndex))
-                 .arg(m_plugged ? QStringLiteral("true") : QStringLiteral("false")));
-        return;
-    }
-    m_plugged = plugged;
-    if (!plugged) {
-        // Answers still on their way are lost with the cable.
-        m_pendingAnswers.clear();
-        m_answerTimer.stop();
-    }
-    if (QmlControllerConnection* controller = qmlController()) {
-        controller->sectionPluggedChanged(m_sectionIndex);
-    }
-    emit pluggedChanged();
-}
-
-void SectionControl::setBootloader(bool bootloader)
-{
-    if (bootloader == m_inBootloader) {
-        return;
-    }
-    if (updateRunning()) {
-        warn(QStringLiteral("SectionControl: section %1 is being updated; bootloader stays %2 "
-                            "until the update ends")
-                 .arg(static_cast<int>(m_sectionIndex))
-                 .arg(m_inBootloader ? QStringLiteral("true") : QStringLiteral("false")));
-        return;
-    }
-    setInBootloader(bootloader);
-}
-
-void SectionControl::setInBootloader(bool inBootloader)
-{
-    m_inBootloader = inBootloader;
-    m_bootloader.abandonExchange();
-    m_pendingAnswers.clear();
-    m_answerTimer.stop();
-    emit bootloaderChanged();
-}
-
-void SectionControl::setFlashStatus(int status)
-{
-    if (status < 0 || status > 255) {
-        warn(QStringLiteral("SectionControl: flashStatus %1 is not a byte (0..255); it stays %2")
-                 .arg(status)
-                 .arg(m_bootloader.flashStatus()));
-        return;
-    }
-    if (status == m_bootloader.flashStatus()) {
-        return;
-    }
-    m_bootloader.setFlashStatus(static_cast<uint8_t>(status));
-    emit flashStatusChanged();
-}
-
-void SectionControl::setNakCount(int count)
-{
-    if (count < 0) {
-        warn(QStringLiteral("SectionControl: nakCount %1 is negative; it stays %2")
-                 .arg(count)
-                 .arg(m_bootloader.nakCount()));
-        return;
-    }
-    if (count == m_bootloader.nakCount()) {
-        return;
-    }
-    m_bootloader.setNakCount(count);
-    m_notifiedNakCount = count;
-    emit nakCountChanged();
 }
 
 void SectionControl::setVersionMajor(int major)
@@ -297,69 +202,18 @@ bool SectionControl::handleSoftwareMessage(uint8_t sectionIndex, const SerialMes
     }
 }
 
-void SectionControl::bootloaderBytes(const QByteArray& bytes)
+void SectionControl::sendBootloaderAnswer(const QByteArray& bytes)
 {
-    const SoftwareBootloader::Result result = m_bootloader.receive(bytes);
-    if (result.answer.isEmpty()) {
-        return;
-    }
-    // Answered once the packet and the answer would have crossed the line, from the timer:
-    // never from inside the plugin's own write, which keeps the updater's exchange flat and
-    // lets QML handlers of the changes below call anything.
-    m_pendingAnswers.append(
-        PendingAnswer{result.answer, lineMs(bytes.size() + result.answer.size()), result.left});
-    if (!m_answerTimer.isActive()) {
-        m_answerTimer.start(m_pendingAnswers.first().delayMs);
-    }
-}
-
-void SectionControl::notifyBootloaderChanges()
-{
-    if (m_bootloader.nakCount() != m_notifiedNakCount) {
-        m_notifiedNakCount = m_bootloader.nakCount();
-        emit nakCountChanged();
-    }
-    if (m_bootloader.image().size() != m_notifiedReceivedBytes) {
-        m_notifiedReceivedBytes = m_bootloader.image().size();
-        emit receivedBytesChanged();
-    }
-    const QString crc = m_bootloader.imageCrc32();
-    if (crc != m_notifiedCrc) {
-        m_notifiedCrc = crc;
-        emit imageCrc32Changed();
-    }
-}
-
-void SectionControl::deliverAnswer()
-{
-    if (m_pendingAnswers.isEmpty()) {
-        return;
-    }
-    const PendingAnswer answer = m_pendingAnswers.takeFirst();
-    // What the packets changed shows before the plugin hears the answer. A handler may have
-    // unplugged the section or ended its bootloader meanwhile: then the answer is dropped.
-    notifyBootloaderChanges();
-    if (!m_inBootloader || !m_plugged) {
-        return;
-    }
-    // The plugin may write its next packet from inside this delivery; it is queued behind.
     if (QmlControllerConnection* controller = qmlController()) {
-        controller->sendRawToPlugin(m_sectionIndex, answer.bytes);
-    }
-    if (answer.leaves && m_inBootloader) {
-        // Reset: the microcontroller starts its application.
-        setInBootloader(false);
-    }
-    if (!m_pendingAnswers.isEmpty() && !m_answerTimer.isActive()) {
-        m_answerTimer.start(m_pendingAnswers.first().delayMs);
+        controller->sendRawToPlugin(m_sectionIndex, bytes);
     }
 }
 
-void SectionControl::lineReset()
+void SectionControl::plugMoved()
 {
-    m_bootloader.abandonExchange();
-    m_pendingAnswers.clear();
-    m_answerTimer.stop();
+    if (QmlControllerConnection* controller = qmlController()) {
+        controller->sectionPluggedChanged(m_sectionIndex);
+    }
 }
 
 void SectionControl::sendToPlugin(const SerialMessage& message) const

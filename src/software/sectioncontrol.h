@@ -12,8 +12,7 @@
 #include "serial/isoftwareserialmessagehandler.h"
 #include "serial/serialmessage.h"
 #include "software/isoftwaresection.h"
-#include "software/softwarebootloader.h"
-#include "tasks/clocktimer.h"
+#include "software/sectionfaults.h"
 
 namespace Velmora::Worksurface {
 class ISoftwareControllerConnection;
@@ -38,12 +37,14 @@ class QmlControllerConnection;
 // section ignore everything the plugin sends; `plugged` false pulls its line out;
 // `bootloader` true makes it sit in its serial bootloader, found by the link at its next
 // start-up exchange, which then runs a full firmware update against it (`flashStatus`,
-// `nakCount`, `receivedBytes`, `imageCrc32`); sendRaw() puts any bytes on its line. The
-// first SectionControl of a section index plays these faults. At their defaults the section
-// behaves as it always has.
+// `nakCount`, `receivedBytes`, `imageCrc32`); powerCycle() switches it off and on again;
+// sendRaw() puts any bytes on its line. The first SectionControl of a section index plays
+// these faults (SectionFaults holds them). At their defaults the section behaves as it
+// always has.
 class SectionControl : public QObject,
                        public Velmora::Worksurface::ISoftwareSerialMessageHandler,
-                       public Velmora::Worksurface::ISoftwareSection
+                       public Velmora::Worksurface::ISoftwareSection,
+                       private Velmora::Worksurface::SectionFaults::Line
 {
     Q_OBJECT
     Q_PROPERTY(SurfaceConnection* connection READ connection WRITE setConnection)
@@ -82,22 +83,23 @@ public:
     // Reports calibration done (type 3, device 0) and clears `calibrating`.
     Q_INVOKABLE void stopCalibration();
 
-    bool answering() const { return m_answering; }
-    void setAnswering(bool answering);
-    bool plugged() const { return m_plugged; }
+    bool answering() const { return m_faults.answering(); }
+    // Also while an update runs: the section falls silent under the updater.
+    void setAnswering(bool answering) { m_faults.setAnswering(answering); }
+    bool plugged() const { return m_faults.plugged(); }
+    // Also while an update runs: the line goes away under the updater.
+    void setPlugged(bool plugged) { m_faults.setPlugged(plugged); }
+    bool bootloader() const { return m_faults.bootloader(); }
     // Refused (with a warning) while the updater's exchange with the bootloader runs.
-    void setPlugged(bool plugged);
-    bool bootloader() const { return m_inBootloader; }
-    // Refused (with a warning) while the updater's exchange with the bootloader runs.
-    void setBootloader(bool bootloader);
-    int flashStatus() const { return m_bootloader.flashStatus(); }
+    void setBootloader(bool bootloader) { m_faults.setBootloader(bootloader); }
+    int flashStatus() const { return m_faults.flashStatus(); }
     // A byte, 0..255; anything else is refused with a warning.
-    void setFlashStatus(int status);
-    int nakCount() const { return m_bootloader.nakCount(); }
+    void setFlashStatus(int status) { m_faults.setFlashStatus(status); }
+    int nakCount() const { return m_faults.nakCount(); }
     // 0 or more; a negative count is refused with a warning.
-    void setNakCount(int count);
-    int receivedBytes() const { return m_bootloader.image().size(); }
-    QString imageCrc32() const { return m_bootloader.imageCrc32(); }
+    void setNakCount(int count) { m_faults.setNakCount(count); }
+    int receivedBytes() const { return m_faults.receivedBytes(); }
+    QString imageCrc32() const { return m_faults.imageCrc32(); }
     int versionMajor() const { return m_versionMajor; }
     // Reported in the next ping answer, clamped to the byte 0..255 on the wire.
     void setVersionMajor(int major);
@@ -108,6 +110,10 @@ public:
     // or an ArrayBuffer. Empty, oversized (more than kMaxRawBytes) or non-byte input is
     // refused with a warning. Nothing arrives while the section is unplugged.
     Q_INVOKABLE void sendRaw(const QVariant& bytes);
+    // Switches the section off and on again: whatever is on its line is lost, it is silent
+    // for 300 ms while it boots, and it comes back in its bootloader if its last update
+    // began and did not end with a Reset, otherwise running its application.
+    Q_INVOKABLE void powerCycle() { m_faults.powerCycle(); }
 
     // Takes the plugin's ping and start of calibration for this section (device 0).
     bool handleSoftwareMessage(uint8_t sectionIndex,
@@ -115,11 +121,11 @@ public:
 
     // ISoftwareSection
     uint8_t playedSectionIndex() const override { return m_sectionIndex; }
-    bool isAnswering() const override { return m_answering; }
-    bool isPlugged() const override { return m_plugged; }
-    bool isInBootloader() const override { return m_inBootloader; }
-    void bootloaderBytes(const QByteArray& bytes) override;
-    void lineReset() override;
+    bool isAnswering() const override { return m_faults.isAnswering(); }
+    bool isPlugged() const override { return m_faults.isPlugged(); }
+    bool isInBootloader() const override { return m_faults.isInBootloader(); }
+    void bootloaderBytes(const QByteArray& bytes) override { m_faults.bootloaderBytes(bytes); }
+    void lineReset() override { m_faults.lineReset(); }
 
 signals:
     void sectionIndexChanged();
@@ -136,22 +142,12 @@ signals:
     void versionMinorChanged();
 
 private:
-    // One paced answer of the bootloader.
-    struct PendingAnswer
-    {
-        QByteArray bytes;
-        int delayMs;
-        // The section leaves its bootloader once this answer (a Reset's ACK) is out.
-        bool leaves;
-    };
-    // Sends the next paced bootloader answer.
-    void deliverAnswer();
-    // Emits the changes of nakCount, receivedBytes and imageCrc32 since they were last told.
-    void notifyBootloaderChanges();
-    // Whether the updater's exchange with this section's bootloader is running.
-    bool updateRunning() const;
+    // SectionFaults::Line
+    uint8_t faultSectionIndex() const override { return m_sectionIndex; }
+    void sendBootloaderAnswer(const QByteArray& bytes) override;
+    void plugMoved() override;
+
     Velmora::Worksurface::QmlControllerConnection* qmlController() const;
-    void setInBootloader(bool inBootloader);
 
     void sendToPlugin(const Velmora::Worksurface::SerialMessage& message) const;
     void unregisterFrom(
@@ -163,15 +159,7 @@ private:
     uint8_t m_sectionIndex = 0;
     bool m_calibrating = false;
     int m_temperature = 0;
-    bool m_answering = true;
-    bool m_plugged = true;
-    bool m_inBootloader = false;
     int m_versionMajor = VersionMajor;
     int m_versionMinor = VersionMinor;
-    Velmora::Worksurface::SoftwareBootloader m_bootloader;
-    QList<PendingAnswer> m_pendingAnswers;
-    int m_notifiedNakCount = 0;
-    int m_notifiedReceivedBytes = 0;
-    QString m_notifiedCrc;
-    Velmora::Worksurface::ClockTimer m_answerTimer;
+    Velmora::Worksurface::SectionFaults m_faults;
 };

@@ -52,6 +52,11 @@ SoftwareBootloader::Result SoftwareBootloader::receive(const QByteArray& bytes)
     const int size = m_input.size();
     while (pos < size) {
         const uint8_t first = u8(m_input[pos]);
+        if (m_awaitingAutoBaud && first != BootloaderCommand::AutoBaud) {
+            // Not yet locked onto the line: whatever it is, it is not heard.
+            ++pos;
+            continue;
+        }
         if (first == 0x00 || first == BootloaderCommand::CommandAck ||
             first == BootloaderCommand::CommandNak) {
             // Padding, or the plugin's own answer to a status packet.
@@ -64,6 +69,7 @@ SoftwareBootloader::Result SoftwareBootloader::receive(const QByteArray& bytes)
             }
             if (u8(m_input[pos + 1]) == BootloaderCommand::AutoBaud) {
                 pos += 2;
+                m_awaitingAutoBaud = false;
                 result.answer.append(static_cast<char>(BootloaderCommand::CommandAck));
                 // The updater's exchange has begun: it owns the section until its Reset.
                 m_updating = true;

@@ -49,6 +49,14 @@ public:
         m_input.clear();
         m_updating = false;
     }
+    // A bootloader that has just booted has not found the line's baud rate yet: it answers
+    // nothing, and reads nothing, until the next AutoBaud.
+    void awaitAutoBaud()
+    {
+        m_input.clear();
+        m_awaitingAutoBaud = true;
+    }
+    bool isAwaitingAutoBaud() const { return m_awaitingAutoBaud; }
 
     // The status answered to GetStatus (Success, 0x40, by default).
     uint8_t flashStatus() const { return m_flashStatus; }
@@ -87,6 +95,7 @@ private:
     uint32_t m_downloadAddress = 0;
     uint32_t m_downloadSize = 0;
     bool m_updating = false;
+    bool m_awaitingAutoBaud = false;
 };
 
 }  // namespace Velmora::Worksurface

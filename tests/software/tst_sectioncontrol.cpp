@@ -32,6 +32,7 @@ private slots:
     void sectionControlStopCalibrationTellsThePluginBeforeItShowsTheStop();
     void sectionControlSectionIndexAndTemperatureEmitOnlyOnChange();
     void sectionControlClampsTheTemperatureOnTheWire();
+    void sectionControlPutsItsVersionOnTheWireClamped();
 };
 
 // ---------------------------------------------------------------------------------------
@@ -181,6 +182,28 @@ void TestSectionControl::sectionControlClampsTheTemperatureOnTheWire()
     QCOMPARE(section.temperature(), -4);
     QCOMPARE(rig.receiver[0].chunks(), (QList<QByteArray>{QByteArray::fromHex("0600000a22ff31"),
                                                           QByteArray::fromHex("0600000a220032")}));
+}
+
+// Both bytes of the version go into the ping answer as they are set: 12.7, then clamped to a
+// byte each (300 -> ff, -1 -> 00). Checksum: the sum of the frame's bytes before it.
+void TestSectionControl::sectionControlPutsItsVersionOnTheWireClamped()
+{
+    Rig rig;
+    SectionControl section;
+    section.setConnection(&rig.connection);
+    section.setTemperature(40);
+
+    section.setVersionMajor(12);
+    section.setVersionMinor(7);
+    rig.fromPlugin(0, message(MessageType::Ping, 0));
+    section.setVersionMajor(300);
+    section.setVersionMinor(-1);
+    rig.fromPlugin(0, message(MessageType::Ping, 0));
+
+    QCOMPARE(section.versionMajor(), 300);
+    QCOMPARE(section.versionMinor(), -1);
+    QCOMPARE(rig.receiver[0].chunks(), (QList<QByteArray>{QByteArray::fromHex("0600000c072841"),
+                                                          QByteArray::fromHex("060000ff00282d")}));
 }
 
 QTEST_GUILESS_MAIN(TestSectionControl)

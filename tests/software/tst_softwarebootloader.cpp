@@ -34,6 +34,7 @@ private slots:
     void thePluginsOwnAnswersAndPaddingAreTakenSilently();
     void noiseIsSkippedByteByByte();
     void crc32IsTheZlibPolynomial();
+    void justBootedItHearsNothingBeforeAnAutoBaud();
 };
 
 void TestSoftwareBootloader::autoBaudIsAcknowledgedAndBeginsTheExchange()
@@ -189,6 +190,31 @@ void TestSoftwareBootloader::crc32IsTheZlibPolynomial()
 {
     QCOMPARE(SoftwareBootloader::crc32(QByteArray("123456789")), 0xCBF43926u);
     QCOMPARE(SoftwareBootloader::crc32(QByteArray()), 0u);
+}
+
+// After a power cycle the bootloader has not found the line's baud rate: packets, a lone
+// 0x55 and noise go unanswered and unexecuted; the AutoBaud is acknowledged, and from then
+// on it answers as before. The image it kept stays.
+void TestSoftwareBootloader::justBootedItHearsNothingBeforeAnAutoBaud()
+{
+    SoftwareBootloader bootloader;
+    bootloader.receive(packet(BootloaderCommand::SendData, QByteArray(64, '\x22')));
+    bootloader.awaitAutoBaud();
+    QVERIFY(bootloader.isAwaitingAutoBaud());
+    const auto before =
+        bootloader.receive(packet(BootloaderCommand::SendData, QByteArray(64, '\x33')) +
+                           QByteArray::fromHex("032020") + QByteArray::fromHex("0355") +
+                           packet(BootloaderCommand::Reset));
+    QCOMPARE(before.answer, QByteArray());
+    QVERIFY(!before.left);
+    QCOMPARE(bootloader.image(), QByteArray(64, '\x22'));
+    QVERIFY(bootloader.isAwaitingAutoBaud());
+    // A split AutoBaud is found too.
+    QCOMPARE(bootloader.receive(QByteArray::fromHex("0055")).answer, QByteArray());
+    QCOMPARE(bootloader.receive(QByteArray::fromHex("55032020")).answer,
+             QByteArray::fromHex("cccc"));
+    QVERIFY(!bootloader.isAwaitingAutoBaud());
+    QVERIFY(bootloader.isUpdating());
 }
 
 QTEST_GUILESS_MAIN(TestSoftwareBootloader)

@@ -113,7 +113,7 @@ void TestSurfaceControlBase::controlsExposeTheirPropertiesSignalsAndInvokablesIn
                        "answeringChanged()",    "pluggedChanged()",      "bootloaderChanged()",
                        "flashStatusChanged()",  "nakCountChanged()",     "receivedBytesChanged()",
                        "imageCrc32Changed()",   "versionMajorChanged()", "versionMinorChanged()"}
-        << QStringList{"stopCalibration()", "sendRaw(QVariant)"};
+        << QStringList{"stopCalibration()", "sendRaw(QVariant)", "powerCycle()"};
 }
 
 void TestSurfaceControlBase::controlsExposeTheirPropertiesSignalsAndInvokablesInOrder()
