@@ -29,6 +29,7 @@ PtySectionLink::PtySectionLink(uint8_t sectionIndex, const QString& portName,
     root->addHandler(controlHandler);
 
     auto sectionUpdater = std::make_unique<SectionUpdater>(pool, settings, logger);
+    sectionUpdater->setSectionIndex(sectionIndex);
     updater = sectionUpdater.get();
     section = std::make_shared<FailureRecordingSectionConnection>(
         sectionIndex, root, queue, serial, pool, std::move(sectionUpdater), logger);
