@@ -154,6 +154,7 @@ DrivenTestCase {
         qmlWatchdog.disarm()
         qmlFirmware.remove()
         Surface.settings.reconnectInterval = 0
+        Surface.settings.updateTimeout = 0
         // Anything a test left behind ends here: every section answers and is plugged in.
         init()
     }
@@ -474,11 +475,11 @@ DrivenTestCase {
         c.sendRaw("abc")
     }
 
-    function test_togglingDuringAnUpdateIsRefusedAndTheLinkRecovers_data() {
+    function test_bootloaderIsRefusedDuringAnUpdateAndTheLinkRecovers_data() {
         return consoles()
     }
 
-    function test_togglingDuringAnUpdateIsRefusedAndTheLinkRecovers(data) {
+    function test_bootloaderIsRefusedDuringAnUpdateAndTheLinkRecovers(data) {
         qmlWatchdog.arm(data.tag, 60)
         verify(qmlFirmware.write(4000))
         connectSoftware(data.mode)
@@ -491,12 +492,9 @@ DrivenTestCase {
             if (tried || section.updateProgress < 30)
                 return
             tried = true
-            c.plugged = false
             c.bootloader = false
         }
         section.updateProgressChanged.connect(handler)
-        ignoreWarning("SectionControl: section " + data.section
-                      + " is being updated; plugged stays true until the update ends")
         ignoreWarning("SectionControl: section " + data.section
                       + " is being updated; bootloader stays true until the update ends")
         Surface.connect()
@@ -504,17 +502,123 @@ DrivenTestCase {
         tryCompare(section, "linkState", SectionInfoModel.Connected, timeout)
         section.updateProgressChanged.disconnect(handler)
         verify(tried)
-        compare(c.plugged, true)
         compare(section.lastUpdateFailure, -1)
         compare(c.receivedBytes, 4032)
         compare(c.imageCrc32, crc32(paddedImage(4000)))
-        // Outside an update both are taken, and the link comes back.
+        // Outside an update it is taken, and so is a pulled line, and the link comes back.
         Surface.settings.reconnectInterval = 500
         c.plugged = false
         tryCompare(section, "portError", "Device not found: software section " + data.section, timeout)
         c.plugged = true
         tryCompare(section, "linkState", SectionInfoModel.Connected, timeout)
         compare(section.portError, "")
+    }
+
+    function cutOffRows() {
+        var rows = []
+        var faults = ["pulled", "silent", "power cycle"]
+        var all = consoles()
+        for (var f = 0; f < faults.length; ++f) {
+            for (var i = 0; i < all.length; ++i) {
+                rows.push({ tag: all[i].tag + ", " + faults[f], mode: all[i].mode,
+                            section: all[i].section, fault: faults[f] })
+            }
+        }
+        return rows
+    }
+
+    // Cuts the update of data.section at 40 % (1600 of 4000 bytes, from a handler of the
+    // link's progress) with the row's fault; returns the recorder, once the cut is made.
+    function cutAnUpdate(data) {
+        verify(qmlFirmware.write(4000))
+        connectSoftware(data.mode)
+        var c = control(data.section)
+        var section = Surface.section(data.section)
+        c.bootloader = true
+        var seen = recorder(section)
+        seen.cutAt = -1
+        var handler = function () {
+            if (seen.cutAt >= 0 || section.updateProgress < 40)
+                return
+            seen.cutAt = c.receivedBytes
+            if (data.fault === "pulled")
+                c.plugged = false
+            else if (data.fault === "silent")
+                c.answering = false
+            else
+                c.powerCycle()
+        }
+        section.updateProgressChanged.connect(handler)
+        Surface.connect()
+        tryVerify(function () { return seen.cutAt >= 0 }, timeout)
+        section.updateProgressChanged.disconnect(handler)
+        compare(seen.cutAt, 1600)
+        return seen
+    }
+
+    function test_anUpdateCutOffHalfwayComesBackByItself_data() {
+        return cutOffRows()
+    }
+
+    // With an update time-out and reconnecting links, a section pulled out, fallen silent or
+    // switched off and on at 40 % fails the update once with reason 3; the link then finds it
+    // in its bootloader again and writes the whole image, without connect().
+    function test_anUpdateCutOffHalfwayComesBackByItself(data) {
+        qmlWatchdog.arm(data.tag, 60)
+        Surface.settings.reconnectInterval = 500
+        Surface.settings.updateTimeout = 2000
+        var c = control(data.section)
+        var section = Surface.section(data.section)
+        var seen = cutAnUpdate(data)
+        tryVerify(function () { return seen.failures.length > 0 }, timeout)
+        compare(seen.failures, [3])
+        compare(section.lastUpdateFailure, 3)
+        compare(section.updating, false)
+        // The section keeps what it received and stays in its bootloader.
+        compare(c.bootloader, true)
+        compare(c.receivedBytes, 1600)
+        if (data.fault === "pulled") {
+            compare(section.portError, "Device gone: software section " + data.section)
+            wait(1000)
+            c.plugged = true
+        } else if (data.fault === "silent") {
+            wait(1000)
+            c.answering = true
+        }
+        tryCompare(c, "bootloader", false, timeout)
+        tryCompare(section, "linkState", SectionInfoModel.Connected, timeout)
+        seen.stop()
+        compare(seen.failures, [3])
+        compare(section.lastUpdateFailure, -1)
+        compare(section.portError, "")
+        compare(c.receivedBytes, 4032)
+        compare(c.imageCrc32, crc32(paddedImage(4000)))
+    }
+
+    // Without an update time-out the updater waits for its bootloader for ever, as it always
+    // has: a section that falls silent leaves the link Updating until connect().
+    function test_withoutAnUpdateTimeOutASilentSectionLeavesTheUpdateWaiting() {
+        var data = { tag: "K40 first, silent", mode: SurfaceSettings.K40, section: 0,
+                     fault: "silent" }
+        qmlWatchdog.arm(data.tag, 60)
+        Surface.settings.reconnectInterval = 500
+        var c = control(0)
+        var section = Surface.section(0)
+        var seen = cutAnUpdate(data)
+        c.answering = true
+        wait(600000)
+        compare(seen.failures, [])
+        compare(section.linkState, SectionInfoModel.Updating)
+        compare(section.updating, true)
+        compare(section.updateProgress, 40)
+        compare(c.bootloader, true)
+        // connect() starts it over.
+        Surface.connect()
+        tryCompare(c, "bootloader", false, timeout)
+        tryCompare(section, "linkState", SectionInfoModel.Connected, timeout)
+        seen.stop()
+        compare(seen.failures, [])
+        compare(c.imageCrc32, crc32(paddedImage(4000)))
     }
 
     function test_replugFromALinkStateHandlerDoesNotHang() {

@@ -276,7 +276,14 @@ DrivenTestCase {
 
     // Whatever the exercise or a handler left of section 0's faults ends here: an update that
     // was still running is let finish, and the section answers and is plugged in again.
+    // A section switched off and on boots for 300 ms, hearing nothing.
+    property bool powerCycled: false
+
     function settleFaults() {
+        if (powerCycled) {
+            wait(400)
+            powerCycled = false
+        }
         for (var t = 0; t < 100 && sectionZero.bootloader; ++t)
             wait(50)
         sectionZero.answering = true
@@ -312,7 +319,7 @@ DrivenTestCase {
             function () { sectionZero.stopCalibration(); sectionOne.stopCalibration(); sectionTwo.stopCalibration() },
             function () { wiggle(Surface.faders, "restMode") },
             function () { wiggle(Surface.settings, "debugEnabled"); wiggle(Surface.settings, "mode"); wiggle(Surface.settings, "type"); wiggle(Surface.settings, "reconnectInterval"); wiggle(Surface.settings, "linkThread") },
-            function () { wiggle(Surface.settings, "traceCapacity"); wiggleText(Surface.settings, "traceDirectory", "/nonexistent/traces") },
+            function () { wiggle(Surface.settings, "traceCapacity"); wiggle(Surface.settings, "updateTimeout"); wiggleText(Surface.settings, "traceDirectory", "/nonexistent/traces") },
             function () { ["surfaceBrightness", "surfaceOverBrightness", "restMode", "enabled", "value", "interval"].forEach(function (n) { wiggle(scene.emitter, n) }) },
             function () {
                 // A touch target with the function a fader binding calls, set and cleared.
@@ -368,7 +375,7 @@ DrivenTestCase {
     function actionsFor(kind) {
         var actions = ["connect", "calibrate", "settingsMode", "settingsType",
                        "writeValue", "writeActive", "writeSectionIndex", "writeIndex", "writeType",
-                       "moveControl"]
+                       "moveControl", "powerCycle"]
         if (isBinding(kind))
             actions.push("destroyEmitter")
         return actions
@@ -394,6 +401,13 @@ DrivenTestCase {
         case "moveControl":
             scene.control.sectionIndex = scene.control.sectionIndex === 2 ? 1 : 2
             scene.control.index = scene.control.index + 1
+            break
+        case "powerCycle":
+            // A section that boots misses whatever the link sends meanwhile (a probe, pings):
+            // the scene starts over once it has booted.
+            sectionZero.powerCycle()
+            powerCycled = true
+            faultsPlayed = true
             break
         case "destroyEmitter": scene.emitter.destroy(); break
         }
