@@ -145,6 +145,7 @@ private slots:
     void flashStopsOnAnErrorStatusWithExitSix();
     void flashWithAMissingFileExitsWithFourWithoutOpeningAPort();
     void flashOfASilentSectionExitsWithThree();
+    void flashOfASectionThatStopsAnsweringExitsWithElevenAndTheNextFlashCompletes();
     void flashOfAMissingDeviceExitsWithTwo();
     void flashDrawsAProgressBarOnATerminal();
     void flashGivesUpOnASectionThatStaysInItsBootloader();
@@ -774,6 +775,52 @@ void tst_WorksurfaceTool::flashOfASilentSectionExitsWithThree()
                           m_sim->slavePath()});
     QCOMPARE(json.exitCode, 3);
     QCOMPARE(json.out, QStringList({R"({"section":0,"event":"failed","exit":3})"}));
+}
+
+// The section's cable comes loose at the eighth of 20 blocks: the block's answer never
+// comes, and after the time-out flash names the block and exits 11 without resetting the
+// section, which waits in its bootloader. Run again, flash writes the whole image.
+void tst_WorksurfaceTool::flashOfASectionThatStopsAnsweringExitsWithElevenAndTheNextFlashCompletes()
+{
+    const QByteArray image = imageOfSize(20 * 64);
+    const QString path = writeImage(image);
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    m_sim->setVersionReport(35, 40);
+    int silentAt = 8;
+    const auto cut = connect(m_sim.get(), &PtySectionSimulator::bootloaderPacketReceived, this,
+                             [&](int command, const QByteArray&) {
+                                 if (command == BootloaderCommand::SendData &&
+                                     m_sim->commandCount(BootloaderCommand::SendData) == silentAt) {
+                                     m_sim->setSilent(true);
+                                 }
+                             });
+    const Run r =
+        run({"flash", path, "--timeout", "0.5", "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(r.exitCode, 11);
+    QCOMPARE(r.out.last(),
+             QStringLiteral("section 0  failed  the bootloader stopped answering at block 8 of 20 "
+                            "(waiting for the answer to SendData); the section waits in its "
+                            "bootloader: run flash again (exit 11)"));
+    QCOMPARE(m_sim->commandCount(BootloaderCommand::Reset), 0);
+    QCOMPARE(m_sim->mode(), PtySectionSimulator::Mode::Bootloader);
+
+    // The same in JSON, cut at the third block of the next try.
+    m_sim->setSilent(false);
+    silentAt = m_sim->commandCount(BootloaderCommand::SendData) + 3;
+    const Run json = run({"flash", path, "--json", "--timeout", "0.5", "--section", "0", "--ports",
+                          m_sim->slavePath()});
+    QCOMPARE(json.exitCode, 11);
+    QCOMPARE(json.out.last(),
+             QStringLiteral(R"({"section":0,"event":"failed","reason":3,"exit":11,)"
+                            R"("command":"SendData","offset":128,"block":3,"blocks":20})"));
+    disconnect(cut);
+
+    m_sim->setSilent(false);
+    const Run again = run({"flash", path, "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(again.exitCode, 0);
+    QCOMPARE(again.out.last(), QStringLiteral("section 0  done  version 35"));
+    QVERIFY(m_sim->image() == image);
+    QCOMPARE(m_sim->mode(), PtySectionSimulator::Mode::Application);
 }
 
 void tst_WorksurfaceTool::flashOfAMissingDeviceExitsWithTwo()

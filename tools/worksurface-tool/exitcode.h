@@ -17,5 +17,7 @@ enum : int
     StillInBootloader = 8,  // flash: the section stayed in its bootloader after its updates
     Interrupted = 9,        // Ctrl-C or SIGTERM during flash or exercise
     WrongVersion = 10,      // flash: the section came back with another than --expect-version
+    StoppedAnswering = 11,  // flash: the bootloader stopped answering in the middle of an
+                            // update (the section waits in its bootloader: flash again)
 };
 }  // namespace ExitCode

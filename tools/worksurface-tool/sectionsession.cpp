@@ -85,6 +85,7 @@ bool SectionSession::open(bool probeOnly)
     m_tap->setListenOnly(m_listenOnly);
 
     auto updater = std::make_unique<SectionUpdater>(m_pool, m_settings, m_logger);
+    updater->setSectionIndex(m_index);
     updater->setProbeOnly(probeOnly);
     m_updater = updater.get();
     m_connection = std::make_shared<ToolSectionConnection>(m_index, m_root, m_queue, m_tap, m_pool,
@@ -97,12 +98,16 @@ bool SectionSession::open(bool probeOnly)
         FailureDetail detail;
         detail.reason = reason;
         const bool statusError = reason == ISectionUpdaterListener::BootloaderErrorStatus;
-        const uint8_t command = statusError ? m_lastDataCommand : m_lastPacketCommand;
+        // A bootloader that stopped answering was last sent a command, perhaps followed by
+        // the updater's own acknowledgement of a status reply.
+        const bool byCommand = statusError || reason == ISectionUpdaterListener::StoppedAnswering;
+        const uint8_t command = byCommand ? m_lastDataCommand : m_lastPacketCommand;
         detail.command = bootloaderCommandName(command);
         detail.status = statusError ? m_lastStatus : -1;
         const qint64 block =
             (command == BootloaderCommand::SendData) ? qMax<qint64>(0, m_blocks - 1) : m_blocks;
         detail.offset = block * SectionUpdater::kBlockSize;
+        detail.blocksSent = m_blocks;
         if (m_failures.empty()) {
             m_failureDetail = detail;
         }
@@ -202,6 +207,11 @@ bool SectionSession::updaterIsUpdating() const
 bool SectionSession::updaterHasPendingAutoUpdate() const
 {
     return m_updater && m_updater->hasPendingAutoUpdate();
+}
+
+bool SectionSession::updaterInUpdateExchange() const
+{
+    return m_updater && m_updater->isInUpdateExchange();
 }
 
 ISerialMessageSender& SectionSession::sender()

@@ -47,9 +47,10 @@ public:
     struct FailureDetail
     {
         int reason = -1;
-        QString command;    // the refused command, or the one the error status answered
-        int status = -1;    // the bootloader's status byte, for an error status
-        qint64 offset = 0;  // image offset of the block in question
+        QString command;        // the refused command, or the one the error status answered
+        int status = -1;        // the bootloader's status byte, for an error status
+        qint64 offset = 0;      // image offset of the block in question
+        qint64 blocksSent = 0;  // blocks written before the failure
     };
 
     SectionSession(uint8_t index, const QString& device,
@@ -101,6 +102,8 @@ public:
     int32_t updaterState() const;
     bool updaterIsUpdating() const;
     bool updaterHasPendingAutoUpdate() const;
+    // An update runs whose bootloader answered: its own time-out watches the section.
+    bool updaterInUpdateExchange() const;
 
     bool hasVersion() const { return m_hasVersion; }
     int version() const { return m_version; }

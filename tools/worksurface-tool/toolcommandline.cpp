@@ -23,6 +23,8 @@ const char kExitCodes[] =
     "  8  flash: a section is still in its bootloader after its updates\n"
     "  9  interrupted (Ctrl-C or SIGTERM) during flash or exercise\n"
     "  10 flash: a section came back with another version than --expect-version\n"
+    "  11 flash: the bootloader stopped answering in the middle of an update (the section "
+    "waits in its bootloader; run flash again)\n"
     "With several sections the first failure's code is returned and every section is "
     "still reported.";
 
@@ -227,9 +229,13 @@ int ToolCommandLine::parse(const QStringList& arguments, Options& options)
         decode ? QStringLiteral("The section the capture is from (default 0).")
                : QStringLiteral("Only this section (default: all)."),
         "N");
-    QCommandLineOption timeoutOption(QStringList{"t", "timeout"},
-                                     "How long to wait for a section's answer (default 3).",
-                                     "SECONDS", "3");
+    // flash: also how long an update waits for the bootloader's next byte.
+    QCommandLineOption timeoutOption(
+        QStringList{"t", "timeout"},
+        flash ? QStringLiteral("How long to wait for a section's answer, also for the "
+                               "bootloader's next byte during an update (default 5).")
+              : QStringLiteral("How long to wait for a section's answer (default 3)."),
+        "SECONDS", flash ? "5" : "3");
     const QCommandLineOption jsonOption("json", "One JSON object per line on standard output.");
     const QCommandLineOption verboseOption("verbose",
                                            "Show the link's log lines on standard error.");

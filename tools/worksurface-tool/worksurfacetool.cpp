@@ -55,14 +55,23 @@ int exitForFailure(int reason)
             return ExitCode::ResendsExhausted;
         case ISectionUpdaterListener::BootloaderErrorStatus:
             return ExitCode::BootloaderError;
+        case ISectionUpdaterListener::StoppedAnswering:
+            return ExitCode::StoppedAnswering;
         default:
             return ExitCode::FileError;
     }
 }
 
-QString failureText(const SectionSession::FailureDetail& detail)
+QString failureText(const SectionSession::FailureDetail& detail, qint64 totalBlocks)
 {
     switch (detail.reason) {
+        case ISectionUpdaterListener::StoppedAnswering:
+            return QStringLiteral(
+                       "the bootloader stopped answering at block %1 of %2 (waiting for the "
+                       "answer to %3); the section waits in its bootloader: run flash again")
+                .arg(detail.blocksSent)
+                .arg(totalBlocks)
+                .arg(detail.command);
         case ISectionUpdaterListener::ResendsExhausted:
             return QStringLiteral("resends exhausted: %1 refused at offset %2")
                 .arg(detail.command)
@@ -155,7 +164,13 @@ int WorksurfaceTool::run(const QStringList& arguments)
 
 std::shared_ptr<ISettings> WorksurfaceTool::settings(const QString& firmware) const
 {
-    return std::make_shared<ToolSettings>(m_options.mode, firmware, m_options.verbose);
+    auto result = std::make_shared<ToolSettings>(m_options.mode, firmware, m_options.verbose);
+    if (!firmware.isEmpty()) {
+        // flash: an update whose bootloader stops answering ends after the same time-out,
+        // where the tool can tell which block the section stopped at.
+        result->setUpdateTimeout(m_options.timeoutMs);
+    }
+    return result;
 }
 
 std::vector<std::pair<uint8_t, QString>> WorksurfaceTool::sections() const
@@ -528,6 +543,8 @@ int WorksurfaceTool::flash()
     QFile file(info.absoluteFilePath());
     const bool readable = info.isFile() && file.open(QIODevice::ReadOnly);
     const qint64 total = readable ? file.size() : 0;
+    const qint64 totalBlocks =
+        (total + SectionUpdater::kBlockSize - 1) / SectionUpdater::kBlockSize;
     QByteArray image;
     if (readable && total <= m_options.maxSize) {
         image = file.readAll();
@@ -685,8 +702,9 @@ int WorksurfaceTool::flash()
         const qint64 timeoutNs = m_options.timeoutMs * kNsPerMs;
         // The section owes an answer unless the updater itself is waiting (the second
         // between the acknowledged reset and its next probe).
-        const bool idleTooLong =
-            !s.updaterHasPendingAutoUpdate() && now - s.lastActivityNs() > timeoutNs;
+        // A running update is watched by the updater's own time-out, which knows the block.
+        const bool idleTooLong = !s.updaterHasPendingAutoUpdate() && !s.updaterInUpdateExchange() &&
+                                 now - s.lastActivityNs() > timeoutNs;
         showProgress(job);
         if (!s.failures().empty()) {
             // The updater resets the section after a failure: let that be heard before the
@@ -694,7 +712,9 @@ int WorksurfaceTool::flash()
             if (job.failedAtNs == 0) {
                 job.failedAtNs = now;
             }
-            if (s.updaterHasPendingAutoUpdate() || now - job.failedAtNs > timeoutNs) {
+            // No reset follows a bootloader that stopped answering: nothing to wait for.
+            if (s.failureDetail().reason == ISectionUpdaterListener::StoppedAnswering ||
+                s.updaterHasPendingAutoUpdate() || now - job.failedAtNs > timeoutNs) {
                 job.outcome = FlashJob::Outcome::Failed;
             }
             return;
@@ -789,7 +809,10 @@ int WorksurfaceTool::flash()
                     }
                     extra.add("command", detail.command).add("offset", detail.offset);
                 }
-                failed(&job, index, exitForFailure(detail.reason), failureText(detail),
+                if (detail.reason == ISectionUpdaterListener::StoppedAnswering) {
+                    extra.add("block", detail.blocksSent).add("blocks", totalBlocks);
+                }
+                failed(&job, index, exitForFailure(detail.reason), failureText(detail, totalBlocks),
                        detail.reason, QString(), extra);
                 keepFirst(code, exitForFailure(detail.reason));
                 break;
