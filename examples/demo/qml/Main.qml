@@ -41,6 +41,9 @@ ApplicationWindow {
         // again every two seconds. The software sections are unplugged from the fault panel:
         // theirs come back within half a second.
         Surface.settings.reconnectInterval = software ? 500 : 2000
+        // An update whose section stops answering (pulled, silent, power-cycled) fails and
+        // runs again by itself once the section is back.
+        Surface.settings.updateTimeout = software ? 2000 : 5000
         Surface.connect()
         tour.running = demoWalkthrough
     }

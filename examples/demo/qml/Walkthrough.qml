@@ -511,6 +511,50 @@ Item {
             }
         },
         {
+            name: "update cut off halfway (worksurface bootloader -> console)",
+            // Pulled out at half of the update, plugged back a second after the console saw
+            // it fail: the link probes again by itself, finds the section still in its
+            // bootloader and writes the whole image; the new version shows.
+            timeout: 30000,
+            act: function (c) {
+                var control = W.section(m).control
+                var info = Surface.section(m)
+                c.version = control.versionMinor + 1
+                c.reasons = []
+                c.cutAt = -1
+                c.failedAt = 0
+                listen(info.updateProgressChanged, function () {
+                    if (c.cutAt < 0 && info.updating && info.updateProgress >= 50) {
+                        c.cutAt = info.updateProgress
+                        control.plugged = false
+                    }
+                })
+                listen(info.updateFailed, function (reason) {
+                    c.reasons.push(reason)
+                    c.failedAt = Date.now()
+                })
+                control.bootloader = true
+                Surface.connect()
+                return "section " + m + " SectionControl.bootloader = true, Surface.connect(), "
+                       + "plugged = false at 50 %, plugged = true a second after updateFailed"
+            },
+            check: function (c) {
+                var info = Surface.section(m)
+                var control = W.section(m).control
+                if (c.failedAt > 0 && !control.plugged && Date.now() - c.failedAt >= 1000)
+                    control.plugged = true
+                return { ok: c.reasons.length === 1 && c.reasons[0] === 3 && control.plugged
+                             && !control.bootloader && info.linkState === SectionInfoModel.Connected
+                             && info.version === c.version && info.lastUpdateFailure === -1,
+                         got: "cut at " + c.cutAt + "%, updateFailed(" + c.reasons.join(", ")
+                              + "), linkState " + info.linkState + ", version " + info.version
+                              + ", " + control.receivedBytes + " bytes crc " + control.imageCrc32 }
+            },
+            cleanup: function (c) {
+                W.section(m).control.plugged = true
+            }
+        },
+        {
             name: "surface brightness (console -> worksurface)",
             act: function (c) {
                 globalBinding.surfaceBrightness = 128

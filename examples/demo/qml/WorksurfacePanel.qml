@@ -114,6 +114,12 @@ Rectangle {
                         }
                     }
                     Text {
+                        text: "\u21bb power cycle"
+                        color: Theme.accent
+                        font.pixelSize: Theme.small + 1
+                        MouseArea { anchors.fill: parent; anchors.margins: -3; onClicked: sectionControl.powerCycle() }
+                    }
+                    Text {
                         visible: sectionControl.bootloader || sectionControl.receivedBytes > 0
                         text: "image " + sectionControl.receivedBytes + " B"
                         color: Theme.dim
