@@ -16,7 +16,6 @@ namespace Velmora::Worksurface {
 namespace {
 
 const QString kPrefix = QStringLiteral("WS UPDATER: ");
-constexpr int64_t kNsPerMs = 1000000;
 
 uint8_t byteAt(const QByteArray& bytes, int index)
 {

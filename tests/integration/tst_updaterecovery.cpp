@@ -23,6 +23,7 @@
 #include "support/drivenclock.h"
 #include "support/firmwarehome.h"
 #include "support/logcapture.h"
+#include "tasks/monotonicclock.h"
 #include "updater/bootloaderpacket.h"
 
 using namespace Velmora::Worksurface;
@@ -35,7 +36,6 @@ constexpr int kUpdateTimeoutMs = 2000;
 constexpr int kReconnectMs = 500;
 constexpr int kUnpluggedMs = 1000;
 constexpr int kSilentMs = 3000;
-constexpr qint64 kNsPerMs = 1000000;
 
 QByteArray image()
 {
