@@ -347,6 +347,6 @@ void TestUpdateRecovery::summary()
     }
 }
 
-QTEST_MAIN(TestUpdateRecovery)
+QTEST_GUILESS_MAIN(TestUpdateRecovery)
 
 #include "tst_updaterecovery.moc"
