@@ -169,8 +169,8 @@ void SectionConnection::open()
                             m_connection->portError());
     const uint64_t opening = ++m_opens;
     m_updateCutOff = false;
-    // The listener hears of Connecting before the updater starts, as it always has; it is
-    // only no longer called with the mutex held.
+    // The listener hears of Connecting before the updater starts, and without the link's
+    // mutex held, so that it may call back into the link.
     setState(Connecting);
     // The listener may close the link from that report (or close and open it again, which
     // started its own updater and task): what it did stands, and this open is over.
@@ -203,8 +203,8 @@ void SectionConnection::startCalibration()
         }
     }
     m_recorder->recordEvent(MonotonicClock::nowNs(), FlightRecorder::Event::CalibrationStart);
-    // The listener hears of Calibrating before the section is told, as it always has; it is
-    // only no longer called with the mutex held.
+    // The listener hears of Calibrating before the section is told, and without the link's
+    // mutex held, so that it may call back into the link.
     tellListener();
     // Straight to the line: the queue is not drained while calibrating.
     sendDirect(SerialMessage(MessageType::Calibration, 0));

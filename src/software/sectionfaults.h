@@ -17,7 +17,7 @@ namespace Velmora::Worksurface {
 // out (`plugged` false), it sits in its serial bootloader and answers the updater's packets
 // byte for byte, paced as on a 115200-baud line, and it is switched off and on again
 // (powerCycle()). SectionControl owns one and shows its values as its own properties; at
-// their defaults the section behaves as it always has.
+// their defaults the section is a healthy one that answers everything.
 class SectionFaults : public QObject
 {
     Q_OBJECT
