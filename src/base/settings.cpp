@@ -16,32 +16,32 @@ const char kResourceFirmwarePath[] = ":/firmware/worksurface.bin";
 
 uint8_t Settings::type() const
 {
-    return m_type;
+    return m_type.load();
 }
 
 void Settings::setType(uint8_t type)
 {
-    m_type = type;
+    m_type.store(type);
 }
 
 uint8_t Settings::mode() const
 {
-    return m_mode;
+    return m_mode.load();
 }
 
 void Settings::setMode(uint8_t mode)
 {
-    m_mode = mode;
+    m_mode.store(mode);
 }
 
 bool Settings::debugEnabled() const
 {
-    return m_debugEnabled != 0;
+    return m_debugEnabled.load() != 0;
 }
 
 void Settings::setDebugEnabled(bool enabled)
 {
-    m_debugEnabled = enabled ? 1 : 0;
+    m_debugEnabled.store(enabled ? 1 : 0);
 }
 
 uint8_t Settings::maxResendCount() const
@@ -51,7 +51,7 @@ uint8_t Settings::maxResendCount() const
 
 uint8_t Settings::sectionCount() const
 {
-    switch (static_cast<SurfaceMode>(m_mode)) {
+    switch (static_cast<SurfaceMode>(m_mode.load())) {
         case SurfaceMode::K40:
             return 2;
         case SurfaceMode::K60:
@@ -78,7 +78,7 @@ uint8_t Settings::masterStripCount() const
 
 uint8_t Settings::masterSectionIndex() const
 {
-    switch (static_cast<SurfaceMode>(m_mode)) {
+    switch (static_cast<SurfaceMode>(m_mode.load())) {
         case SurfaceMode::K40:
             return 1;
         case SurfaceMode::K60:
@@ -90,7 +90,7 @@ uint8_t Settings::masterSectionIndex() const
 
 QString Settings::serialPortName(uint8_t section) const
 {
-    switch (static_cast<SurfaceMode>(m_mode)) {
+    switch (static_cast<SurfaceMode>(m_mode.load())) {
         case SurfaceMode::K40:
             // The two-section console leaves the first device free: its master section
             // (index 1) sits on the third one.

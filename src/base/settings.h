@@ -44,10 +44,12 @@ public:
 
 private:
     // A surface started before QML chooses a model has no sections: hardware, no model,
-    // debug output on.
-    uint8_t m_type = 0;
-    uint8_t m_mode = 0;
-    uint8_t m_debugEnabled = 1;
+    // debug output on. Written from QML and read by the links wherever they run (the logger,
+    // the updater's resend limit and image path, the port name on reopen, a trace's header),
+    // so each is an atomic of its own.
+    std::atomic<uint8_t> m_type{0};
+    std::atomic<uint8_t> m_mode{0};
+    std::atomic<uint8_t> m_debugEnabled{1};
     // Read by every link's supervision pass, written from QML.
     std::atomic<int> m_reconnectInterval{0};
     // Written from QML, read when the surface is built (on the surface thread).

@@ -1,7 +1,9 @@
 #include <QDir>
 #include <QFile>
 #include <QtTest/QtTest>
+#include <atomic>
 #include <cstdint>
+#include <thread>
 
 #include "base/settings.h"
 #include "qml/surfacesettings.h"
@@ -32,6 +34,7 @@ private slots:
     void k40UsesSecondAndThirdDevicesAndNothingForSection2();
     void k60SectionIndex5FallsBackToTheFirstDevice();
     void unknownModeGivesNoSectionsNoMasterNoPortsAndNoMessage();
+    void valuesWrittenFromQmlAreReadSafelyByTheLinksThread();
 
     void firmwareInHomeFolderWinsOverTheResource();
     void firmwareFromResourceWhenHomeFolderHasNone();
@@ -212,6 +215,49 @@ void TestSettings::unknownModeGivesNoSectionsNoMasterNoPortsAndNoMessage()
         QVERIFY(settings.serialPortName(uint8_t(section)).isEmpty());
     }
     QCOMPARE(log.lines().size(), 0);
+}
+
+// With the links on their own thread, the logger, the updater, a reopening port and a trace
+// read the type, the model and the debug switch there while QML may write them. Both sides
+// start together and overlap for certain; ThreadSanitizer (make tsan) reports any field
+// that is not safe to share.
+void TestSettings::valuesWrittenFromQmlAreReadSafelyByTheLinksThread()
+{
+    constexpr int kRounds = 2000;
+    Settings settings;
+    std::atomic<int> ready{0};
+    std::atomic<int> reads{0};
+    std::thread links([&]() {
+        ready.fetch_add(1);
+        while (ready.load() < 2) {
+            std::this_thread::yield();
+        }
+        for (int i = 0; i < kRounds; ++i) {
+            const uint8_t type = settings.type();
+            const uint8_t mode = settings.mode();
+            const bool debug = settings.debugEnabled();
+            const uint8_t sections = settings.sectionCount();
+            const QString port = settings.serialPortName(0);
+            if (type <= 1 && mode <= 2 && sections <= 3 && (debug || !debug) &&
+                (port.isEmpty() || !port.isEmpty())) {
+                reads.fetch_add(1);
+            }
+        }
+    });
+    ready.fetch_add(1);
+    while (ready.load() < 2) {
+        std::this_thread::yield();
+    }
+    for (int i = 0; i < kRounds; ++i) {
+        settings.setType(uint8_t(i % 2));
+        settings.setMode(uint8_t(i % 3));
+        settings.setDebugEnabled(i % 2 == 0);
+    }
+    links.join();
+    QCOMPARE(reads.load(), kRounds);
+    QCOMPARE(settings.type(), uint8_t((kRounds - 1) % 2));
+    QCOMPARE(settings.mode(), uint8_t((kRounds - 1) % 3));
+    QCOMPARE(settings.debugEnabled(), false);
 }
 
 void TestSettings::firmwareInHomeFolderWinsOverTheResource()
