@@ -227,6 +227,8 @@ void TestSettings::valuesWrittenFromQmlAreReadSafelyByTheLinksThread()
     Settings settings;
     std::atomic<int> ready{0};
     std::atomic<int> reads{0};
+    int debugReads = 0;
+    int portReads = 0;
     std::thread links([&]() {
         ready.fetch_add(1);
         while (ready.load() < 2) {
@@ -235,11 +237,11 @@ void TestSettings::valuesWrittenFromQmlAreReadSafelyByTheLinksThread()
         for (int i = 0; i < kRounds; ++i) {
             const uint8_t type = settings.type();
             const uint8_t mode = settings.mode();
-            const bool debug = settings.debugEnabled();
             const uint8_t sections = settings.sectionCount();
-            const QString port = settings.serialPortName(0);
-            if (type <= 1 && mode <= 2 && sections <= 3 && (debug || !debug) &&
-                (port.isEmpty() || !port.isEmpty())) {
+            // The debug switch and the port name are read as the logger and a reopen do.
+            debugReads += settings.debugEnabled() ? 1 : 0;
+            portReads += settings.serialPortName(0).isEmpty() ? 0 : 1;
+            if (type <= 1 && mode <= 2 && (sections == 0 || sections == 2 || sections == 3)) {
                 reads.fetch_add(1);
             }
         }
@@ -255,6 +257,7 @@ void TestSettings::valuesWrittenFromQmlAreReadSafelyByTheLinksThread()
     }
     links.join();
     QCOMPARE(reads.load(), kRounds);
+    QVERIFY(debugReads <= kRounds && portReads <= kRounds);
     QCOMPARE(settings.type(), uint8_t((kRounds - 1) % 2));
     QCOMPARE(settings.mode(), uint8_t((kRounds - 1) % 3));
     QCOMPARE(settings.debugEnabled(), false);
