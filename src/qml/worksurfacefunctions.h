@@ -13,14 +13,13 @@
 #include "qml/sectioninfomodel.h"
 #include "qml/surfacesettings.h"
 #include "qml/surfacetracesaver.h"
-#include "tasks/threadmailbox.h"
+#include "serial/linkruntime.h"
 
 class QJSEngine;
 class QQmlEngine;
 
 namespace Velmora::Worksurface {
 class ISettings;
-class LinkThreadController;
 class Logger;
 class QmlControllerConnection;
 class TaskPool;
@@ -47,7 +46,8 @@ class WorksurfaceFunctions : public SurfaceTraceSaver,
     Q_PROPERTY(SurfaceConnection* connection READ connection CONSTANT)
 
 public:
-    static constexpr int kThreadStopTimeoutMs = 200;
+    static constexpr int kThreadStopTimeoutMs =
+        Velmora::Worksurface::LinkRuntime::kThreadStopTimeoutMs;
     // Set to "1", puts the links on the surface thread like settings.linkThread; read at
     // connect().
     static constexpr const char* kLinkThreadVariable = "TARVIX_WORKSURFACE_LINK_THREAD";
@@ -83,14 +83,14 @@ public:
     Velmora::Worksurface::ISectionInfo* getForSection(uint8_t section) override;
 
     // For diagnostics and tests; not part of the QML interface.
-    const QThread& surfaceThread() const { return m_thread; }
+    const QThread& surfaceThread() const;
     std::shared_ptr<Velmora::Worksurface::TaskPool> taskPool() const { return m_taskPool; }
     // The links' own pool, on the surface thread; null while the links run on this thread.
-    std::shared_ptr<Velmora::Worksurface::TaskPool> linkTaskPool() const { return m_linkPool; }
-    // Where work for the links' thread is posted while they run there.
-    Velmora::Worksurface::ThreadMailbox& linkMailbox() { return m_linkMailbox; }
+    std::shared_ptr<Velmora::Worksurface::TaskPool> linkTaskPool() const;
+    // The surface thread and the links' side of it.
+    Velmora::Worksurface::LinkRuntime& linkRuntime() { return *m_linkRuntime; }
     // Whether the surface built last runs its links on the surface thread.
-    bool linksOnSurfaceThread() const { return m_linksOnThread; }
+    bool linksOnSurfaceThread() const;
     std::shared_ptr<Velmora::Worksurface::QmlControllerConnection> controllerConnection() const
     {
         return m_controllerConnection;
@@ -109,33 +109,14 @@ private slots:
     void onStopSurfaceThread();
     void setFaderRestMode();
 
-protected:
-    // SurfaceTraceSaver; also what Surface.section(i).saveTrace(path) calls.
-    bool writeTrace(const QString& path, int section) override;
-
 private:
-    // Ends the surface thread; `releaseLinks` when the service goes (see below).
-    void stopSurfaceThread(bool releaseLinks);
-    // With the links on the surface thread: closes them there and stops their pool, releases
-    // them there too with `release`, and ends the thread from there. Returns false when the
-    // links run on this thread.
-    bool stopLinksOnSurfaceThread(bool release);
-    // Builds the links' pool on the surface thread, and the software controller's stand-in
-    // for the links there, for a surface about to be built with its links on that thread.
-    void prepareLinkThread();
+    // Whether connect() puts the links on the surface thread: the setting or the variable.
+    bool linksGoOnSurfaceThread() const;
     // Every section model back to "no link yet", before a new surface is built.
     void resetSectionLinks();
 
-    QThread m_thread;
-    // Starts of the surface thread whose `started` has not reached this thread yet, each a
-    // hand-over for a test runner that owns time (counted only then).
-    int m_startsOnTheirWay = 0;
-    // What the links' work is posted to on the surface thread, and what they post to here.
-    Velmora::Worksurface::ThreadMailbox m_linkMailbox;
-    Velmora::Worksurface::ThreadMailbox m_qmlMailbox;
-    std::shared_ptr<Velmora::Worksurface::TaskPool> m_linkPool;
-    std::shared_ptr<Velmora::Worksurface::LinkThreadController> m_linkController;
-    bool m_linksOnThread = false;
+    // The surface thread, and the links' side of it.
+    std::unique_ptr<Velmora::Worksurface::LinkRuntime> m_linkRuntime;
     std::shared_ptr<Velmora::Worksurface::ISettings> m_settings;
     std::shared_ptr<Velmora::Worksurface::TaskPool> m_taskPool;
     std::shared_ptr<Velmora::Worksurface::QmlControllerConnection> m_controllerConnection;

@@ -4,30 +4,86 @@
 
 #include "serial/isectionstatelistener.h"
 #include "serial/iserialmessagehandler.h"
+#include "serial/linkinbox.h"
+#include "serial/messageroutes.h"
 #include "serial/sectionconnection.h"
 #include "tasks/threadmailbox.h"
 
 namespace Velmora::Worksurface {
 
 // The QML-thread end of the hop: the section's root handler, the surface listening to the
-// link, and the state last told.
+// link, the state last told, and the inbox the link's reports wait in.
 struct LinkThreadConnection::Relay
 {
+    // Takes the oldest report and tells it: one report for each one the link queued.
+    void deliverOne();
+
     std::shared_ptr<ISerialMessageHandler> rootHandler;
     ISectionStateListener* listener = nullptr;
     std::atomic<uint8_t> state{ISectionConnection::Closed};
+    // Shared with the link's side, which adds to it: plain values only, so whichever side
+    // lets it go last, nothing of the section goes with it.
+    std::shared_ptr<LinkInbox> inbox = std::make_shared<LinkInbox>();
 };
+
+void LinkThreadConnection::Relay::deliverOne()
+{
+    LinkInbox::Report report;
+    if (!inbox->take(report)) {
+        return;
+    }
+    const auto section = report.sectionIndex;
+    switch (report.kind) {
+        case LinkInbox::Report::Frame:
+            rootHandler->handleMessage(report.frame);
+            return;
+        case LinkInbox::Report::LinkReady:
+            rootHandler->setLinkReady(report.value != 0);
+            return;
+        case LinkInbox::Report::State:
+            state.store(static_cast<uint8_t>(report.value));
+            if (listener) {
+                listener->sectionStateChanged(section, static_cast<uint8_t>(report.value));
+            }
+            return;
+        case LinkInbox::Report::Progress:
+            if (listener) {
+                listener->sectionUpdateProgress(section, static_cast<uint8_t>(report.value));
+            }
+            return;
+        case LinkInbox::Report::SentCount:
+            if (listener) {
+                listener->sentMessageCount(report.sentCount);
+            }
+            return;
+        case LinkInbox::Report::Port:
+            if (listener) {
+                listener->sectionPortChanged(section, report.portName, report.portError);
+            }
+            return;
+        case LinkInbox::Report::UpdateResult:
+            if (listener) {
+                listener->sectionUpdateResult(section, report.value);
+            }
+            return;
+    }
+}
 
 namespace {
 
+using Report = LinkInbox::Report;
+
 // The link's root handler and state listener on the links' thread: it judges each frame at
-// once and posts what the QML thread must hear, in order.
+// once from the section's routes and queues what the QML thread must hear, in order.
 class LinkSide : public ISerialMessageHandler, public ISectionStateListener
 {
 public:
-    LinkSide(const std::shared_ptr<LinkThreadConnection::Relay>& relay,
-             const std::shared_ptr<ISerialMessageHandler>& rootHandler, ThreadMailbox* qmlMailbox)
-        : m_relay(relay), m_rootHandler(rootHandler), m_qmlMailbox(qmlMailbox)
+    LinkSide(const std::shared_ptr<LinkThreadConnection::Relay>& relay, MessageRoutes routes,
+             std::weak_ptr<ThreadMailbox> qmlMailbox)
+        : m_relay(relay),
+          m_inbox(relay->inbox),
+          m_routes(std::move(routes)),
+          m_qmlMailbox(std::move(qmlMailbox))
     {}
 
     bool handleMessage(const SerialMessage& message) override
@@ -35,42 +91,27 @@ public:
         if (!takesMessage(message)) {
             return false;
         }
-        post([message](LinkThreadConnection::Relay& relay) {
-            relay.rootHandler->handleMessage(message);
-        });
+        Report report;
+        report.frame = message;
+        tell(std::move(report));
         return true;
     }
 
     bool takesMessage(const SerialMessage& message) const override
     {
-        const std::shared_ptr<ISerialMessageHandler> root = m_rootHandler.lock();
-        return root && root->takesMessage(message);
+        return m_routes.takes(message);
     }
 
-    void setLinkReady(bool ready) override
-    {
-        post([ready](LinkThreadConnection::Relay& relay) {
-            relay.rootHandler->setLinkReady(ready);
-        });
-    }
+    void setLinkReady(bool ready) override { tell(news(Report::LinkReady, 0, ready ? 1 : 0)); }
 
     void sectionStateChanged(uint8_t sectionIndex, uint8_t state) override
     {
-        post([sectionIndex, state](LinkThreadConnection::Relay& relay) {
-            relay.state.store(state);
-            if (relay.listener) {
-                relay.listener->sectionStateChanged(sectionIndex, state);
-            }
-        });
+        tell(news(Report::State, sectionIndex, state));
     }
 
     void sectionUpdateProgress(uint8_t sectionIndex, uint8_t value) override
     {
-        post([sectionIndex, value](LinkThreadConnection::Relay& relay) {
-            if (relay.listener) {
-                relay.listener->sectionUpdateProgress(sectionIndex, value);
-            }
-        });
+        tell(news(Report::Progress, sectionIndex, value));
     }
 
     void sentMessageCount(uint64_t count) override
@@ -82,69 +123,88 @@ public:
         }
         m_sentCountPosted = true;
         m_postedSentCount = count;
-        post([count](LinkThreadConnection::Relay& relay) {
-            if (relay.listener) {
-                relay.listener->sentMessageCount(count);
-            }
-        });
+        Report report = news(Report::SentCount, 0, 0);
+        report.sentCount = count;
+        tell(std::move(report));
     }
 
     void sectionPortChanged(uint8_t sectionIndex, const QString& portName,
                             const QString& portError) override
     {
-        post([sectionIndex, portName, portError](LinkThreadConnection::Relay& relay) {
-            if (relay.listener) {
-                relay.listener->sectionPortChanged(sectionIndex, portName, portError);
-            }
-        });
+        Report report = news(Report::Port, sectionIndex, 0);
+        report.portName = portName;
+        report.portError = portError;
+        tell(std::move(report));
     }
 
     void sectionUpdateResult(uint8_t sectionIndex, int failureReason) override
     {
-        post([sectionIndex, failureReason](LinkThreadConnection::Relay& relay) {
-            if (relay.listener) {
-                relay.listener->sectionUpdateResult(sectionIndex, failureReason);
-            }
-        });
+        tell(news(Report::UpdateResult, sectionIndex, failureReason));
     }
 
 private:
-    // What is posted reaches the QML thread only while the QML-thread end still stands.
-    template <typename Call>
-    void post(Call call) const
+    static Report news(Report::Kind kind, uint8_t sectionIndex, int value)
     {
-        m_qmlMailbox->post([relay = m_relay, call = std::move(call)]() {
-            if (const std::shared_ptr<LinkThreadConnection::Relay> alive = relay.lock()) {
-                call(*alive);
-            }
-        });
+        Report report;
+        report.kind = kind;
+        report.sectionIndex = sectionIndex;
+        report.value = value;
+        return report;
+    }
+
+    // Queues the report and wakes the QML thread to take it, unless it replaced a waiting
+    // position, which that thread is already woken for. Nothing is queued once the face has
+    // gone, and nothing crosses once the mailboxes' owner has.
+    void tell(Report report)
+    {
+        if (m_relay.expired() || !m_inbox->add(std::move(report))) {
+            return;
+        }
+        if (const std::shared_ptr<ThreadMailbox> mailbox = m_qmlMailbox.lock()) {
+            mailbox->post([relay = m_relay]() {
+                if (const std::shared_ptr<LinkThreadConnection::Relay> alive = relay.lock()) {
+                    alive->deliverOne();
+                }
+            });
+        }
     }
 
     // Links' thread only.
     bool m_sentCountPosted = false;
     uint64_t m_postedSentCount = 0;
+    // Locked only on the QML thread, by the posted wake: the relay holds the section's root
+    // handler, whose last share must never be let go here.
     const std::weak_ptr<LinkThreadConnection::Relay> m_relay;
-    // Weak: the section owns its handlers, and they must go on the QML thread.
-    const std::weak_ptr<ISerialMessageHandler> m_rootHandler;
-    ThreadMailbox* const m_qmlMailbox;
+    const std::shared_ptr<LinkInbox> m_inbox;
+    const MessageRoutes m_routes;
+    const std::weak_ptr<ThreadMailbox> m_qmlMailbox;
 };
 
 }  // namespace
 
-LinkThreadConnection::LinkThreadConnection(uint8_t sectionIndex, ThreadMailbox* linkMailbox)
-    : m_sectionIndex(sectionIndex), m_linkMailbox(linkMailbox), m_relay(std::make_shared<Relay>())
+LinkThreadConnection::LinkThreadConnection(uint8_t sectionIndex,
+                                           std::weak_ptr<ThreadMailbox> linkMailbox)
+    : m_sectionIndex(sectionIndex),
+      m_linkMailbox(std::move(linkMailbox)),
+      m_relay(std::make_shared<Relay>())
 {}
 
 std::shared_ptr<LinkThreadConnection> LinkThreadConnection::create(
     uint8_t sectionIndex, const std::shared_ptr<ISerialMessageHandler>& rootHandler,
-    ThreadMailbox* qmlMailbox, ThreadMailbox* linkMailbox, const Builder& build)
+    const std::weak_ptr<ThreadMailbox>& qmlMailbox, const std::weak_ptr<ThreadMailbox>& linkMailbox,
+    const Builder& build)
 {
+    const std::shared_ptr<ThreadMailbox> links = linkMailbox.lock();
+    if (!links || !rootHandler) {
+        return nullptr;
+    }
     std::shared_ptr<LinkThreadConnection> self(new LinkThreadConnection(sectionIndex, linkMailbox));
     self->m_relay->rootHandler = rootHandler;
-    const auto side = std::make_shared<LinkSide>(self->m_relay, rootHandler, qmlMailbox);
+    const auto side =
+        std::make_shared<LinkSide>(self->m_relay, MessageRoutes::of(*rootHandler), qmlMailbox);
     // Made on the links' thread, so that its serial port, its timers and its thread checks
     // belong there from the start; the links' thread never waits for this one.
-    linkMailbox->runAndWait([&]() {
+    links->runAndWait([&]() {
         self->m_link = build(side);
         if (self->m_link) {
             self->m_link->setStateListener(side.get());
@@ -160,8 +220,9 @@ std::shared_ptr<LinkThreadConnection> LinkThreadConnection::create(
 
 LinkThreadConnection::~LinkThreadConnection()
 {
-    if (m_link) {
-        m_linkMailbox->post([link = std::move(m_link)]() mutable {
+    const std::shared_ptr<ThreadMailbox> links = m_linkMailbox.lock();
+    if (m_link && links) {
+        links->post([link = std::move(m_link)]() mutable {
             link->close();
             link.reset();
         });
@@ -175,15 +236,15 @@ uint8_t LinkThreadConnection::state() const
 
 void LinkThreadConnection::postToLink(std::function<void(SectionConnection&)> call) const
 {
-    if (!m_link) {
+    const std::shared_ptr<ThreadMailbox> links = m_linkMailbox.lock();
+    if (!m_link || !links) {
         return;
     }
-    m_linkMailbox->post(
-        [link = std::weak_ptr<SectionConnection>(m_link), call = std::move(call)]() {
-            if (const std::shared_ptr<SectionConnection> alive = link.lock()) {
-                call(*alive);
-            }
-        });
+    links->post([link = std::weak_ptr<SectionConnection>(m_link), call = std::move(call)]() {
+        if (const std::shared_ptr<SectionConnection> alive = link.lock()) {
+            call(*alive);
+        }
+    });
 }
 
 void LinkThreadConnection::open()

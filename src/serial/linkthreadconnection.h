@@ -21,21 +21,23 @@ class ThreadMailbox;
 // updater) is made, runs and is torn down on the links' thread. What it receives for the
 // model crosses to the QML thread, and so does everything it tells its state listener: each
 // frame a component takes, each link-ready change and each state, port, progress and update
-// report is posted to the QML thread as it happens, so they arrive there in the order the
-// link produced them, and the section's components, the surface and the section models see
-// the same calls with the same values in the same order as with the link on the QML thread,
-// only later by the hop. The link knows at once whether a component takes a frame (the
-// root handler's takesMessage), so it comes up on the same frame as it would on the QML
-// thread.
+// report goes into the link's inbox (LinkInbox) as it happens, and the QML thread takes them
+// in the order the link produced them, so the section's components, the surface and the
+// section models see the same calls with the same values in the same order as with the
+// link on the QML thread, only later by the hop (a QML thread far behind sees a fader's or
+// the pot's latest position instead of every stale one). The link knows at once whether a
+// component takes a frame, from the section's routes taken on the QML thread when the link
+// is made (MessageRoutes), so it comes up on the same frame as it would on the QML thread
+// and never touches the section's objects.
 //
 // The other way, open(), close() and startCalibration() are posted to the links' thread;
 // enqueueMessage() goes straight into the queue and stopCalibration() straight to the link
 // (both are safe from any thread). state() is the state last told on the QML thread, so
 // that what the surface reads agrees with what QML has been told.
 //
-// QML-thread-only, like the surface that holds it. The two mailboxes live on the QML thread
-// and on the links' thread; the surface service keeps both for as long as anything can be
-// posted to them.
+// QML-thread-only, like the surface that holds it. It holds both threads' mailboxes weakly:
+// once their owner (LinkRuntime) has gone, nothing is posted any more, and by then the owner
+// has taken the link and released it on its thread.
 class LinkThreadConnection : public ISectionConnection
 {
 public:
@@ -46,7 +48,8 @@ public:
         const std::shared_ptr<ISerialMessageHandler>& handlerOnLinkThread)>;
     static std::shared_ptr<LinkThreadConnection> create(
         uint8_t sectionIndex, const std::shared_ptr<ISerialMessageHandler>& rootHandler,
-        ThreadMailbox* qmlMailbox, ThreadMailbox* linkMailbox, const Builder& build);
+        const std::weak_ptr<ThreadMailbox>& qmlMailbox,
+        const std::weak_ptr<ThreadMailbox>& linkMailbox, const Builder& build);
 
     // A link not taken for teardown yet is closed and released on its own thread.
     ~LinkThreadConnection() override;
@@ -73,12 +76,12 @@ public:
     struct Relay;
 
 private:
-    LinkThreadConnection(uint8_t sectionIndex, ThreadMailbox* linkMailbox);
+    LinkThreadConnection(uint8_t sectionIndex, std::weak_ptr<ThreadMailbox> linkMailbox);
     // Runs `call` on the link's thread with the link, unless it was taken meanwhile.
     void postToLink(std::function<void(SectionConnection&)> call) const;
 
     const uint8_t m_sectionIndex;
-    ThreadMailbox* const m_linkMailbox;
+    const std::weak_ptr<ThreadMailbox> m_linkMailbox;
     std::shared_ptr<SectionConnection> m_link;
     std::shared_ptr<FlightRecorder> m_recorder;
     QString m_portName;

@@ -46,12 +46,12 @@ struct LinkThreadController::Shared
 
     // The QML thread's side.
     std::shared_ptr<ISoftwareControllerConnection> controller;
-    ThreadMailbox* qmlMailbox = nullptr;
+    std::weak_ptr<ThreadMailbox> qmlMailbox;
     bool detached = false;
     std::map<uint8_t, std::unique_ptr<Endpoint>> endpoints;
 
     // The links' thread's side: what the lines registered.
-    ThreadMailbox* linkMailbox = nullptr;
+    std::weak_ptr<ThreadMailbox> linkMailbox;
     std::map<uint8_t, ISerialDataReceiver*> receivers;
     std::map<uint8_t, ISoftwareSectionLine*> lines;
 
@@ -101,11 +101,12 @@ private:
     void toLine(Call call) const
     {
         const auto shared = m_shared.lock();
-        if (!shared) {
+        const auto mailbox = shared ? shared->linkMailbox.lock() : nullptr;
+        if (!mailbox) {
             return;
         }
         const uint8_t index = m_sectionIndex;
-        shared->linkMailbox->post([weak = m_shared, index, call = std::move(call)]() {
+        mailbox->post([weak = m_shared, index, call = std::move(call)]() {
             const auto alive = weak.lock();
             if (!alive) {
                 return;
@@ -132,13 +133,13 @@ auto LinkThreadController::Shared::endpoint(const std::shared_ptr<Shared>& self,
 }
 
 LinkThreadController::LinkThreadController(
-    std::shared_ptr<ISoftwareControllerConnection> controller, ThreadMailbox* qmlMailbox,
-    ThreadMailbox* linkMailbox)
+    std::shared_ptr<ISoftwareControllerConnection> controller,
+    std::weak_ptr<ThreadMailbox> qmlMailbox, std::weak_ptr<ThreadMailbox> linkMailbox)
     : m_shared(std::make_shared<Shared>())
 {
     m_shared->controller = std::move(controller);
-    m_shared->qmlMailbox = qmlMailbox;
-    m_shared->linkMailbox = linkMailbox;
+    m_shared->qmlMailbox = std::move(qmlMailbox);
+    m_shared->linkMailbox = std::move(linkMailbox);
     for (std::size_t i = 0; i < m_shared->plugged.size(); ++i) {
         m_shared->plugged[i].store(m_shared->controller->isSectionPlugged(static_cast<uint8_t>(i)));
     }
@@ -158,7 +159,11 @@ void LinkThreadController::detach()
 template <typename Call>
 void LinkThreadController::toController(Call call) const
 {
-    m_shared->qmlMailbox->post([weak = std::weak_ptr<Shared>(m_shared), call = std::move(call)]() {
+    const auto mailbox = m_shared->qmlMailbox.lock();
+    if (!mailbox) {
+        return;
+    }
+    mailbox->post([weak = std::weak_ptr<Shared>(m_shared), call = std::move(call)]() {
         const auto shared = weak.lock();
         if (shared && !shared->detached) {
             call(*shared->controller, shared);

@@ -26,8 +26,10 @@ class ThreadMailbox;
 class LinkThreadController : public ISoftwareControllerConnection
 {
 public:
+    // The mailboxes are held weakly: once their owner has gone, nothing crosses any more.
     LinkThreadController(std::shared_ptr<ISoftwareControllerConnection> controller,
-                         ThreadMailbox* qmlMailbox, ThreadMailbox* linkMailbox);
+                         std::weak_ptr<ThreadMailbox> qmlMailbox,
+                         std::weak_ptr<ThreadMailbox> linkMailbox);
     ~LinkThreadController() override;
     LinkThreadController(const LinkThreadController&) = delete;
     LinkThreadController& operator=(const LinkThreadController&) = delete;

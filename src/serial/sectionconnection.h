@@ -122,6 +122,9 @@ public:
     void setReconnectSettings(std::shared_ptr<const ISettings> settings);
     // Never null; its capacity may be 0.
     std::shared_ptr<FlightRecorder> recorder() const override { return m_recorder; }
+    // The thread the link was made on and runs on: the QML thread, or the surface thread
+    // when the links have it to themselves.
+    const QThread* thread() const { return m_affinity.thread(); }
     QString portName() const override;
     // Called on the link's thread, without any lock held, when the link fails: the first
     // SerialError or NoResponse, port error or failed update of an outage.

@@ -5,7 +5,7 @@
 #include "base/logger.h"
 #include "serial/iserialconnection.h"
 #include "serial/iserialconnectionfactory.h"
-#include "serial/linkthreadconnection.h"
+#include "serial/linkruntime.h"
 #include "serial/sectionconnection.h"
 #include "surface/tracefile.h"
 #include "updater/sectionupdater.h"
@@ -14,13 +14,11 @@ namespace Velmora::Worksurface {
 
 ConnectionFactory::ConnectionFactory(std::unique_ptr<ISerialConnectionFactory> serialFactory,
                                      std::shared_ptr<ITaskPool> taskPool,
-                                     std::shared_ptr<Logger> logger, ThreadMailbox* qmlMailbox,
-                                     ThreadMailbox* linkMailbox)
+                                     std::shared_ptr<Logger> logger, LinkRuntime* linkRuntime)
     : m_serialFactory(std::move(serialFactory)),
       m_taskPool(std::move(taskPool)),
       m_logger(std::move(logger)),
-      m_qmlMailbox(qmlMailbox),
-      m_linkMailbox(linkMailbox)
+      m_linkRuntime(linkRuntime)
 {}
 
 ConnectionFactory::~ConnectionFactory() = default;
@@ -29,11 +27,11 @@ std::shared_ptr<ISectionConnection> ConnectionFactory::createConnection(
     uint8_t sectionIndex, const std::shared_ptr<ISerialMessageHandler>& rootHandler,
     const std::shared_ptr<ISerialMessageQueue>& queue, const std::shared_ptr<ISettings>& settings)
 {
-    if (m_qmlMailbox == nullptr || m_linkMailbox == nullptr) {
+    if (m_linkRuntime == nullptr) {
         return createLink(sectionIndex, rootHandler, queue, settings);
     }
-    return LinkThreadConnection::create(
-        sectionIndex, rootHandler, m_qmlMailbox, m_linkMailbox,
+    return m_linkRuntime->makeLink(
+        sectionIndex, rootHandler,
         [&](const std::shared_ptr<ISerialMessageHandler>& handlerOnLinkThread) {
             return createLink(sectionIndex, handlerOnLinkThread, queue, settings);
         });

@@ -10,21 +10,21 @@ class ISerialConnectionFactory;
 class ITaskPool;
 class Logger;
 
+class LinkRuntime;
 class SectionConnection;
-class ThreadMailbox;
 
 // Wires one section's link: the serial connection of the configured kind, the firmware
 // updater, and the supervising section connection that receives the line's bytes.
 //
-// Given the two threads' mailboxes, it makes each link on the links' own thread instead and
-// hands out its QML-thread face (LinkThreadConnection); the task pool is then the links'
-// pool, running on that thread.
+// Given the link runtime, it has each link made on the links' own thread instead and hands
+// out its QML-thread face (LinkThreadConnection); the task pool is then the links' pool,
+// running on that thread.
 class ConnectionFactory : public IConnectionFactory
 {
 public:
     ConnectionFactory(std::unique_ptr<ISerialConnectionFactory> serialFactory,
                       std::shared_ptr<ITaskPool> taskPool, std::shared_ptr<Logger> logger,
-                      ThreadMailbox* qmlMailbox = nullptr, ThreadMailbox* linkMailbox = nullptr);
+                      LinkRuntime* linkRuntime = nullptr);
     ~ConnectionFactory() override;
 
     std::shared_ptr<ISectionConnection> createConnection(
@@ -41,8 +41,7 @@ private:
     std::unique_ptr<ISerialConnectionFactory> m_serialFactory;
     std::shared_ptr<ITaskPool> m_taskPool;
     std::shared_ptr<Logger> m_logger;
-    ThreadMailbox* const m_qmlMailbox;
-    ThreadMailbox* const m_linkMailbox;
+    LinkRuntime* const m_linkRuntime;
 };
 
 }  // namespace Velmora::Worksurface

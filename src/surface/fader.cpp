@@ -47,6 +47,9 @@ Fader::Fader(uint8_t deviceId, uint8_t sectionIndex, FaderType type,
 
 Fader::~Fader()
 {
+    // Made, told and let go on the model's thread only: a link on another thread never holds
+    // a share of the section that could make it the last.
+    TARVIX_ASSERT_FADER_THREAD();
     // A handle that outlives its fader must not reach it (nor release into it).
     if (m_handle) {
         m_handle->m_fader = nullptr;

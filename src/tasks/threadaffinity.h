@@ -13,6 +13,7 @@ public:
     ThreadAffinity() : m_thread(QThread::currentThread()) {}
 
     bool isCurrent() const { return QThread::currentThread() == m_thread; }
+    QThread* thread() const { return m_thread; }
 
 private:
     QThread* const m_thread;

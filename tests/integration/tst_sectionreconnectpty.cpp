@@ -22,6 +22,7 @@
 #include "qml/sectioninfomodel.h"
 #include "qml/surfacesettings.h"
 #include "qml/worksurfacefunctions.h"
+#include "serial/linkruntime.h"
 #include "support/logcapture.h"
 #include "support/manualclock.h"
 #include "support/ptysectionsimulator.h"
@@ -82,6 +83,7 @@ private slots:
     void aFullUpdateIsNeverInterruptedByReconnection();
     void failedUpdatesAreToldWithTheirReasonAndASuccessResetsTheFailure();
     void aNewConnectStartsTheModelsOverAndASectionTheModelLacksIsClosed();
+    void aConnectThatBuildsNothingStartsTheOldLinksAgainOnTheirOwnPool();
 
 private:
     // Connects a K40 hardware surface; waits for section 1 to come up unless told not to.
@@ -611,6 +613,38 @@ void TestSectionReconnectPty::aNewConnectStartsTheModelsOverAndASectionTheModelL
     // The sections the new surface has follow their new links.
     QCOMPARE(first()->portName(), m_devicePath);
     QCOMPARE(first()->linkState(), int(SectionInfoModel::Connecting));
+}
+
+// connect() with no console model builds nothing: the surface that ran stays and is started
+// again, and its links open and probe once more. Links on the surface thread keep their own
+// pool, which starts again with them: they are supervised as before, and the healthy section
+// is pinged every 2 s. Links on the QML thread are on the model's pool, which every start
+// replaces: nothing pings any more (docs/surface-service.md).
+void TestSectionReconnectPty::aConnectThatBuildsNothingStartsTheOldLinksAgainOnTheirOwnPool()
+{
+    startSurface(kInterval);
+    const auto modelPool = m_service->taskPool();
+    const auto linkPool = m_service->linkTaskPool();
+    QSignalSpy surfaceChanged(m_service->connection(), &SurfaceConnection::surfaceChanged);
+    m_service->settings()->setMode(SurfaceSettings::Unknown);
+    m_service->connect();
+    QTRY_VERIFY_WITH_TIMEOUT(m_service->taskPool() != modelPool, kTimeout);
+    QCOMPARE(surfaceChanged.count(), 0);
+    QCOMPARE(m_service->linkTaskPool(), linkPool);
+    QTRY_COMPARE_WITH_TIMEOUT(m_service->section(1)->linkState(),
+                              int(SectionInfoModel::Connected), kTimeout);
+    const int pingsBefore = m_other->pingCount();
+    runFor(5000);
+    if (m_service->linksOnSurfaceThread()) {
+        QVERIFY2(m_other->pingCount() - pingsBefore >= 2,
+                 qPrintable(QString::number(m_other->pingCount() - pingsBefore)));
+        bool running = false;
+        m_service->linkRuntime().runOnLinkThread(
+            [&]() { running = linkPool->isRunning() && linkPool->isTimerActive(); });
+        QVERIFY(running);
+    } else {
+        QCOMPARE(m_other->pingCount(), pingsBefore);
+    }
 }
 
 QTEST_GUILESS_MAIN(TestSectionReconnectPty)

@@ -7,6 +7,7 @@
 #include <QSignalSpy>
 #include <QThread>
 #include <QtTest/QtTest>
+#include <atomic>
 #include <cstdint>
 #include <limits>
 #include <memory>
@@ -23,6 +24,8 @@
 #include "qml/worksurfacefunctions.h"
 #include "serial/isectionconnection.h"
 #include "serial/iserialdatareceiver.h"
+#include "serial/linkruntime.h"
+#include "serial/linkthreadconnection.h"
 #include "serial/sectionconnection.h"
 #include "serial/serialconnectionfactory.h"
 #include "serial/serialmessage.h"
@@ -155,6 +158,13 @@ private slots:
 
     void destructionStopsTheThreadAndReleasesTheSurfaceAndItsPool();
     void destructionWithAStartStillQueuedBuildsNothing();
+
+    // With the links on the surface thread.
+    void theLinkThreadSettingOrTheVariablePutEachLinkOnTheSurfaceThread_data();
+    void theLinkThreadSettingOrTheVariablePutEachLinkOnTheSurfaceThread();
+    void aLateLinkThreadIsWaitedForNotTerminated_data();
+    void aLateLinkThreadIsWaitedForNotTerminated();
+    void sectionsLetGoWhileFramesStreamAreDestroyedOnTheQmlThread();
 
     // Last: the QML engine may leave helper threads behind, which would upset the thread
     // counts of the tests above.
@@ -1009,6 +1019,148 @@ void TestWorksurfaceFunctions::destructionWithAStartStillQueuedBuildsNothing()
     QCoreApplication::processEvents();
     QCoreApplication::sendPostedEvents();
     QVERIFY(m_log->texts(QtWarningMsg).isEmpty());
+}
+
+// --- With the links on the surface thread -------------------------------------------------
+
+void TestWorksurfaceFunctions::theLinkThreadSettingOrTheVariablePutEachLinkOnTheSurfaceThread_data()
+{
+    QTest::addColumn<bool>("setting");
+    QTest::addColumn<QByteArray>("variable");
+    QTest::addColumn<bool>("onThread");
+    QTest::newRow("neither") << false << QByteArray() << false;
+    QTest::newRow("variable 0") << false << QByteArray("0") << false;
+    QTest::newRow("variable yes") << false << QByteArray("yes") << false;
+    QTest::newRow("variable 1") << false << QByteArray("1") << true;
+    QTest::newRow("setting") << true << QByteArray() << true;
+    QTest::newRow("setting and variable 0") << true << QByteArray("0") << true;
+}
+
+void TestWorksurfaceFunctions::theLinkThreadSettingOrTheVariablePutEachLinkOnTheSurfaceThread()
+{
+    QFETCH(bool, setting);
+    QFETCH(QByteArray, variable);
+    QFETCH(bool, onThread);
+    const bool hadVariable = qEnvironmentVariableIsSet(WorksurfaceFunctions::kLinkThreadVariable);
+    const QByteArray saved = qgetenv(WorksurfaceFunctions::kLinkThreadVariable);
+    if (variable.isNull()) {
+        qunsetenv(WorksurfaceFunctions::kLinkThreadVariable);
+    } else {
+        qputenv(WorksurfaceFunctions::kLinkThreadVariable, variable);
+    }
+    auto service = makeService(SurfaceSettings::K60);
+    service->settings()->setLinkThread(setting);
+    const bool connected = connectAndWait(*service);
+    if (hadVariable) {
+        qputenv(WorksurfaceFunctions::kLinkThreadVariable, saved);
+    } else {
+        qunsetenv(WorksurfaceFunctions::kLinkThreadVariable);
+    }
+    QVERIFY(connected);
+    QCOMPARE(service->linksOnSurfaceThread(), onThread);
+    QCOMPARE(service->linkTaskPool() != nullptr, onThread);
+    const QThread* expected = onThread ? &service->surfaceThread() : QThread::currentThread();
+    const auto links = service->connection()->surface()->sectionLinks();
+    QCOMPARE(links.size(), std::size_t{3});
+    for (const auto& link : links) {
+        const auto* made = dynamic_cast<SectionConnection*>(link.get());
+        if (const auto* face = dynamic_cast<LinkThreadConnection*>(link.get())) {
+            made = face->link().get();
+        }
+        QVERIFY(made != nullptr);
+        QCOMPARE(made->thread(), expected);
+    }
+}
+
+// A link thread that is late when connect() is called again or the service goes (a trace
+// being saved after a fault, a long queue of work, a loaded board) is waited for: nothing is
+// terminated, nothing is warned about, and its links are closed there.
+void TestWorksurfaceFunctions::aLateLinkThreadIsWaitedForNotTerminated_data()
+{
+    QTest::addColumn<bool>("destroy");
+    QTest::newRow("connect() again") << false;
+    QTest::newRow("the service goes") << true;
+}
+
+void TestWorksurfaceFunctions::aLateLinkThreadIsWaitedForNotTerminated()
+{
+    QFETCH(bool, destroy);
+    auto service = makeService(SurfaceSettings::K60);
+    service->settings()->setLinkThread(true);
+    QVERIFY(connectAndWait(*service));
+    QVERIFY(service->linksOnSurfaceThread());
+    std::vector<std::shared_ptr<SectionConnection>> links;
+    for (const auto& link : service->connection()->surface()->sectionLinks()) {
+        links.push_back(dynamic_cast<LinkThreadConnection&>(*link).link());
+    }
+    std::atomic<bool> lateWorkDone{false};
+    service->linkRuntime().postToLinkThread([&lateWorkDone]() {
+        QThread::msleep(400);
+        lateWorkDone.store(true);
+    });
+    if (destroy) {
+        service.reset();
+    } else {
+        QVERIFY(connectAndWait(*service));
+    }
+    QVERIFY(lateWorkDone.load());
+    for (const auto& link : links) {
+        QCOMPARE(link->state(), uint8_t{ISectionConnection::Closed});
+    }
+    // Neither terminated nor warned about.
+    QCOMPARE(m_log->texts(QtWarningMsg), QStringList());
+    QCOMPARE(m_log->texts(QtCriticalMsg), QStringList());
+    if (!destroy) {
+        QCOMPARE(service->connection()->surface()->sectionLinks().size(), std::size_t{3});
+    }
+}
+
+// Sections stream fader moves at full rate while connect() rebuilds the surface again and
+// again: every section, and every fader QObject with it, goes on the QML thread (the fader
+// asserts it in debug builds), never on the thread that judges the frames.
+void TestWorksurfaceFunctions::sectionsLetGoWhileFramesStreamAreDestroyedOnTheQmlThread()
+{
+    PtySectionSimulator first;
+    PtySectionSimulator second;
+    QVERIFY2(first.isOpen() && second.isOpen(), qPrintable(first.errorString()));
+    const QByteArray saved = qgetenv("TARVIX_WORKSURFACE_SERIAL_PORTS");
+    qputenv("TARVIX_WORKSURFACE_SERIAL_PORTS",
+            (first.slavePath() + QLatin1Char(',') + second.slavePath()).toLocal8Bit());
+    auto service = makeService(SurfaceSettings::K40, SurfaceSettings::Hardware);
+    service->settings()->setLinkThread(true);
+    int faderQObjectsGone = 0;
+    int fadersWatched = 0;
+    std::vector<QThread*> goneOn;
+    for (int round = 0; round < 10; ++round) {
+        QVERIFY(connectAndWait(*service));
+        if (Surface* surface = builtSurface(*service)) {
+            for (Fader* fader : allFaders(*surface)) {
+                ++fadersWatched;
+                QObject::connect(fader, &QObject::destroyed, [&]() {
+                    goneOn.push_back(QThread::currentThread());
+                    ++faderQObjectsGone;
+                });
+            }
+        }
+        // A burst of moves on every fader of both sections, read on the surface thread
+        // while this thread builds the next surface.
+        QByteArray moves;
+        for (int i = 0; i < 200; ++i) {
+            const auto fader = static_cast<uint8_t>(i % 10);
+            const auto position = static_cast<uint16_t>(i * 5);
+            moves += encode(SerialMessage(
+                MessageType::FaderPosition, fader,
+                {static_cast<uint8_t>(position >> 8), static_cast<uint8_t>(position & 0xFF)}));
+        }
+        first.sendRaw(moves);
+        second.sendRaw(moves);
+        QCoreApplication::processEvents();
+    }
+    service.reset();
+    qputenv("TARVIX_WORKSURFACE_SERIAL_PORTS", saved);
+    QVERIFY(fadersWatched > 0);
+    QCOMPARE(faderQObjectsGone, fadersWatched);
+    QCOMPARE(goneOn, std::vector<QThread*>(std::size_t(fadersWatched), QThread::currentThread()));
 }
 
 QTEST_GUILESS_MAIN(TestWorksurfaceFunctions)

@@ -11,6 +11,7 @@
 #include "base/logger.h"
 #include "serial/isectionstatelistener.h"
 #include "serial/iserialmessagehandler.h"
+#include "serial/linkinbox.h"
 #include "serial/linkthreadconnection.h"
 #include "serial/sectionconnection.h"
 #include "serial/serialmessagequeue.h"
@@ -100,16 +101,61 @@ QByteArray faderFrame(uint16_t position)
         {static_cast<uint8_t>(position >> 8), static_cast<uint8_t>(position & 0xFF)}));
 }
 
+// A section's handler that notes where it is let go. Asked off the thread it was made on
+// (the link's thread judging a frame), it holds that thread until the test lets it go on:
+// long enough for the QML thread to let the section go meanwhile.
+class JudgeNotingItsEnd : public ISerialMessageHandler
+{
+public:
+    struct Notes
+    {
+        std::atomic<bool> askedOffItsThread{false};
+        std::atomic<bool> goOn{false};
+        std::atomic<int> handled{0};
+        std::atomic<QThread*> endedOn{nullptr};
+    };
+
+    explicit JudgeNotingItsEnd(std::shared_ptr<Notes> notes) : m_notes(std::move(notes)) {}
+    ~JudgeNotingItsEnd() override { m_notes->endedOn.store(QThread::currentThread()); }
+
+    bool takesMessage(const SerialMessage& message) const override
+    {
+        if (QThread::currentThread() != m_home) {
+            m_notes->askedOffItsThread.store(true);
+            QElapsedTimer waited;
+            waited.start();
+            while (!m_notes->goOn.load() && waited.elapsed() < kTimeoutMs) {
+                QThread::yieldCurrentThread();
+            }
+        }
+        return message.type == MessageType::FaderPosition && message.deviceId == kFader;
+    }
+    bool handleMessage(const SerialMessage& message) override
+    {
+        if (!takesMessage(message)) {
+            return false;
+        }
+        m_notes->handled.fetch_add(1);
+        return true;
+    }
+    void setLinkReady(bool) override {}
+
+private:
+    std::shared_ptr<Notes> m_notes;
+    QThread* const m_home = QThread::currentThread();
+};
+
 struct Rig
 {
-    Rig()
+    // `section`: the section's root handler, a story-telling fader when null.
+    explicit Rig(std::shared_ptr<ISerialMessageHandler> section = nullptr)
     {
         thread.setObjectName(QStringLiteral("WorksurfaceThread"));
-        linkContext.moveToThread(&thread);
+        linkContext->moveToThread(&thread);
         thread.start();
         root = std::make_shared<StoryHandler>(&story);
         face = LinkThreadConnection::create(
-            kSection, root, &qmlContext, &linkContext,
+            kSection, section ? section : root, qmlContext, linkContext,
             [this](const std::shared_ptr<ISerialMessageHandler>& handler) {
                 madeOn = QThread::currentThread();
                 pool = std::make_shared<TaskPool>();
@@ -128,7 +174,7 @@ struct Rig
     {
         face.reset();
         // Whatever the link's thread still holds goes there.
-        linkContext.runAndWait([this]() {
+        linkContext->runAndWait([this]() {
             line.reset();
             pool.reset();
         });
@@ -139,19 +185,19 @@ struct Rig
     // On the link's thread, as the port's readyRead would.
     void receive(const QByteArray& bytes)
     {
-        linkContext.runAndWait([this, bytes]() { line->pushData(bytes); });
+        linkContext->runAndWait([this, bytes]() { line->pushData(bytes); });
     }
 
     // One pass of the link on its thread, the manual clock moved past its interval.
     void pass(ManualClock& clock)
     {
         clock.advanceNs(SectionConnection::kTaskIntervalMs * kMs + 1);
-        linkContext.runAndWait([this]() { pool->runPendingTasks(); });
+        linkContext->runAndWait([this]() { pool->runPendingTasks(); });
     }
 
     QThread thread;
-    ThreadMailbox linkContext;
-    ThreadMailbox qmlContext;
+    std::shared_ptr<ThreadMailbox> linkContext = std::make_shared<ThreadMailbox>();
+    std::shared_ptr<ThreadMailbox> qmlContext = std::make_shared<ThreadMailbox>();
     QStringList story;
     StoryListener listener{&story};
     std::shared_ptr<StoryHandler> root;
@@ -175,6 +221,8 @@ private slots:
     void aLinkLeftBehindIsClosedAndDestroyedOnItsThread();
     void nothingReachesAFaceThatHasGone();
     void theSentCountCrossesOnlyWhenItChanges();
+    void aSectionLetGoWhileItsLinkJudgesAFrameGoesOnTheQmlThread();
+    void faderPositionsCoalesceOnlyWhileTheQmlThreadIsFarBehind();
 };
 
 void TestLinkThreadConnection::theLinkIsMadeOnItsThread()
@@ -226,7 +274,7 @@ void TestLinkThreadConnection::aLinkLeftBehindIsClosedAndDestroyedOnItsThread()
     QTRY_VERIFY_WITH_TIMEOUT(rig.face->state() == ISectionConnection::Connecting, kTimeoutMs);
     rig.face.reset();
     // Only the rig's own share of the line is left once the link has gone.
-    rig.linkContext.runAndWait([&rig]() { rig.line.reset(); });
+    rig.linkContext->runAndWait([&rig]() { rig.line.reset(); });
     QTRY_COMPARE_WITH_TIMEOUT(rig.lineEndedOn->load(), &rig.thread, kTimeoutMs);
 }
 
@@ -240,7 +288,7 @@ void TestLinkThreadConnection::nothingReachesAFaceThatHasGone()
     rig.receive(faderFrame(5));
     QCoreApplication::processEvents();
     QCOMPARE(rig.story, QStringList{QStringLiteral("section 1 state 2")});
-    rig.linkContext.runAndWait([taken = std::move(link)]() mutable { taken.reset(); });
+    rig.linkContext->runAndWait([taken = std::move(link)]() mutable { taken.reset(); });
 }
 
 void TestLinkThreadConnection::theSentCountCrossesOnlyWhenItChanges()
@@ -255,7 +303,7 @@ void TestLinkThreadConnection::theSentCountCrossesOnlyWhenItChanges()
     for (int i = 0; i < 3; ++i) {
         rig.pass(clock);
     }
-    rig.linkContext.runAndWait([]() {});
+    rig.linkContext->runAndWait([]() {});
     QCoreApplication::sendPostedEvents();
     QCOMPARE(rig.listener.sentCounts.size(), std::size_t{1});
     const uint64_t first = rig.listener.sentCounts.front();
@@ -265,6 +313,63 @@ void TestLinkThreadConnection::theSentCountCrossesOnlyWhenItChanges()
     rig.pass(clock);
     QTRY_COMPARE_WITH_TIMEOUT(rig.listener.sentCounts.size(), std::size_t{2}, kTimeoutMs);
     QCOMPARE(rig.listener.sentCounts.back(), first + 1);
+}
+
+// The QML thread lets a section go (a new surface replaces it) while the link's thread is
+// judging a frame for it: the section's handlers, fader QObjects among them, must still go
+// on the QML thread, which the link's thread never gets a share of them to prevent.
+void TestLinkThreadConnection::aSectionLetGoWhileItsLinkJudgesAFrameGoesOnTheQmlThread()
+{
+    auto notes = std::make_shared<JudgeNotingItsEnd::Notes>();
+    auto section = std::make_shared<JudgeNotingItsEnd>(notes);
+    const std::weak_ptr<JudgeNotingItsEnd> watch = section;
+    Rig rig(section);
+    rig.face->open();
+    rig.linkContext->post([&rig]() { rig.line->pushData(faderFrame(5)); });
+    // Either the link's thread is held inside the judgement, or it judged without asking the
+    // section and the frame has reached it here.
+    QTRY_VERIFY_WITH_TIMEOUT(notes->askedOffItsThread.load() || notes->handled.load() == 1,
+                             kTimeoutMs);
+    section.reset();
+    rig.face.reset();
+    notes->goOn.store(true);
+    rig.linkContext->runAndWait([]() {});
+    QTRY_VERIFY_WITH_TIMEOUT(watch.expired(), kTimeoutMs);
+    QCOMPARE(notes->endedOn.load(), QThread::currentThread());
+    QVERIFY(!notes->askedOffItsThread.load());
+}
+
+// A QML thread that keeps up sees every position; one held far behind the link sees the
+// presses in between and the latest position.
+void TestLinkThreadConnection::faderPositionsCoalesceOnlyWhileTheQmlThreadIsFarBehind()
+{
+    Rig rig;
+    rig.face->open();
+    rig.receive(faderFrame(1));
+    QTRY_COMPARE_WITH_TIMEOUT(rig.face->state(), uint8_t{ISectionConnection::Connected},
+                              kTimeoutMs);
+    rig.story.clear();
+    // Nothing is taken here while the link queues 2,000 positions.
+    QByteArray frames;
+    for (uint16_t position = 1000; position < 3000; ++position) {
+        frames += faderFrame(position);
+    }
+    rig.receive(frames);
+    QCoreApplication::sendPostedEvents();
+    // The first kBehind are queued as they come; from then on the last one waiting is
+    // replaced by each newer position.
+    QCOMPARE(rig.story.size(), int(LinkInbox::kBehind));
+    QCOMPARE(rig.story.first(), QStringLiteral("fader 1000"));
+    QCOMPARE(rig.story.at(int(LinkInbox::kBehind) - 2), QStringLiteral("fader 1254"));
+    QCOMPARE(rig.story.last(), QStringLiteral("fader 2999"));
+
+    // Kept up with, every position is told.
+    rig.story.clear();
+    for (uint16_t position = 0; position < 20; ++position) {
+        rig.receive(faderFrame(position));
+        QCoreApplication::sendPostedEvents();
+    }
+    QCOMPARE(rig.story.size(), 20);
 }
 
 QTEST_GUILESS_MAIN(TestLinkThreadConnection)

@@ -6,9 +6,9 @@
 #include <memory>
 
 #include "qml/worksurfacefunctions.h"
+#include "serial/linkruntime.h"
 #include "support/manualclock.h"
 #include "tasks/taskpool.h"
-#include "tasks/threadmailbox.h"
 
 // One tick of every task pool the surface service runs, for tests that drive time by hand:
 // the model's pool here, and the links' pool on the surface thread when the links run there
@@ -20,7 +20,7 @@ inline void runServicePools(WorksurfaceFunctions& service)
         pool->runPendingTasks();
     }
     if (const auto links = service.linkTaskPool()) {
-        service.linkMailbox().runAndWait([links]() { links->runPendingTasks(); });
+        service.linkRuntime().runOnLinkThread([links]() { links->runPendingTasks(); });
     }
 }
 
@@ -32,7 +32,7 @@ inline void runServicePools(WorksurfaceFunctions& service)
 inline void catchUpServiceLinks(WorksurfaceFunctions& service)
 {
     if (service.linkTaskPool()) {
-        service.linkMailbox().runAndWait([]() {});
+        service.linkRuntime().runOnLinkThread([]() {});
     }
 }
 
@@ -51,7 +51,7 @@ inline void settleServiceLinks(WorksurfaceFunctions& service)
     }
     QThread::msleep(2);
     for (int round = 0; round < 2; ++round) {
-        service.linkMailbox().runAndWait([]() {});
+        service.linkRuntime().runOnLinkThread([]() {});
     }
     // Everything the links posted is in this thread's queue by now: delivered directly, as
     // one pass of the event loop need not get to posted events when other sources are

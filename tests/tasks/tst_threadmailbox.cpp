@@ -3,8 +3,11 @@
 // the thread that drained it has finished, as the surface service's and the links' do.
 #include <QThread>
 #include <QtTest>
+#include <atomic>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <thread>
 #include <vector>
 
 #include "tasks/threadmailbox.h"
@@ -19,6 +22,9 @@ private slots:
     void workRunsOnTheMailboxThreadInTheOrderItWasPosted();
     void runAndWaitOnTheMailboxThreadRunsAtOnce();
     void aMailboxGoingAfterItsThreadFinishedIsOrderedAfterItsLastDrain();
+    void severalProducersAtOnceKeepEachOnesOrderAndLoseNothing();
+    void workThatPostsWorkRunsItAfterEverythingPostedBefore();
+    void workStillWaitingWhenTheMailboxGoesIsDroppedWithoutRunning();
 };
 
 void TestThreadMailbox::workRunsOnTheMailboxThreadInTheOrderItWasPosted()
@@ -75,6 +81,95 @@ void TestThreadMailbox::aMailboxGoingAfterItsThreadFinishedIsOrderedAfterItsLast
         std::memset(storage, round, sizeof storage);
     }
     QCOMPARE(ran, kRounds);
+}
+
+// The links' thread, the QML thread and a trace writer may all hand work to one mailbox at
+// once: nothing is lost, and each producer's work runs in the order that producer posted it.
+void TestThreadMailbox::severalProducersAtOnceKeepEachOnesOrderAndLoseNothing()
+{
+    constexpr int kProducers = 4;
+    constexpr int kEach = 2000;
+    QThread thread;
+    ThreadMailbox mailbox;
+    mailbox.moveToThread(&thread);
+    thread.start();
+    // Written only on the mailbox's thread, read here after the last runAndWait.
+    std::vector<std::vector<int>> seen(kProducers);
+    std::atomic<int> ready{0};
+    std::vector<std::thread> producers;
+    for (int p = 0; p < kProducers; ++p) {
+        producers.emplace_back([&, p]() {
+            ready.fetch_add(1);
+            while (ready.load() < kProducers) {
+                std::this_thread::yield();
+            }
+            for (int i = 0; i < kEach; ++i) {
+                mailbox.post([&seen, p, i]() { seen[std::size_t(p)].push_back(i); });
+            }
+        });
+    }
+    for (std::thread& producer : producers) {
+        producer.join();
+    }
+    mailbox.runAndWait([]() {});
+    thread.quit();
+    thread.wait();
+    for (int p = 0; p < kProducers; ++p) {
+        QCOMPARE(seen[std::size_t(p)].size(), std::size_t(kEach));
+        for (int i = 0; i < kEach; ++i) {
+            QCOMPARE(seen[std::size_t(p)][std::size_t(i)], i);
+        }
+    }
+}
+
+void TestThreadMailbox::workThatPostsWorkRunsItAfterEverythingPostedBefore()
+{
+    QThread thread;
+    ThreadMailbox mailbox;
+    mailbox.moveToThread(&thread);
+    thread.start();
+    std::vector<QString> order;
+    mailbox.post([&]() {
+        order.push_back(QStringLiteral("first"));
+        mailbox.post([&]() {
+            order.push_back(QStringLiteral("posted by first"));
+            mailbox.post([&]() { order.push_back(QStringLiteral("posted by that")); });
+        });
+    });
+    mailbox.post([&]() { order.push_back(QStringLiteral("second")); });
+    // Each wait is posted after the work that posted the next piece has run.
+    for (int i = 0; i < 3; ++i) {
+        mailbox.runAndWait([]() {});
+    }
+    thread.quit();
+    thread.wait();
+    QCOMPARE(order, (std::vector<QString>{QStringLiteral("first"), QStringLiteral("second"),
+                                          QStringLiteral("posted by first"),
+                                          QStringLiteral("posted by that")}));
+}
+
+// Work for a thread that will not run it again (it has finished) is let go with the mailbox,
+// on the thread that destroys it, and never runs.
+void TestThreadMailbox::workStillWaitingWhenTheMailboxGoesIsDroppedWithoutRunning()
+{
+    QThread thread;
+    auto mailbox = std::make_unique<ThreadMailbox>();
+    mailbox->moveToThread(&thread);
+    thread.start();
+    mailbox->runAndWait([]() {});
+    thread.quit();
+    thread.wait();
+    std::atomic<int> ran{0};
+    auto held = std::make_shared<int>(7);
+    std::weak_ptr<int> watch = held;
+    for (int i = 0; i < 3; ++i) {
+        mailbox->post([&ran, held]() { ran.fetch_add(*held); });
+    }
+    held.reset();
+    QVERIFY(!watch.expired());
+    mailbox.reset();
+    QVERIFY(watch.expired());
+    QCOMPARE(ran.load(), 0);
 }
 
 QTEST_GUILESS_MAIN(TestThreadMailbox)
