@@ -111,6 +111,14 @@ public:
 
     void sectionUpdateProgress(uint8_t sectionIndex, uint8_t value) override
     {
+        // The updater tells its percentage with every block, 4,096 times for a 256 KiB
+        // image; the section's model only changes when the value does. A value equal to the
+        // one that crossed last, with nothing crossing in between, would change nothing
+        // there, so it does not wake the QML thread.
+        if (m_lastTold == Report::Progress && value == m_progressTold) {
+            return;
+        }
+        m_progressTold = value;
         tell(news(Report::Progress, sectionIndex, value));
     }
 
@@ -157,6 +165,7 @@ private:
     // gone, and nothing crosses once the mailboxes' owner has.
     void tell(Report report)
     {
+        m_lastTold = report.kind;
         if (m_relay.expired() || !m_inbox->add(std::move(report))) {
             return;
         }
@@ -170,6 +179,8 @@ private:
     }
 
     // Links' thread only.
+    Report::Kind m_lastTold = Report::Frame;
+    uint8_t m_progressTold = 0;
     bool m_sentCountPosted = false;
     uint64_t m_postedSentCount = 0;
     // Locked only on the QML thread, by the posted wake: the relay holds the section's root

@@ -21,6 +21,7 @@
 #include "support/manualclock.h"
 #include "tasks/taskpool.h"
 #include "tasks/threadmailbox.h"
+#include "updater/isectionupdaterlistener.h"
 
 using namespace Velmora::Worksurface;
 
@@ -71,11 +72,12 @@ public:
         threads.push_back(QThread::currentThread());
         m_story->append(QStringLiteral("section %1 state %2").arg(sectionIndex).arg(state));
     }
-    void sectionUpdateProgress(uint8_t, uint8_t) override {}
+    void sectionUpdateProgress(uint8_t, uint8_t value) override { progress.push_back(value); }
     void sentMessageCount(uint64_t count) override { sentCounts.push_back(count); }
 
     std::vector<QThread*> threads;
     std::vector<uint64_t> sentCounts;
+    std::vector<int> progress;
 
 private:
     QStringList* m_story;
@@ -223,6 +225,7 @@ private slots:
     void theSentCountCrossesOnlyWhenItChanges();
     void aSectionLetGoWhileItsLinkJudgesAFrameGoesOnTheQmlThread();
     void faderPositionsCoalesceOnlyWhileTheQmlThreadIsFarBehind();
+    void anUnchangedProgressDoesNotCrossUnlessNewsCameBetween();
 };
 
 void TestLinkThreadConnection::theLinkIsMadeOnItsThread()
@@ -370,6 +373,24 @@ void TestLinkThreadConnection::faderPositionsCoalesceOnlyWhileTheQmlThreadIsFarB
         QCoreApplication::sendPostedEvents();
     }
     QCOMPARE(rig.story.size(), 20);
+}
+
+// The updater tells its percentage with every block; the QML thread is woken only for a new
+// one, or for any after other news of the link (which the model may have acted on).
+void TestLinkThreadConnection::anUnchangedProgressDoesNotCrossUnlessNewsCameBetween()
+{
+    Rig rig;
+    rig.linkContext->runAndWait([&rig]() {
+        ISectionUpdaterListener& updaterSide = *rig.face->link();
+        for (int value : {0, 0, 1, 1, 1, 2}) {
+            updaterSide.updateProgress(static_cast<uint8_t>(value));
+        }
+        rig.face->link()->open();
+        updaterSide.updateProgress(2);
+        updaterSide.updateProgress(2);
+    });
+    QTRY_COMPARE_WITH_TIMEOUT(rig.listener.progress, (std::vector<int>{0, 1, 2, 2}), kTimeoutMs);
+    QCOMPARE(rig.story, QStringList{QStringLiteral("section 1 state 2")});
 }
 
 QTEST_GUILESS_MAIN(TestLinkThreadConnection)
