@@ -389,7 +389,8 @@ void TestLinkThreadConnection::anUnchangedProgressDoesNotCrossUnlessNewsCameBetw
         updaterSide.updateProgress(2);
         updaterSide.updateProgress(2);
     });
-    QTRY_COMPARE_WITH_TIMEOUT(rig.listener.progress, (std::vector<int>{0, 1, 2, 2}), kTimeoutMs);
+    QTRY_COMPARE_WITH_TIMEOUT(rig.listener.progress.size(), std::size_t{4}, kTimeoutMs);
+    QCOMPARE(rig.listener.progress, (std::vector<int>{0, 1, 2, 2}));
     QCOMPARE(rig.story, QStringList{QStringLiteral("section 1 state 2")});
 }
 
