@@ -631,8 +631,8 @@ void TestSectionReconnectPty::aConnectThatBuildsNothingStartsTheOldLinksAgainOnT
     QTRY_VERIFY_WITH_TIMEOUT(m_service->taskPool() != modelPool, kTimeout);
     QCOMPARE(surfaceChanged.count(), 0);
     QCOMPARE(m_service->linkTaskPool(), linkPool);
-    QTRY_COMPARE_WITH_TIMEOUT(m_service->section(1)->linkState(),
-                              int(SectionInfoModel::Connected), kTimeout);
+    QTRY_COMPARE_WITH_TIMEOUT(m_service->section(1)->linkState(), int(SectionInfoModel::Connected),
+                              kTimeout);
     const int pingsBefore = m_other->pingCount();
     runFor(5000);
     if (m_service->linksOnSurfaceThread()) {
