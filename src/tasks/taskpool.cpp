@@ -19,6 +19,8 @@ constexpr int64_t kIdleWaitNs = TaskPool::kIdleWaitMs * kNsPerMs;
 // Posted to the pool by a schedule call from another thread: the timer can only be re-armed
 // on its own thread.
 const QEvent::Type kWakeEvent = static_cast<QEvent::Type>(QEvent::registerEventType());
+// Posted by a stop() from another thread: the timer can only be stopped on its own thread.
+const QEvent::Type kStopEvent = static_cast<QEvent::Type>(QEvent::registerEventType());
 
 // While a runner owns time the timer is armed for as long as Qt allows (about 24 days), so
 // that it never fires by itself and everything that asks whether the pool is armed still sees
@@ -110,7 +112,11 @@ std::shared_ptr<TaskPool::TaskData> TaskPool::addTask(uint64_t intervalMs,
     m_tasks.push_back(record);
     // A sleeping pool may be armed for a tick after the one the new record needs. Inside a
     // tick nothing is to do: the tick arms for the whole list when it ends.
-    const bool wake = m_armed && !m_inTick && wakeForRecordNs(*record, m_anchorNs) < m_armedForNs;
+    bool wake = false;
+    if (!m_inTick) {
+        std::lock_guard<std::mutex> state(m_stateMutex);
+        wake = m_armed && wakeForRecordNs(*record, m_anchorNs) < m_armedForNs;
+    }
     lock.unlock();
 
     if (wake) {
@@ -133,6 +139,14 @@ bool TaskPool::event(QEvent* event)
         rearmIfEarlier();
         if (counted) {
             TimeDrive::handOverEnds();
+        }
+        return true;
+    }
+    if (event->type() == kStopEvent) {
+        // Unless start() came first: then the timer is armed for the running pool.
+        std::lock_guard<std::mutex> state(m_stateMutex);
+        if (m_state == State::Stopped) {
+            m_timer.stop();
         }
         return true;
     }
@@ -165,7 +179,14 @@ int64_t TaskPool::nextWakeNs(int64_t anchorNs) const
 void TaskPool::armFrom(int64_t anchorNs)
 {
     m_anchorNs = anchorNs;
-    m_armedForNs = nextWakeNs(anchorNs);
+    const int64_t wakeNs = nextWakeNs(anchorNs);
+    // Checked and armed under the state mutex: a stop() from another thread comes either
+    // before, and the pool stays disarmed, or after, and disarms it.
+    std::lock_guard<std::mutex> state(m_stateMutex);
+    if (m_state == State::Stopped) {
+        return;
+    }
+    m_armedForNs = wakeNs;
     const int64_t waitNs = m_armedForNs - MonotonicClock::nowNs();
     // Rounded up: the timer never fires before the tick it stands for. A clock that has run
     // past the armed tick (a busy thread) fires at once; one that went back (only a test's
@@ -196,34 +217,54 @@ void TaskPool::driveFire()
 void TaskPool::rearmIfEarlier()
 {
     std::lock_guard<Mutex> lock(m_mutex);
-    if (!m_armed || m_inTick || !m_timer.isActive()) {
+    bool armed = false;
+    int64_t armedForNs = 0;
+    {
+        std::lock_guard<std::mutex> state(m_stateMutex);
+        armed = m_armed;
+        armedForNs = m_armedForNs;
+    }
+    if (!armed || m_inTick || !m_timer.isActive()) {
         return;
     }
-    if (nextWakeNs(m_anchorNs) < m_armedForNs) {
+    if (nextWakeNs(m_anchorNs) < armedForNs) {
         armFrom(m_anchorNs);
     }
 }
 
 void TaskPool::start()
 {
-    m_running = true;
-    if (!m_timer.isActive()) {
-        std::lock_guard<Mutex> lock(m_mutex);
+    std::lock_guard<Mutex> lock(m_mutex);
+    bool armed = false;
+    {
+        std::lock_guard<std::mutex> state(m_stateMutex);
+        m_state = State::Running;
+        armed = m_armed;
+    }
+    if (!armed) {
         armFrom(MonotonicClock::nowNs());
     }
 }
 
 void TaskPool::stop()
 {
-    m_running = false;
-    m_timer.stop();
-    std::lock_guard<Mutex> lock(m_mutex);
-    disarm();
+    {
+        std::lock_guard<std::mutex> state(m_stateMutex);
+        m_state = State::Stopped;
+        m_stops.fetch_add(1);
+        disarm();
+    }
+    if (QThread::currentThread() == m_timer.thread()) {
+        m_timer.stop();
+    } else {
+        QCoreApplication::postEvent(this, new QEvent(kStopEvent));
+    }
 }
 
 bool TaskPool::isRunning() const
 {
-    return m_running;
+    std::lock_guard<std::mutex> state(m_stateMutex);
+    return m_state == State::Running;
 }
 
 bool TaskPool::isTimerActive() const
@@ -238,7 +279,7 @@ int TaskPool::timerIntervalMs() const
 
 int64_t TaskPool::armedForNs() const
 {
-    std::lock_guard<Mutex> lock(m_mutex);
+    std::lock_guard<std::mutex> state(m_stateMutex);
     return m_armed ? m_armedForNs : -1;
 }
 
@@ -258,10 +299,18 @@ void TaskPool::runPendingTasks()
     if (m_timer.isActive()) {
         m_timer.stop();
     }
+    uint64_t stops = 0;
+    {
+        std::lock_guard<std::mutex> state(m_stateMutex);
+        disarm();
+        if (m_state == State::Stopped) {
+            return;
+        }
+        stops = m_stops.load();
+    }
     const int64_t now = MonotonicClock::nowNs();
 
     std::unique_lock<Mutex> lock(m_mutex);
-    disarm();
     m_inTick = true;
     // By index, and re-reading the size each time: a task may append a record while it runs
     // (the link restart schedules its new supervision task from within its own pass), which
@@ -272,6 +321,11 @@ void TaskPool::runPendingTasks()
         if (!m_tasks[i]->isDue(now)) {
             ++i;
             continue;
+        }
+        // Stopped by the task that ran last, or from another thread meanwhile: no task starts
+        // after the stop, and those left keep their last runs for the next start().
+        if (m_stops.load() != stops) {
+            break;
         }
         // A copy, not a reference: the record must outlive a run that reallocates the list.
         const std::shared_ptr<TaskData> record = m_tasks[i];
@@ -292,14 +346,9 @@ void TaskPool::runPendingTasks()
         ++i;
     }
     m_inTick = false;
-    // The next tick is measured from the end of this one, as a plain 5 ms timer would be.
+    // The next tick is measured from the end of this one, as a plain 5 ms timer would be;
+    // a pool stopped meanwhile is not armed again.
     armFrom(MonotonicClock::nowNs());
-    lock.unlock();
-
-    if (m_running && !m_timer.isActive()) {
-        std::lock_guard<Mutex> relock(m_mutex);
-        armFrom(MonotonicClock::nowNs());
-    }
 }
 
 }  // namespace Velmora::Worksurface

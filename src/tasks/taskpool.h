@@ -19,8 +19,8 @@ namespace Velmora::Worksurface {
 // Runs all periodic and delayed work of one surface (link supervision and queue draining,
 // fader steps, LED and rotary flashing, pot value requests, the updater's auto-baud step)
 // from one Qt timer on the pool's thread, which is the QML thread unless the links have
-// their own pool on the surface thread (docs/threads.md). Scheduling and cancelling are
-// safe from any thread.
+// their own pool on the surface thread (docs/threads.md). Scheduling, cancelling (through the
+// handle) and stop() are safe from any thread; start() and the tick run on the pool's thread.
 //
 // The schedule keeps a 5 ms tick: each tick stops the timer, runs what is due and re-arms
 // it, so ticks are 5 ms apart measured from the end of the previous tick, and a repeating
@@ -32,6 +32,15 @@ namespace Velmora::Worksurface {
 // others, as with a timer firing every 5 ms, while an idle console sleeps between passes.
 // Tasks are held weakly: a task whose owner has released it is dropped at its next due time
 // without being run.
+//
+// A pool that was never started runs its tick when called (tests drive it by hand). Once
+// stopped, it runs nothing until start(): a tick that still comes (a timer event on its
+// way, a runner's fire) finds it stopped and neither runs a task nor arms the timer. A stop
+// that comes during a tick, from one of its tasks or from another thread, lets the task
+// under way finish and ends the walk there: the tasks it had not reached yet do not run,
+// because a stopped surface must not step its faders or flash its lights any more, and
+// they keep their last-run times, so that start() runs them at its first tick. stop() from
+// another thread does not wait for the tick to end.
 //
 // While a test runner owns time (TimeDrive), the timer is armed but never fires by itself:
 // the runner runs the armed tick when its clock gets there.
@@ -85,13 +94,17 @@ public:
     std::shared_ptr<ITaskHandle> schedulePeriodic(uint64_t intervalMs,
                                                   const std::shared_ptr<ITask>& task) override;
 
-    // Called when the surface thread starts: arms the tick timer unless it already runs.
-    // The first tick is 5 ms away, or later when nothing is due by then.
+    // Called when the surface thread starts, on the pool's thread: arms the tick timer
+    // unless it is armed already. The first tick is 5 ms away, or later when nothing is due
+    // by then.
     void start();
-    // Called when the surface thread finishes: disarms the timer. The records stay; the
-    // next start() resumes them with their old last-run times.
+    // Called when the surface thread finishes, from any thread: disarms the pool at once (on
+    // another thread the Qt timer itself is stopped by an event on the pool's thread; a tick
+    // it fires meanwhile runs nothing). The records stay; the next start() resumes them with
+    // their old last-run times.
     void stop();
 
+    // Started and not stopped since.
     bool isRunning() const;
     // Whether the pool is armed: its timer waits for the next tick that has work.
     bool isTimerActive() const;
@@ -115,33 +128,45 @@ protected:
 private:
     std::shared_ptr<TaskData> addTask(uint64_t intervalMs, const std::shared_ptr<ITask>& task,
                                       bool singleShot);
+    enum class State
+    {
+        NotStarted,
+        Running,
+        Stopped
+    };
+
     // The clock time of the first tick after `anchorNs` (on its 5 ms grid) at which the
     // record comes due, at most kIdleWaitMs away.
     static int64_t wakeForRecordNs(const TaskData& record, int64_t anchorNs);
     // The same for the earliest of all records. Under the mutex.
     int64_t nextWakeNs(int64_t anchorNs) const;
-    // Arms the timer for the first tick after `anchorNs` that has work. On the pool's thread,
-    // under the mutex.
+    // Arms the timer for the first tick after `anchorNs` that has work, unless the pool is
+    // stopped. On the pool's thread, under the mutex.
     void armFrom(int64_t anchorNs);
     // A schedule call's wake: re-arms for an earlier tick when the new record needs one and
     // the pool is armed and not inside its own tick. On the pool's thread.
     void rearmIfEarlier();
-    // Disarmed: the timer is stopped, or a tick has begun. Under the mutex.
+    // Disarmed: the pool is stopped, or a tick has begun. Under the state mutex.
     void disarm();
 
     int64_t driveDueNs() const override;
     void driveFire() override;
 
     QTimer m_timer;
-    bool m_running = false;
     uint64_t m_nextId = 0;
-    // Where the 5 ms grid is anchored: the end of the last tick, or the last start(). The
-    // clock time the timer is armed for, and whether a tick is walking the list; all three
-    // under the mutex, the last two read by schedule calls from any thread.
+    // Where the 5 ms grid is anchored: the end of the last tick, or the last start(); and
+    // whether a tick is walking the list. Under the mutex.
     int64_t m_anchorNs = 0;
-    int64_t m_armedForNs = 0;
-    bool m_armed = false;
     bool m_inTick = false;
+    // Whether the pool runs, whether it is armed and for which clock time. Under the state
+    // mutex, a leaf taken after the mutex or alone: stop() from another thread takes only
+    // this one, so it neither waits for a tick nor races the tick's re-arming.
+    mutable std::mutex m_stateMutex;
+    State m_state = State::NotStarted;
+    bool m_armed = false;
+    int64_t m_armedForNs = 0;
+    // Counts stop() calls: a tick that sees it change stops walking.
+    std::atomic<uint64_t> m_stops{0};
     // Set while a wake posted from another thread is on its way, so a burst of schedule
     // calls posts one.
     std::atomic<bool> m_wakePosted{false};

@@ -1,14 +1,20 @@
 #include <QtTest/QtTest>
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <thread>
 #include <vector>
 
+#include "support/drivenclock.h"
 #include "support/manualclock.h"
+#include "tasks/monotonicclock.h"
 #include "tasks/taskpool.h"
+#include "tasks/timedrive.h"
 
 using namespace Velmora::Worksurface;
 
@@ -112,8 +118,15 @@ private slots:
     void stopClearsRunningAndDisarmsTheTimer();
     void tickRearmsTheTimerWithFiveMilliseconds_data();
     void tickRearmsTheTimerWithFiveMilliseconds();
+    void tickOnAStoppedPoolLeavesItDisarmed();
     void stopKeepsRecordsAndStartResumesWithOldLastRunTimes();
     void destroyingThePoolReleasesRecordsWithoutRunningThem();
+
+    // Stopping during a tick
+    void taskStoppingItsPoolFinishesItsRunAndEndsTheTick();
+    void drivenPoolStoppedByItsOwnTaskIsNotTickedAgain();
+    void stopFromAnotherThreadDuringATickEndsTheTickWithoutWaitingForIt();
+    void startAfterAStopInATickRunsWhatTheTickLeftOutAtTheFirstTick();
 
     // Sleeping between ticks that have work
     void startArmsForTheFirstTickAtWhichATaskIsDue();
@@ -653,33 +666,39 @@ void TestTaskPool::stopClearsRunningAndDisarmsTheTimer()
 void TestTaskPool::tickRearmsTheTimerWithFiveMilliseconds_data()
 {
     QTest::addColumn<bool>("startFirst");
-    QTest::addColumn<bool>("stopFirst");
     QTest::addColumn<bool>("running");
-    QTest::newRow("running") << true << false << true;
-    QTest::newRow("never started") << false << false << false;
-    // A tick that comes after stop() still re-arms the timer; only the next stop()
-    // disarms it again.
-    QTest::newRow("stopped") << true << true << false;
+    QTest::newRow("running") << true << true;
+    // A pool that was never started is driven by hand: its tick arms the timer as well.
+    QTest::newRow("never started") << false << false;
 }
 
 void TestTaskPool::tickRearmsTheTimerWithFiveMilliseconds()
 {
     QFETCH(bool, startFirst);
-    QFETCH(bool, stopFirst);
     QFETCH(bool, running);
     ManualClock clock;
     TaskPool pool;
     if (startFirst) {
         pool.start();
     }
-    if (stopFirst) {
-        pool.stop();
-    }
 
     pool.runPendingTasks();
     QCOMPARE(pool.isRunning(), running);
     QCOMPARE(pool.isTimerActive(), true);
     QCOMPARE(pool.timerIntervalMs(), 5);
+}
+
+void TestTaskPool::tickOnAStoppedPoolLeavesItDisarmed()
+{
+    ManualClock clock;
+    TaskPool pool;
+    pool.start();
+    pool.stop();
+
+    pool.runPendingTasks();
+    QCOMPARE(pool.isRunning(), false);
+    QCOMPARE(pool.isTimerActive(), false);
+    QCOMPARE(pool.armedForNs(), int64_t(-1));
 }
 
 void TestTaskPool::stopKeepsRecordsAndStartResumesWithOldLastRunTimes()
@@ -721,6 +740,178 @@ void TestTaskPool::destroyingThePoolReleasesRecordsWithoutRunningThem()
     QCOMPARE(task.use_count(), 1L);
     // The handle stays usable on its own.
     QCOMPARE(handle->cancel(), false);
+}
+
+void TestTaskPool::taskStoppingItsPoolFinishesItsRunAndEndsTheTick()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    auto before = std::make_shared<RecordingTask>();
+    bool stopperFinished = false;
+    auto stopper = std::make_shared<RecordingTask>([&] {
+        pool.stop();
+        stopperFinished = true;
+    });
+    auto after = std::make_shared<RecordingTask>();
+    auto beforeHandle = pool.schedulePeriodic(50, before);
+    auto stopperHandle = pool.schedulePeriodic(50, stopper);
+    auto afterHandle = pool.schedulePeriodic(50, after);
+    pool.start();
+    clock.setNs(pool.armedForNs());
+    pool.runPendingTasks();
+
+    // The task that stopped the pool finishes its run; the rest of the walk does not run: a
+    // stopped surface steps no fader and flashes no light any more.
+    QCOMPARE(before->runs, 1);
+    QCOMPARE(stopper->runs, 1);
+    QVERIFY(stopperFinished);
+    QCOMPARE(after->runs, 0);
+    // Nor does the end of the tick arm the pool again.
+    QCOMPARE(pool.isRunning(), false);
+    QCOMPARE(pool.isTimerActive(), false);
+    QCOMPARE(pool.armedForNs(), int64_t(-1));
+    QCOMPARE(pool.armedWaitMs(), -1);
+
+    // A tick that still comes (a timer event already on its way) runs and arms nothing.
+    for (int i = 0; i < 40; ++i) {
+        clock.advanceMs(TaskPool::kTickMs);
+        pool.runPendingTasks();
+    }
+    QCOMPARE(before->runs, 1);
+    QCOMPARE(stopper->runs, 1);
+    QCOMPARE(after->runs, 0);
+    QCOMPARE(pool.isTimerActive(), false);
+    QCOMPARE(pool.armedForNs(), int64_t(-1));
+    QCOMPARE(pool.taskCount(), std::size_t(3));
+}
+
+void TestTaskPool::drivenPoolStoppedByItsOwnTaskIsNotTickedAgain()
+{
+    const TarvixTimeDrive* const drive = tarvixWorksurfaceTimeDrive();
+    DrivenClock clock(drive);
+    TaskPool pool;
+    bool stopOnThirdRun = true;
+    int stopperRuns = 0;
+    auto stopper = std::make_shared<RecordingTask>([&] {
+        if (++stopperRuns == 3 && stopOnThirdRun) {
+            pool.stop();
+        }
+    });
+    auto other = std::make_shared<RecordingTask>();
+    auto stopperHandle = pool.schedulePeriodic(50, stopper);
+    auto otherHandle = pool.schedulePeriodic(50, other);
+    pool.start();
+
+    clock.advance(1000);
+    QCOMPARE(stopper->runs, 3);
+    QCOMPARE(other->runs, 2);
+    QCOMPARE(pool.armedForNs(), int64_t(-1));
+    // Nothing of the pool is left for the runner to fire.
+    QCOMPARE(drive->nextDueNs(), qint64(-1));
+
+    // Started again, it runs both at its first tick, 5 ms on, and every period from there.
+    stopOnThirdRun = false;
+    pool.start();
+    clock.advance(60);
+    QCOMPARE(stopper->runs, 5);
+    QCOMPARE(other->runs, 4);
+    pool.stop();
+}
+
+void TestTaskPool::stopFromAnotherThreadDuringATickEndsTheTickWithoutWaitingForIt()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool inTick = false;
+    bool stopReturned = false;
+    bool stopReturnedDuringTheRun = false;
+    // Bounded waits, so that a stop() that waited for the tick fails the test instead of
+    // hanging it.
+    constexpr auto kBound = std::chrono::seconds(10);
+    auto waiter = std::make_shared<RecordingTask>([&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        inTick = true;
+        changed.notify_all();
+        stopReturnedDuringTheRun = changed.wait_for(lock, kBound, [&] { return stopReturned; });
+    });
+    auto after = std::make_shared<RecordingTask>();
+    auto waiterHandle = pool.schedulePeriodic(50, waiter);
+    auto afterHandle = pool.schedulePeriodic(50, after);
+    pool.start();
+
+    // The other thread stops the pool while this one is inside the waiter's run.
+    std::thread other([&] {
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            changed.wait_for(lock, kBound, [&] { return inTick; });
+        }
+        pool.stop();
+        std::lock_guard<std::mutex> lock(mutex);
+        stopReturned = true;
+        changed.notify_all();
+    });
+    clock.setNs(pool.armedForNs());
+    pool.runPendingTasks();
+    other.join();
+
+    QVERIFY(stopReturnedDuringTheRun);
+    QCOMPARE(waiter->runs, 1);
+    QCOMPARE(after->runs, 0);
+    QCOMPARE(pool.isRunning(), false);
+    QCOMPARE(pool.armedForNs(), int64_t(-1));
+    // The timer is only touched on its own thread, where the stop reaches it as an event.
+    QCoreApplication::sendPostedEvents(&pool);
+    QCOMPARE(pool.isTimerActive(), false);
+
+    for (int i = 0; i < 40; ++i) {
+        clock.advanceMs(TaskPool::kTickMs);
+        pool.runPendingTasks();
+    }
+    QCOMPARE(waiter->runs, 1);
+    QCOMPARE(after->runs, 0);
+    QCOMPARE(pool.isTimerActive(), false);
+}
+
+void TestTaskPool::startAfterAStopInATickRunsWhatTheTickLeftOutAtTheFirstTick()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    bool stopNow = true;
+    auto stopper = std::make_shared<RecordingTask>([&] {
+        if (stopNow) {
+            pool.stop();
+        }
+    });
+    auto after = std::make_shared<RecordingTask>();
+    auto stopperHandle = pool.schedulePeriodic(50, stopper);
+    auto afterHandle = pool.schedulePeriodic(50, after);
+    pool.start();
+    clock.setNs(55 * kMs);
+    pool.runPendingTasks();
+    QCOMPARE(stopper->runs, 1);
+    QCOMPARE(after->runs, 0);
+
+    // The surface thread starts again a second later.
+    stopNow = false;
+    clock.setNs(1055 * kMs);
+    pool.start();
+    QCOMPARE(pool.isRunning(), true);
+    QCOMPARE(pool.isTimerActive(), true);
+    // Both are overdue: the first tick, 5 ms after start(), runs them.
+    QCOMPARE(pool.armedForNs(), 1060 * kMs);
+    QCOMPARE(pool.armedWaitMs(), TaskPool::kTickMs);
+    clock.setNs(1060 * kMs);
+    pool.runPendingTasks();
+    QCOMPARE(stopper->runs, 2);
+    QCOMPARE(after->runs, 1);
+    // And every 55 ms on the 5 ms grid from there, both in the same tick.
+    QCOMPARE(pool.armedForNs(), 1115 * kMs);
+    clock.setNs(1115 * kMs);
+    pool.runPendingTasks();
+    QCOMPARE(stopper->runs, 3);
+    QCOMPARE(after->runs, 2);
 }
 
 void TestTaskPool::startArmsForTheFirstTickAtWhichATaskIsDue()
