@@ -27,6 +27,9 @@ const QEvent::Type kStopEvent = static_cast<QEvent::Type>(QEvent::registerEventT
 // it armed.
 constexpr int kDrivenWaitMs = std::numeric_limits<int>::max();
 
+// The longest interval whose nanoseconds fit the clock's type; a longer one never comes due.
+constexpr int64_t kMaxIntervalMs = std::numeric_limits<int64_t>::max() / kNsPerMs;
+
 // Intervals arrive as unsigned milliseconds; the record keeps signed ones. Anything beyond
 // the signed range is as good as "never" for a console that runs for days, not centuries.
 int64_t toStoredInterval(uint64_t intervalMs)
@@ -60,8 +63,7 @@ bool TaskPool::TaskData::isDue(int64_t nowNs) const
 {
     // An interval too long to express in nanoseconds can never elapse; saturating here keeps
     // the multiplication from overflowing.
-    constexpr int64_t maxMs = std::numeric_limits<int64_t>::max() / kNsPerMs;
-    if (m_intervalMs > maxMs) {
+    if (m_intervalMs > kMaxIntervalMs) {
         return false;
     }
     // Due only once strictly more than the interval has passed: a 100 ms task scheduled at
@@ -153,25 +155,100 @@ bool TaskPool::event(QEvent* event)
     return QObject::event(event);
 }
 
-int64_t TaskPool::wakeForRecordNs(const TaskData& record, int64_t anchorNs)
+int64_t TaskPool::wakeForNs(int64_t intervalMs, int64_t lastRunNs, int64_t anchorNs)
 {
     const int64_t limitNs = anchorNs + kIdleWaitNs;
-    // Cancelled and orphaned records count too: they are dropped at their due time.
-    const int64_t sinceLastRunNs = limitNs - record.m_lastRunNs;
-    if (record.m_intervalMs >= sinceLastRunNs / kNsPerMs + 1) {
+    const int64_t sinceLastRunNs = limitNs - lastRunNs;
+    if (intervalMs >= sinceLastRunNs / kNsPerMs + 1) {
         return limitNs;  // not due before the idle wake, which is armed anyway
     }
     // Due at the first tick t = anchor + k * 5 ms, k >= 1, with t - last run > interval.
-    const int64_t spanNs = record.m_intervalMs * kNsPerMs - (anchorNs - record.m_lastRunNs);
+    const int64_t spanNs = intervalMs * kNsPerMs - (anchorNs - lastRunNs);
     const int64_t ticks = spanNs < 0 ? 1 : spanNs / kTickNs + 1;
     return std::min(limitNs, anchorNs + ticks * kTickNs);
 }
 
+int64_t TaskPool::wakeForRecordNs(const TaskData& record, int64_t anchorNs)
+{
+    // Cancelled and orphaned records count too: they are dropped at their due time.
+    return wakeForNs(record.m_intervalMs, record.m_lastRunNs, anchorNs);
+}
+
+bool TaskPool::keepsPhase(const TaskData& record)
+{
+    // A record whose owner has gone still counts until it is dropped at its due time: it is
+    // not worth a look at the task's control block for every record on every tick.
+    return !record.m_singleShot && record.m_intervalMs > 0 &&
+           record.m_intervalMs <= kMaxIntervalMs && !record.m_cancelled.load();
+}
+
+void TaskPool::markPhases(int64_t nowNs)
+{
+    m_tickMarks.clear();
+    for (const auto& record : m_tasks) {
+        if (!keepsPhase(*record) || record->isDue(nowNs)) {
+            continue;
+        }
+        const auto mark =
+            std::find_if(m_tickMarks.begin(), m_tickMarks.end(),
+                         [&](const PhaseMark& m) { return m.intervalMs == record->m_intervalMs; });
+        if (mark == m_tickMarks.end()) {
+            m_tickMarks.push_back(PhaseMark{record->m_intervalMs, record->m_lastRunNs});
+        } else {
+            mark->lastRunNs = std::min(mark->lastRunNs, record->m_lastRunNs);
+        }
+    }
+}
+
+bool TaskPool::waitsForItsPhase(const TaskData& record) const
+{
+    if (m_tickMarks.empty() || !keepsPhase(record)) {
+        return false;
+    }
+    const auto mark = std::find_if(m_tickMarks.begin(), m_tickMarks.end(), [&](const PhaseMark& m) {
+        return m.intervalMs == record.m_intervalMs;
+    });
+    // The marked record is not due and this one is, so it last ran later than this one.
+    return mark != m_tickMarks.end() &&
+           mark->lastRunNs - record.m_lastRunNs <= record.m_intervalMs * kNsPerMs / 2;
+}
+
 int64_t TaskPool::nextWakeNs(int64_t anchorNs) const
 {
+    // The latest last run of each interval: a record at most half an interval behind it waits
+    // for it (those between them are due by then as well), so its tick is that one's.
+    m_wakeMarks.clear();
+    for (const auto& record : m_tasks) {
+        if (!keepsPhase(*record)) {
+            continue;
+        }
+        const auto mark =
+            std::find_if(m_wakeMarks.begin(), m_wakeMarks.end(),
+                         [&](const PhaseMark& m) { return m.intervalMs == record->m_intervalMs; });
+        if (mark == m_wakeMarks.end()) {
+            m_wakeMarks.push_back(PhaseMark{record->m_intervalMs, record->m_lastRunNs});
+        } else {
+            mark->lastRunNs = std::max(mark->lastRunNs, record->m_lastRunNs);
+        }
+    }
     int64_t wakeNs = anchorNs + kIdleWaitNs;
     for (const auto& record : m_tasks) {
-        wakeNs = std::min(wakeNs, wakeForRecordNs(*record, anchorNs));
+        int64_t lastRunNs = record->m_lastRunNs;
+        if (!m_wakeMarks.empty() && keepsPhase(*record)) {
+            const auto mark = std::find_if(
+                m_wakeMarks.begin(), m_wakeMarks.end(),
+                [&](const PhaseMark& m) { return m.intervalMs == record->m_intervalMs; });
+            // Always found: cancelling is for good, so a record that keeps the phase now kept
+            // it in the pass above.
+            const int64_t behindNs = mark == m_wakeMarks.end() ? 0 : mark->lastRunNs - lastRunNs;
+            if (behindNs > 0 && behindNs <= record->m_intervalMs * kNsPerMs / 2) {
+                lastRunNs = mark->lastRunNs;
+            }
+        }
+        // A record that waits for one nearer than the latest (which lies more than half an
+        // interval on) keeps its own due tick here: the pool then wakes earlier than the
+        // record runs, never later.
+        wakeNs = std::min(wakeNs, wakeForNs(record->m_intervalMs, lastRunNs, anchorNs));
     }
     return wakeNs;
 }
@@ -312,10 +389,12 @@ void TaskPool::runPendingTasks()
 
     std::unique_lock<Mutex> lock(m_mutex);
     m_inTick = true;
+    markPhases(now);
     // By index, and re-reading the size each time: a task may append a record while it runs
     // (the link restart schedules its new supervision task from within its own pass), which
     // can reallocate the list. The new record's last run is its scheduling time, not before
-    // `now`, so it is never due in the walk that created it.
+    // `now`, so it is never due in the walk that created it; nor is it one that a due record
+    // waits for, since the marks are taken before the walk.
     for (std::size_t i = 0; i < m_tasks.size();) {
         // Most records are not due on most ticks; they are checked in place.
         if (!m_tasks[i]->isDue(now)) {
@@ -335,6 +414,10 @@ void TaskPool::runPendingTasks()
         const std::shared_ptr<ITask> task = record->m_task.lock();
         if (!task || record->m_cancelled.load()) {
             m_tasks.erase(m_tasks.begin() + static_cast<std::ptrdiff_t>(i));
+            continue;
+        }
+        if (waitsForItsPhase(*record)) {
+            ++i;
             continue;
         }
         task->run();

@@ -33,6 +33,17 @@ namespace Velmora::Worksurface {
 // Tasks are held weakly: a task whose owner has released it is dropped at its next due time
 // without being run.
 //
+// Repeating tasks of the same interval keep one phase, so that they share a tick. A
+// repeating task that comes due waits while another repeating task of its interval, one
+// that last ran (or was scheduled) after it by at most half the interval, is not due yet,
+// and then runs in that task's tick. The 50 ms tasks of a surface (31 fader steps, the three
+// links' passes), scheduled over several cells of the grid by a slow start-up or pulled
+// apart by a run that took long, so come together in one tick a period again instead of
+// keeping two or three ticks for good. A task still never runs before its interval has
+// passed since its last run; waiting for the others makes one run at most half an interval
+// late (to the grid), and only while the phases differ. Tasks that share a tick already,
+// one-offs and tasks of different intervals keep their own times.
+//
 // A pool that was never started runs its tick when called (tests drive it by hand). Once
 // stopped, it runs nothing until start(): a tick that still comes (a timer event on its
 // way, a runner's fire) finds it stopped and neither runs a task nor arms the timer. A stop
@@ -135,10 +146,30 @@ private:
         Stopped
     };
 
-    // The clock time of the first tick after `anchorNs` (on its 5 ms grid) at which the
-    // record comes due, at most kIdleWaitMs away.
+    // The earliest (in a tick) or latest (for the next wake) last run among the records of
+    // one interval that keep the phase.
+    struct PhaseMark
+    {
+        int64_t intervalMs;
+        int64_t lastRunNs;
+    };
+
+    // The clock time of the first tick after `anchorNs` (on its 5 ms grid) at which a
+    // record with this interval and last run comes due, at most kIdleWaitMs away.
+    static int64_t wakeForNs(int64_t intervalMs, int64_t lastRunNs, int64_t anchorNs);
     static int64_t wakeForRecordNs(const TaskData& record, int64_t anchorNs);
-    // The same for the earliest of all records. Under the mutex.
+    // Whether the record keeps its interval's phase: repeating, not cancelled, and with an
+    // interval the clock can reach.
+    static bool keepsPhase(const TaskData& record);
+    // Notes, per interval, the earliest last run among the records that keep the phase and
+    // are not due at `nowNs`: those a due record of the interval may wait for. Under the
+    // mutex, at the start of a tick.
+    void markPhases(int64_t nowNs);
+    // Whether the due `record` waits for a record of its interval noted by markPhases().
+    bool waitsForItsPhase(const TaskData& record) const;
+    // The clock time of the first tick after `anchorNs` that has work: the earliest due tick
+    // of a record, taking for a record that will wait for the latest of its interval that
+    // one's. Under the mutex.
     int64_t nextWakeNs(int64_t anchorNs) const;
     // Arms the timer for the first tick after `anchorNs` that has work, unless the pool is
     // stopped. On the pool's thread, under the mutex.
@@ -158,6 +189,10 @@ private:
     // whether a tick is walking the list. Under the mutex.
     int64_t m_anchorNs = 0;
     bool m_inTick = false;
+    // Scratch lists of markPhases() and nextWakeNs(), kept to spare an allocation a tick.
+    // Under the mutex.
+    std::vector<PhaseMark> m_tickMarks;
+    mutable std::vector<PhaseMark> m_wakeMarks;
     // Whether the pool runs, whether it is armed and for which clock time. Under the state
     // mutex, a leaf taken after the mutex or alone: stop() from another thread takes only
     // this one, so it neither waits for a tick nor races the tick's re-arming.

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -138,6 +139,14 @@ private slots:
     void schedulingInsideARunIsArmedForByTheEndOfTheTick();
     void schedulingFromAnotherThreadWakesThePoolThroughItsEventLoop();
     void sleepingRunsEveryTaskAtTheSameTickAndInTheSameOrderAsTheFiveMsTick();
+
+    // One phase per interval
+    void fiftyMsTasksScheduledOverTwentyMsComeToShareOneTick_data();
+    void fiftyMsTasksScheduledOverTwentyMsComeToShareOneTick();
+    void tasksSplitByALongRunShareOneTickAgainFromTheNextPeriod();
+    void taskWaitsForItsIntervalsOthersAtMostHalfAnIntervalAndNeverRunsEarly_data();
+    void taskWaitsForItsIntervalsOthersAtMostHalfAnIntervalAndNeverRunsEarly();
+    void tasksOfDifferentIntervalsKeepTheirOwnTicks();
 
     // Threads
     void schedulingFromSeveralThreadsGivesEveryTaskItsOwnConsecutiveId();
@@ -1144,6 +1153,228 @@ void TestTaskPool::sleepingRunsEveryTaskAtTheSameTickAndInTheSameOrderAsTheFiveM
     // link passes share ticks. Far fewer wakes than one per 5 ms.
     QVERIFY2(sleepingTicks * 2 < plainTicks,
              qPrintable(QStringLiteral("%1 of %2").arg(sleepingTicks).arg(plainTicks)));
+}
+
+namespace {
+
+// Runs `pool` by hand until the manual clock has moved on by `ms`, each tick at the clock
+// time the pool is armed for, as its timer would. Returns how many tasks each tick ran, by
+// the tick's time; `runs` counts every run of the tasks watched.
+std::map<int64_t, int> runArmedTicks(TaskPool& pool, ManualClock& clock, const int& runs,
+                                     int64_t ms)
+{
+    std::map<int64_t, int> ranAt;
+    const int64_t untilNs = clock.nowNs() + ms * kMs;
+    while (pool.armedForNs() >= 0 && pool.armedForNs() < untilNs) {
+        clock.setNs(pool.armedForNs());
+        const int64_t tickNs = clock.nowNs();
+        const int before = runs;
+        pool.runPendingTasks();
+        if (runs > before) {
+            ranAt[tickNs] = runs - before;
+        }
+    }
+    return ranAt;
+}
+
+// The ms of each tick in `ranAt` that ran something, from `originNs`.
+QList<qint64> tickMs(const std::map<int64_t, int>& ranAt, int64_t originNs = 0)
+{
+    QList<qint64> ms;
+    for (const auto& tick : ranAt) {
+        ms << (tick.first - originNs) / kMs;
+    }
+    return ms;
+}
+
+}  // namespace
+
+void TestTaskPool::fiftyMsTasksScheduledOverTwentyMsComeToShareOneTick_data()
+{
+    QTest::addColumn<bool>("driven");
+    QTest::newRow("ticks by hand") << false;
+    QTest::newRow("driven clock") << true;
+}
+
+void TestTaskPool::fiftyMsTasksScheduledOverTwentyMsComeToShareOneTick()
+{
+    // A slow start-up: the 31 fader steps and three link passes of a K60 surface scheduled
+    // over 20 ms, across five cells of the 5 ms grid.
+    QFETCH(bool, driven);
+    constexpr int kTasks = 34;
+    std::unique_ptr<ManualClock> manual;
+    std::unique_ptr<DrivenClock> drivenClock;
+    if (driven) {
+        drivenClock = std::make_unique<DrivenClock>(tarvixWorksurfaceTimeDrive());
+    } else {
+        manual = std::make_unique<ManualClock>(0);
+    }
+    const int64_t startNs = MonotonicClock::nowNs();
+    TaskPool pool;
+    std::vector<int64_t> runTimes;
+    int runs = 0;
+    std::vector<std::shared_ptr<RecordingTask>> tasks;
+    std::vector<std::shared_ptr<ITaskHandle>> handles;
+    for (int i = 0; i < kTasks; ++i) {
+        const int64_t atNs = startNs + i * 20 * kMs / (kTasks - 1);
+        if (driven) {
+            drivenClock->advance(static_cast<double>(atNs - MonotonicClock::nowNs()) / kMs);
+        } else {
+            manual->setNs(atNs);
+        }
+        tasks.push_back(std::make_shared<RecordingTask>([&runTimes, &runs] {
+            runTimes.push_back(MonotonicClock::nowNs());
+            ++runs;
+        }));
+        handles.push_back(pool.schedulePeriodic(50, tasks.back()));
+    }
+    pool.start();
+    if (driven) {
+        drivenClock->advance(2000);
+    } else {
+        runArmedTicks(pool, *manual, runs, 2000);
+    }
+    pool.stop();
+
+    // The ticks of the last second; runs less than a millisecond apart share a tick.
+    std::vector<std::pair<int64_t, int>> ticks;
+    for (const int64_t t : runTimes) {
+        if (t < startNs + 1000 * kMs) {
+            continue;
+        }
+        if (ticks.empty() || t - ticks.back().first >= kMs) {
+            ticks.emplace_back(t, 0);
+        }
+        ++ticks.back().second;
+    }
+    // One tick a period, and every task in it.
+    QVERIFY2(ticks.size() >= 17, qPrintable(QString::number(ticks.size())));
+    for (std::size_t i = 0; i < ticks.size(); ++i) {
+        QVERIFY2(ticks[i].second == kTasks,
+                 qPrintable(QStringLiteral("%1 runs in the tick at %2 ms")
+                                .arg(ticks[i].second)
+                                .arg(double(ticks[i].first - startNs) / kMs)));
+        if (i > 0) {
+            QVERIFY(ticks[i].first - ticks[i - 1].first > 50 * kMs);
+        }
+    }
+}
+
+void TestTaskPool::tasksSplitByALongRunShareOneTickAgainFromTheNextPeriod()
+{
+    // Ten 50 ms tasks share a tick until one run takes 12 ms (the thread was preempted): the
+    // tasks after it end 12 ms later than those before it.
+    ManualClock clock(0);
+    TaskPool pool;
+    int runs = 0;
+    std::vector<std::shared_ptr<RecordingTask>> tasks;
+    std::vector<std::shared_ptr<ITaskHandle>> handles;
+    for (int i = 0; i < 10; ++i) {
+        tasks.push_back(std::make_shared<RecordingTask>([&runs, &clock, i] {
+            if (++runs == 2 * 10 + 5 && i == 4) {
+                clock.advanceMs(12);
+            }
+        }));
+        handles.push_back(pool.schedulePeriodic(50, tasks.back()));
+    }
+    pool.start();
+    const std::map<int64_t, int> ranAt = runArmedTicks(pool, clock, runs, 500);
+
+    // 55, 110, then 165 (the long tick, ending at 177); the tasks that ended at 165 wait for
+    // those that ended at 177 and all run at 232, and on together from there.
+    QCOMPARE(tickMs(ranAt), QList<qint64>({55, 110, 165, 232, 287, 342, 397, 452}));
+    for (const auto& tick : ranAt) {
+        QCOMPARE(tick.second, 10);
+    }
+}
+
+void TestTaskPool::taskWaitsForItsIntervalsOthersAtMostHalfAnIntervalAndNeverRunsEarly_data()
+{
+    QTest::addColumn<int>("laterMs");
+    QTest::addColumn<QList<qint64>>("firstRuns");
+    QTest::addColumn<QList<qint64>>("laterRuns");
+    // Scheduled together: both run 55 ms on, and every 55 ms.
+    QTest::newRow("same time") << 0 << QList<qint64>({55, 110, 165})
+                               << QList<qint64>({55, 110, 165});
+    // The first waits for the second, 20 ms behind it, and runs with it from the first run.
+    QTest::newRow("20 ms behind") << 20 << QList<qint64>({75, 130, 185})
+                                  << QList<qint64>({75, 130, 185});
+    // Exactly half an interval behind: still one phase.
+    QTest::newRow("25 ms behind") << 25 << QList<qint64>({80, 135, 190})
+                                  << QList<qint64>({80, 135, 190});
+    // More than half an interval behind: the first runs on its own time; once it has run, the
+    // second is the one behind, by less than half an interval, and waits for it.
+    QTest::newRow("30 ms behind") << 30 << QList<qint64>({55, 110, 165})
+                                  << QList<qint64>({110, 165});
+    // The longest wait: 26 ms behind, the second runs at 80; the first, whose next run was
+    // due at 110, waits for the second's at 135: half an interval late, to the grid.
+    QTest::newRow("26 ms behind") << 26 << QList<qint64>({55, 135, 190})
+                                  << QList<qint64>({80, 135, 190});
+}
+
+void TestTaskPool::taskWaitsForItsIntervalsOthersAtMostHalfAnIntervalAndNeverRunsEarly()
+{
+    QFETCH(int, laterMs);
+    QFETCH(QList<qint64>, firstRuns);
+    QFETCH(QList<qint64>, laterRuns);
+    ManualClock clock(0);
+    TaskPool pool;
+    int runs = 0;
+    QList<qint64> firstAt;
+    QList<qint64> laterAt;
+    auto first = std::make_shared<RecordingTask>([&] {
+        ++runs;
+        firstAt << clock.nowNs() / kMs;
+    });
+    auto later = std::make_shared<RecordingTask>([&] {
+        ++runs;
+        laterAt << clock.nowNs() / kMs;
+    });
+    auto firstHandle = pool.schedulePeriodic(50, first);
+    pool.start();
+    clock.setNs(laterMs * kMs);
+    auto laterHandle = pool.schedulePeriodic(50, later);
+    runArmedTicks(pool, clock, runs, 200 - laterMs);
+
+    QCOMPARE(firstAt, firstRuns);
+    QCOMPARE(laterAt, laterRuns);
+}
+
+void TestTaskPool::tasksOfDifferentIntervalsKeepTheirOwnTicks()
+{
+    ManualClock clock(0);
+    TaskPool pool;
+    int runs = 0;
+    QList<qint64> fiftyAt;
+    QList<qint64> sixtyAt;
+    QList<qint64> onceAt;
+    auto fifty = std::make_shared<RecordingTask>([&] {
+        ++runs;
+        fiftyAt << clock.nowNs() / kMs;
+    });
+    auto sixty = std::make_shared<RecordingTask>([&] {
+        ++runs;
+        sixtyAt << clock.nowNs() / kMs;
+    });
+    auto once = std::make_shared<RecordingTask>([&] {
+        ++runs;
+        onceAt << clock.nowNs() / kMs;
+    });
+    auto cancelled = std::make_shared<RecordingTask>([&] { ++runs; });
+    auto fiftyHandle = pool.schedulePeriodic(50, fifty);
+    pool.start();
+    // 10 ms behind the 50 ms task: a task of another interval, a one-off of the same and a
+    // cancelled one of the same hold nothing back.
+    clock.setNs(10 * kMs);
+    auto sixtyHandle = pool.schedulePeriodic(60, sixty);
+    pool.scheduleOnce(50, once);
+    auto cancelledHandle = pool.schedulePeriodic(50, cancelled);
+    cancelledHandle->cancel();
+    runArmedTicks(pool, clock, runs, 190);
+
+    QCOMPARE(fiftyAt, QList<qint64>({55, 110, 165}));
+    QCOMPARE(sixtyAt, QList<qint64>({75, 140}));
+    QCOMPARE(onceAt, QList<qint64>({65}));
 }
 
 void TestTaskPool::schedulingFromSeveralThreadsGivesEveryTaskItsOwnConsecutiveId()
