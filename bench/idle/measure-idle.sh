@@ -7,6 +7,9 @@
 #   bench/idle/measure-idle.sh [build-dir] [settle-s] [window-s]
 #
 # Extra environment (QT_QPA_PLATFORM, TARVIX_WORKSURFACE_LINK_THREAD, ...) passes through.
+# SLOW_START_S=2.5 holds the scene up while it starts, as a machine busy with other work
+# would: for that many seconds it is stopped about 8 ms in every 10 (SIGSTOP, SIGCONT), so
+# that the surface is built over many milliseconds; the settle time follows.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 build=${1:-$here/../../build/dev}
@@ -20,7 +23,16 @@ export QML2_IMPORT_PATH=$build/qml${QML2_IMPORT_PATH:+:$QML2_IMPORT_PATH}
 
 qmlscene "$here/idlesurface.qml" >/dev/null 2>&1 &
 pid=$!
-trap 'kill $pid 2>/dev/null || true' EXIT
+trap 'kill -CONT $pid 2>/dev/null; kill $pid 2>/dev/null || true' EXIT
+if [ -n "${SLOW_START_S:-}" ]; then
+    until=$(awk -v now="$(date +%s%N)" -v s="$SLOW_START_S" 'BEGIN {printf "%d", now + s * 1e9}')
+    while [ "$(date +%s%N)" -lt "$until" ]; do
+        kill -STOP $pid
+        sleep 0.008
+        kill -CONT $pid
+        sleep 0.001
+    done
+fi
 sleep "$settle"
 
 # $1: voluntary (the thread slept and was woken) or nonvoluntary (it was preempted).
