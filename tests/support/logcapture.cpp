@@ -1,6 +1,7 @@
 #include "support/logcapture.h"
 
 #include <QStringList>
+#include <QThread>
 #include <mutex>
 
 namespace {
@@ -49,14 +50,20 @@ void LogCapture::handler(QtMsgType type, const QMessageLogContext& context, cons
     QtMessageHandler echoTo = nullptr;
     {
         std::lock_guard<std::mutex> lock(g_mutex);
-        if (!g_currentCapture) {
-            return;
-        }
-        g_currentCapture->m_lines.append(Line{type, msg});
-        g_currentCapture->m_categories.append(
-            QString::fromLatin1(context.category ? context.category : "default"));
-        if (g_currentCapture->m_echo) {
-            echoTo = g_currentCapture->m_previous;
+        // An echoing capture passes the line on to the capture it nests in, or to the handler
+        // that was there before any capture.
+        for (LogCapture* capture = g_currentCapture; capture != nullptr;
+             capture = capture->m_outer) {
+            capture->m_lines.append(Line{type, msg});
+            capture->m_categories.append(
+                QString::fromLatin1(context.category ? context.category : "default"));
+            capture->m_threads.append(QThread::currentThread());
+            if (!capture->m_echo) {
+                break;
+            }
+            if (capture->m_outer == nullptr) {
+                echoTo = capture->m_previous;
+            }
         }
     }
     if (echoTo) {
@@ -101,6 +108,12 @@ QStringList LogCapture::categories() const
     return m_categories;
 }
 
+QList<QThread*> LogCapture::threads() const
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return m_threads;
+}
+
 QStringList LogCapture::textsIn(const QString& category) const
 {
     std::lock_guard<std::mutex> lock(g_mutex);
@@ -129,9 +142,12 @@ void LogCapture::clear()
     std::lock_guard<std::mutex> lock(g_mutex);
     m_lines.clear();
     m_categories.clear();
+    m_threads.clear();
 }
 
 void LogCapture::setEcho(bool echo)
 {
+    // Read by the handler on whichever thread logs.
+    std::lock_guard<std::mutex> lock(g_mutex);
     m_echo = echo;
 }

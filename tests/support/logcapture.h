@@ -4,6 +4,8 @@
 #include <QString>
 #include <QtGlobal>
 
+class QThread;
+
 // Records every Qt log line (level, exact text and category) while it lives, instead of printing
 // it, so tests can compare whole lines. Nests: the previous handler comes back on
 // destruction.
@@ -34,11 +36,16 @@ public:
     QStringList categories() const;
     // The texts of the lines written in one category, in order.
     QStringList textsIn(const QString& category) const;
+    // The thread each line was written on, in the order of lines(): a link's lines come from
+    // the thread it runs on.
+    QList<QThread*> threads() const;
     bool contains(QtMsgType level, const QString& text) const;
     int count(QtMsgType level, const QString& text) const;
     void clear();
 
-    // Also forward to the previous handler (for debugging a failing test).
+    // Also pass every line on: to the capture this one nests in (which records it as if this
+    // one were not there), or to the handler that was there before any capture. For debugging
+    // a failing test, and for a helper that looks at lines a test's own capture must get too.
     void setEcho(bool echo);
 
     // "debug", "info", "warning", "critical" or "fatal".
@@ -50,6 +57,7 @@ private:
     LogCapture* m_outer;
     QList<Line> m_lines;
     QStringList m_categories;
+    QList<QThread*> m_threads;
     bool m_echo = false;
 };
 
