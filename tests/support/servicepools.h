@@ -3,11 +3,14 @@
 #include <QCoreApplication>
 #include <QThread>
 #include <cstddef>
+#include <cstdio>
 #include <memory>
 
 #include "qml/worksurfacefunctions.h"
 #include "serial/linkruntime.h"
+#include "support/linkplacement.h"
 #include "support/manualclock.h"
+#include "surface/isurface.h"
 #include "tasks/taskpool.h"
 
 // One tick of every task pool the surface service runs, for tests that drive time by hand:
@@ -89,4 +92,21 @@ inline std::shared_ptr<Velmora::Worksurface::TaskPool> linkPoolOf(
 {
     const auto links = service.linkTaskPool();
     return links ? links : service.taskPool();
+}
+
+// Right after the service has built a surface: whether its links are where this run puts
+// them. With TARVIX_WORKSURFACE_LINK_THREAD=1 the service says its links run on the surface
+// thread, and each link of the surface is a face whose link was made on that thread;
+// otherwise each is the link itself, made on the QML thread. A run with the variable set
+// therefore fails here when the service builds as it would without it.
+inline bool verifyLinksWhereTheModeSays(WorksurfaceFunctions& service)
+{
+    const Velmora::Worksurface::ISurface* surface = service.connection()->surface();
+    if (service.linksOnSurfaceThread() != linkThreadRequested() || surface == nullptr) {
+        std::fprintf(stderr, "The service built %s, with its links %s the surface thread\n",
+                     surface ? "a surface" : "no surface",
+                     service.linksOnSurfaceThread() ? "on" : "off");
+        return false;
+    }
+    return linksWhereTheModeSays(surface->sectionLinks(), &service.surfaceThread());
 }
