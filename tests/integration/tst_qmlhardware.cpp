@@ -20,6 +20,7 @@
 
 #include "serial/serialmessage.h"
 #include "support/firmwareimagebytes.h"
+#include "support/linkplacement.h"
 #include "support/logcapture.h"
 #include "support/ptysectionsimulator.h"
 #include "updater/bootloaderpacket.h"
@@ -128,6 +129,7 @@ private slots:
 
 private:
     // Loads the scene, which connects the surface; the sections' ports are the simulators'.
+    // Returns once both links have opened their ports, on the thread the run puts them on.
     void loadScene();
     QString firmwarePath() const;
 
@@ -189,6 +191,11 @@ void TestQmlHardware::cleanup()
 
 void TestQmlHardware::loadScene()
 {
+    // The plugin's service is out of this test's reach: its links show where they run by
+    // the thread their opening is logged on. Passed on, so a test's own capture gets the
+    // lines too.
+    LogCapture opening;
+    opening.setEcho(true);
     m_engine = std::make_unique<QQmlEngine>();
     m_engine->addImportPath(QStringLiteral(TARVIX_QML_ROOT));
     QQmlComponent component(m_engine.get());
@@ -198,6 +205,9 @@ void TestQmlHardware::loadScene()
     QVERIFY(objectProperty(m_scene.get(), "surface"));
     QVERIFY(objectProperty(m_scene.get(), "fader"));
     QVERIFY(objectProperty(m_scene.get(), "led"));
+    QTRY_COMPARE_WITH_TIMEOUT(opening.texts().filter(QStringLiteral("ready and open.")).size(), 2,
+                              kTimeout);
+    QVERIFY(openedLinksWhereTheModeSays(opening, 2));
 }
 
 QString TestQmlHardware::firmwarePath() const

@@ -27,6 +27,7 @@
 #include "software/qmlcontrollerconnection.h"
 #include "software/sectioncontrol.h"
 #include "support/drivenclock.h"
+#include "support/servicepools.h"
 
 namespace {
 
@@ -138,10 +139,12 @@ struct Scene
             kTimeoutMs);
     }
 
+    // The surface is built, its links where the run puts them, and the sections answer them.
     bool connectAndWait()
     {
         service->connect();
-        return waitFor([this]() { return surfacesBuilt == 1; }, kTimeoutMs) && sectionsAnswer();
+        return waitFor([this]() { return surfacesBuilt == 1; }, kTimeoutMs) &&
+               verifyLinksWhereTheModeSays(*service) && sectionsAnswer();
     }
 
     // A fader move by hand reaches the binding.
@@ -272,6 +275,7 @@ struct Scene
                 QVERIFY2(
                     waitFor([this, built]() { return surfacesBuilt == built + 1; }, kTimeoutMs),
                     "connect() built no new surface");
+                QVERIFY(verifyLinksWhereTheModeSays(*service));
             }
         }
     }

@@ -23,6 +23,7 @@
 #include "support/drivenclock.h"
 #include "support/firmwarehome.h"
 #include "support/logcapture.h"
+#include "support/servicepools.h"
 #include "tasks/monotonicclock.h"
 #include "updater/bootloaderpacket.h"
 
@@ -174,6 +175,14 @@ private:
     {
         return m_clock->advanceUntil(done, ms);
     }
+    // The scene's service connects; true once it has built the surface, with its links where
+    // the run puts them. The clock stands still meanwhile.
+    bool buildSurface(Scene& scene)
+    {
+        scene.service->connect();
+        return waitFor([&scene] { return scene.service->connection()->surface() != nullptr; }, 0) &&
+               verifyLinksWhereTheModeSays(*scene.service);
+    }
     // Runs the update until the section has received the point's packet, applies the fault
     // and lets it pass; returns when the fault began (simulated).
     qint64 interrupt(Scene& scene, const Point& point, Fault fault);
@@ -245,7 +254,7 @@ void TestUpdateRecovery::everyInterruptionRecoversWithoutConnect()
     const Point where = points().at(point);
     LogCapture log;
     Scene scene(kReconnectMs, kUpdateTimeoutMs);
-    scene.service->connect();
+    QVERIFY(buildSurface(scene));
     const qint64 faultNs = interrupt(scene, where, static_cast<Fault>(fault));
     QVERIFY2(faultNs >= 0, "the update never reached the point");
     QVERIFY(waitFor([&] { return scene.recovered(); }, 60000));
@@ -305,7 +314,7 @@ void TestUpdateRecovery::withoutReconnectingTheLinkProbesAgainAtOnce()
     // Longer than the silence: when it strikes, the section answers again.
     LogCapture log;
     Scene scene(0, kSilentMs + 1000);
-    scene.service->connect();
+    QVERIFY(buildSurface(scene));
     QVERIFY(interrupt(scene, where, static_cast<Fault>(fault)) >= 0);
     QVERIFY(waitFor([&] { return scene.recovered(); }, 60000));
     QCOMPARE(scene.failures, std::vector<int>{3});
@@ -317,7 +326,7 @@ void TestUpdateRecovery::withoutATimeOutASilentSectionLeavesTheUpdateWaiting()
 {
     LogCapture log;
     Scene scene(kReconnectMs, 0);
-    scene.service->connect();
+    QVERIFY(buildSurface(scene));
     const Point where = points().at(2 + kBlocks / 2);
     QVERIFY(interrupt(scene, where, Fault::Silent) >= 0);
     // Answering again, it never hears the packet it missed: the updater waits for ever, as
