@@ -70,6 +70,8 @@ struct Scene
             record.states.clear();
             record.portErrors.clear();
         }
+        // Checked once the scene is whole: a failure here leaves it usable for the rest.
+        QVERIFY(fixture->linksWhereTheModeSays());
     }
 
     ~Scene() { flushDeferredDeletes(); }
@@ -81,7 +83,8 @@ struct Scene
 
 // The faults a SectionControl plays, seen by the link under the manual clock: the silent
 // section's time-outs to the millisecond, and the unplugged line's log lines and port
-// errors, exactly as a hardware link shows them.
+// errors, exactly as a hardware link shows them. The same to the millisecond with the links
+// on the surface thread (the second run; SoftwareSurfaceFixture puts them there).
 class TestSoftwareFaults : public QObject
 {
     Q_OBJECT

@@ -7,6 +7,7 @@
 
 namespace Velmora::Worksurface {
 class ISectionInfoProvider;
+class LinkRuntime;
 class Logger;
 class QmlControllerConnection;
 class Settings;
@@ -22,6 +23,14 @@ class SurfaceConnection;
 // message the plugin sends to the sections recorded by a stand-in control. Time is the
 // test's ManualClock; tick() runs one pass of the task pool. After start() every link is
 // Connected: the software link answers the updater's probe at once.
+//
+// With TARVIX_WORKSURFACE_LINK_THREAD=1 the links are made and run on the surface thread, as
+// the service puts them there: a LinkRuntime makes them on its thread with a pool of their
+// own, and the surface holds their faces. The model stays on this thread with pool(). Both
+// pools are then driven by hand (neither runs by itself), and each call below returns only
+// once every hand-over between the two threads it caused has been taken on the other side:
+// a test reads the same state after a pass, an unplugged section or a report sent in either
+// mode.
 class SoftwareSurfaceFixture
 {
 public:
@@ -32,7 +41,8 @@ public:
 
     // Opens every link (the surface's start()).
     void start();
-    // One pass of the task pool at the current time.
+    // One pass of the task pool at the current time (of both pools, the model's first, with
+    // the links on the surface thread).
     void tick();
     // Moves the clock forward in 1 ms steps and runs the pool at each step, as the 5 ms
     // timer would (more finely), so periodic work happens at its exact times.
@@ -52,7 +62,11 @@ public:
     {
         return m_controller;
     }
+    // The model's pool; the links' too unless they run on the surface thread.
     Velmora::Worksurface::TaskPool& pool() const { return *m_pool; }
+    // Whether every link is where this run puts it (linkplacement.h): right after the build,
+    // to prove that a run with the variable set did put them on the surface thread.
+    bool linksWhereTheModeSays() const;
     Velmora::Worksurface::Settings& settings() const { return *m_settings; }
     // Everything the plugin sent to the simulated sections, in order (takes nothing).
     FakeSoftwareHandler& sectionSide() { return m_sectionSide; }
@@ -62,6 +76,20 @@ public:
                       std::vector<uint8_t> payload);
 
 private:
+    class Deliveries;
+    class PlugWaitingController;
+
+    // One pass of both pools at the current time, then the hand-overs settled.
+    void pass();
+    // With the links on the surface thread: they take what this thread handed them so far
+    // (an open, a section's report, a plug change), and their answers are settled here.
+    void catchUpLinks();
+    // With the links on the surface thread, once they have taken everything handed to them:
+    // what they posted is delivered here, and what that hands back to them (a section's
+    // answer to a ping) is taken there, round after round, until neither side has anything
+    // left. The links on this thread do all that within the pass itself.
+    void settleLinks();
+
     ManualClock& m_clock;
     std::shared_ptr<Velmora::Worksurface::Settings> m_settings;
     std::shared_ptr<Velmora::Worksurface::QmlControllerConnection> m_controller;
@@ -70,4 +98,11 @@ private:
     std::shared_ptr<Velmora::Worksurface::Surface> m_surface;
     Velmora::Worksurface::Surface* m_surfaceRaw = nullptr;
     FakeSoftwareHandler m_sectionSide;
+    // With the links on the surface thread only: the thread and its link side, the links'
+    // pool, the controller as the links' stand-in reaches it, and the count of events this
+    // thread has delivered (whether a round of settling brought anything).
+    std::unique_ptr<Velmora::Worksurface::LinkRuntime> m_runtime;
+    std::shared_ptr<Velmora::Worksurface::TaskPool> m_linkPool;
+    std::shared_ptr<PlugWaitingController> m_linkController;
+    std::unique_ptr<Deliveries> m_deliveries;
 };
