@@ -6,6 +6,9 @@
 //
 // Only the auto-update step waits for time to pass; that time is manual. Everything else
 // is the exchange across the pty, waited for in real time with generous time-outs.
+//
+// The second run (links on the surface thread) makes the link there (PtySectionLink): the
+// same exchange, each packet crossing between that thread and the simulator on this one.
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -160,6 +163,7 @@ void TestFirmwareUpdatePty::makeLink(std::shared_ptr<ISettings> settings)
 {
     m_link =
         std::make_unique<PtySectionLink>(kSection, m_sim->slavePath(), std::move(settings), m_pool);
+    QVERIFY(m_link->linkWhereTheModeSays());
 }
 
 QString TestFirmwareUpdatePty::homeFirmwarePath() const
@@ -169,8 +173,9 @@ QString TestFirmwareUpdatePty::homeFirmwarePath() const
 
 void TestFirmwareUpdatePty::runUntilReset(int timeoutMs)
 {
-    m_link->section->open();
-    QTRY_VERIFY_WITH_TIMEOUT(m_link->updater->hasPendingAutoUpdate(), timeoutMs);
+    m_link->open();
+    QVERIFY2(m_link->waitUntil([this]() { return m_link->hasPendingAutoUpdate(); }, timeoutMs),
+             "the updater did not get its Reset acknowledged");
     QCOMPARE(m_sim->mode(), PtySectionSimulator::Mode::Application);
     QCOMPARE(m_link->state(), int(ISectionConnection::Connecting));
 }
@@ -179,25 +184,25 @@ void TestFirmwareUpdatePty::runAutoUpdateStep()
 {
     const int autoBauds = m_sim->commandCount(BootloaderCommand::AutoBaud);
     m_clock->advanceMs(1000);
-    m_pool->runPendingTasks();
-    QVERIFY(m_link->updater->hasPendingAutoUpdate());
-    QCOMPARE(m_link->updater->lastPacket().command, uint8_t(BootloaderCommand::NoPacket));
+    m_link->runPendingTasks();
+    QVERIFY(m_link->hasPendingAutoUpdate());
+    QCOMPARE(m_link->lastPacketCommand(), uint8_t(BootloaderCommand::NoPacket));
 
     m_clock->advanceNs(1);
-    m_pool->runPendingTasks();
-    QVERIFY(!m_link->updater->hasPendingAutoUpdate());
-    QCOMPARE(m_link->updater->lastPacket().command, uint8_t(BootloaderCommand::AutoBaud));
+    m_link->runPendingTasks();
+    QVERIFY(!m_link->hasPendingAutoUpdate());
+    QCOMPARE(m_link->lastPacketCommand(), uint8_t(BootloaderCommand::AutoBaud));
     QTRY_COMPARE_WITH_TIMEOUT(m_sim->commandCount(BootloaderCommand::AutoBaud), autoBauds + 1,
                               kTimeout);
     QTRY_COMPARE_WITH_TIMEOUT(m_link->state(), int(ISectionConnection::Connected), kTimeout);
-    QVERIFY(!m_link->updater->isActive());
+    QVERIFY(!m_link->isUpdating());
 }
 
 void TestFirmwareUpdatePty::checkLinkAnswersPing()
 {
     const std::size_t answers = m_link->versionHandler->taken().size();
     m_clock->advanceMs(51);
-    m_pool->runPendingTasks();
+    m_link->runPendingTasks();
     QTRY_COMPARE_WITH_TIMEOUT(m_link->versionHandler->taken().size(), answers + 1, kTimeout);
     QCOMPARE(m_link->state(), int(ISectionConnection::Connected));
 }
