@@ -158,9 +158,9 @@ void TestFlightRecorderPty::startSurface()
     m_service->settings()->setReconnectInterval(2000);
     m_service->connect();
     QTRY_VERIFY_WITH_TIMEOUT(m_service->connection()->surface() != nullptr, kTimeout);
-    QVERIFY(verifyLinksWhereTheModeSays(*m_service));
     m_pool = linkPoolOf(*m_service);
     QVERIFY(m_pool);
+    QVERIFY(verifyLinksWhereTheModeSays(*m_service));
     QTRY_COMPARE_WITH_TIMEOUT(m_service->section(1)->linkState(), int(SectionInfoModel::Connected),
                               kTimeout);
 }

@@ -153,9 +153,9 @@ void TestSectionReconnectPty::startSurface(int intervalMs, bool otherComesUp)
     m_service->settings()->setReconnectInterval(intervalMs);
     m_service->connect();
     QTRY_VERIFY_WITH_TIMEOUT(m_service->connection()->surface() != nullptr, kTimeout);
-    QVERIFY(verifyLinksWhereTheModeSays(*m_service));
     m_pool = linkPoolOf(*m_service);
     QVERIFY(m_pool);
+    QVERIFY(verifyLinksWhereTheModeSays(*m_service));
     if (!otherComesUp) {
         return;
     }
@@ -592,8 +592,8 @@ void TestSectionReconnectPty::aNewConnectStartsTheModelsOverAndASectionTheModelL
     m_service->settings()->setMode(SurfaceSettings::K60);
     m_service->connect();
     QTRY_VERIFY_WITH_TIMEOUT(m_service->connection()->surface() != nullptr, kTimeout);
-    QVERIFY(verifyLinksWhereTheModeSays(*m_service));
     m_pool = linkPoolOf(*m_service);
+    QVERIFY(verifyLinksWhereTheModeSays(*m_service));
     pass();
     SectionInfoModel* third = m_service->section(2);
     QCOMPARE(third->linkState(), int(SectionInfoModel::Connecting));
@@ -606,8 +606,8 @@ void TestSectionReconnectPty::aNewConnectStartsTheModelsOverAndASectionTheModelL
     m_service->settings()->setMode(SurfaceSettings::K40);
     m_service->connect();
     QTRY_COMPARE_WITH_TIMEOUT(surfaceChanged.count(), 1, kTimeout);
-    QVERIFY(verifyLinksWhereTheModeSays(*m_service));
     m_pool = linkPoolOf(*m_service);
+    QVERIFY(verifyLinksWhereTheModeSays(*m_service));
     pass();
     QCOMPARE(third->linkState(), int(SectionInfoModel::Closed));
     QCOMPARE(third->portName(), QString());

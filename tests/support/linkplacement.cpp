@@ -52,9 +52,7 @@ QString linkMisplacement(const std::shared_ptr<ISectionConnection>& link,
     if (onSurfaceThread) {
         const auto face = std::dynamic_pointer_cast<LinkThreadConnection>(link);
         if (!face) {
-            return section + QStringLiteral(
-                                 "the surface holds the link itself, not its face on "
-                                 "the QML thread");
+            return section + QStringLiteral("held as the link itself, not through its face");
         }
         const auto linkItself = face->link();
         if (!linkItself) {
@@ -68,7 +66,7 @@ QString linkMisplacement(const std::shared_ptr<ISectionConnection>& link,
     }
     const auto linkItself = std::dynamic_pointer_cast<SectionConnection>(link);
     if (!linkItself) {
-        return section + QStringLiteral("the surface holds a face, not the link itself");
+        return section + QStringLiteral("held through a face, not as the link itself");
     }
     if (linkItself->thread() != placementQmlThread()) {
         return section + QStringLiteral("made on %1, not on the QML thread")
