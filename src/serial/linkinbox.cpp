@@ -4,35 +4,50 @@
 
 namespace Velmora::Worksurface {
 
-bool LinkInbox::coalesces(const SerialMessage& frame)
+int LinkInbox::controlGroup(uint8_t type)
 {
-    return frame.type == MessageType::FaderPosition || frame.type == MessageType::PotValue;
+    switch (type) {
+        case MessageType::FaderPosition:
+        case MessageType::FaderTouch:
+            return 0;
+        case MessageType::PotValue:
+            return 1;
+        default:
+            return -1;
+    }
 }
 
-std::size_t LinkInbox::coalescingSlot(uint8_t type)
+bool LinkInbox::isBarrier(const Report& report)
 {
-    return type == MessageType::FaderPosition ? 0 : 1;
+    return report.kind != Report::Frame && report.kind != Report::Progress &&
+           report.kind != Report::SentCount;
 }
 
 bool LinkInbox::add(Report report)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (report.kind != Report::Frame) {
+    if (isBarrier(report)) {
         m_lastNewsSeq = m_nextSeq;
-    } else if (coalesces(report.frame)) {
-        const uint8_t device = report.frame.deviceId;
-        uint64_t& waiting = m_waitingSeq[coalescingSlot(report.frame.type)][device];
-        if (m_reports.size() >= kBehind && waiting >= m_frontSeq && waiting > m_lastNewsSeq &&
-            m_lastFrameSeq[device] == waiting) {
-            m_reports[static_cast<std::size_t>(waiting - m_frontSeq)].frame =
-                std::move(report.frame);
-            ++m_coalesced;
-            return false;
+    } else if (report.kind == Report::Frame) {
+        const int group = controlGroup(report.frame.type);
+        if (group >= 0) {
+            const auto slot = static_cast<std::size_t>(group);
+            const uint8_t device = report.frame.deviceId;
+            uint64_t& last = m_lastControlSeq[slot][device];
+            const bool isPosition = report.frame.type != MessageType::FaderTouch;
+            if (isPosition) {
+                uint64_t& waiting = m_waitingSeq[slot][device];
+                if (m_reports.size() >= kBehind && waiting >= m_frontSeq &&
+                    waiting > m_lastNewsSeq && last == waiting) {
+                    m_reports[static_cast<std::size_t>(waiting - m_frontSeq)].frame =
+                        std::move(report.frame);
+                    ++m_coalesced;
+                    return false;
+                }
+                waiting = m_nextSeq;
+            }
+            last = m_nextSeq;
         }
-        waiting = m_nextSeq;
-        m_lastFrameSeq[device] = m_nextSeq;
-    } else {
-        m_lastFrameSeq[report.frame.deviceId] = m_nextSeq;
     }
     m_reports.push_back(std::move(report));
     ++m_nextSeq;

@@ -23,9 +23,11 @@ namespace Velmora::Worksurface {
 // behind it: the QML thread then catches up with the latest position, not with every stale
 // one, and the memory a stalled QML thread costs stays bounded by what must not be lost
 // (presses, releases, touches, rotary steps and the link's news, all kept). A position
-// replaces the waiting one only when nothing else of the same device id, and no news of the
-// link, came after it, so no report is ever seen out of its order with another of the same
-// device.
+// replaces the waiting one only when nothing else of the same control came after it (a
+// fader's touch or release: its position and touch reports share the fader's device id) and
+// no news that the model acts on (state, link ready, port, update result). Reports of other
+// controls, an update's progress and the sent-message count do not hold it back: they are
+// told in their order among themselves, and only the stale position in between is skipped.
 class LinkInbox
 {
 public:
@@ -66,19 +68,21 @@ public:
     uint64_t coalescedCount() const;
 
 private:
-    static bool coalesces(const SerialMessage& frame);
-    // The slot of a coalescing frame's type among kCoalescingTypes.
-    static std::size_t coalescingSlot(uint8_t type);
+    // The controls whose positions coalesce: faders (position and touch reports) and the pot.
+    // -1 for a frame of any other control.
+    static int controlGroup(uint8_t type);
+    // Whether a report holds back the coalescing of a position queued before it.
+    static bool isBarrier(const Report& report);
 
     mutable std::mutex m_mutex;
     std::deque<Report> m_reports;
     // Every report gets the next number; the front of the queue holds number m_frontSeq.
     uint64_t m_frontSeq = 1;
     uint64_t m_nextSeq = 1;
-    // The number of the last news (any report that is not a frame), of the last frame of each
-    // device id, and of the waiting position of each coalescing type and device id (0: none).
+    // The number of the last news the model acts on, of the last report of each fader and of
+    // the pot, and of the waiting position of each (0: none), by control group and device id.
     uint64_t m_lastNewsSeq = 0;
-    std::array<uint64_t, 256> m_lastFrameSeq{};
+    std::array<std::array<uint64_t, 256>, 2> m_lastControlSeq{};
     std::array<std::array<uint64_t, 256>, 2> m_waitingSeq{};
     uint64_t m_coalesced = 0;
 };

@@ -97,6 +97,7 @@ private slots:
     void farBehindAPositionReplacesTheOneStillWaiting();
     void aPositionNeverOvertakesATouchOfTheSameFader();
     void theLinksNewsIsNeverOvertakenByAPosition();
+    void otherControlsProgressAndTheSentCountDoNotHoldAPositionBack();
     void aPositionAlreadyTakenIsNotReplaced();
     void fadersAndThePotCoalesceEachOnItsOwn();
     void pressesTouchesAndRotaryStepsAreNeverDropped();
@@ -169,6 +170,32 @@ void TestLinkInbox::theLinksNewsIsNeverOvertakenByAPosition()
     QCOMPARE(taken, (QStringList{"frame 7/3 100", "state 2", "frame 7/3 200"}));
 }
 
+// A press of the mute switch with the fader's device id, a step of the rotary with it, the
+// section's ping answer, an update's progress and the sent count belong to nothing the
+// position does: the latest position takes the waiting one's place ahead of them.
+void TestLinkInbox::otherControlsProgressAndTheSentCountDoNotHoldAPositionBack()
+{
+    LinkInbox inbox;
+    fallBehind(inbox);
+    QVERIFY(inbox.add(position(kFader, 100)));
+    QVERIFY(inbox.add(press(kFader, true)));
+    QVERIFY(inbox.add(frame(MessageType::RotaryStep, kFader, {1})));
+    QVERIFY(inbox.add(frame(MessageType::Ping, kFader, {10, 34, 55})));
+    Report sent;
+    sent.kind = Report::SentCount;
+    sent.sentCount = 12;
+    QVERIFY(inbox.add(sent));
+    Report progress;
+    progress.kind = Report::Progress;
+    progress.value = 40;
+    QVERIFY(inbox.add(progress));
+    QVERIFY(!inbox.add(position(kFader, 200)));
+    QStringList taken = takeAll(inbox);
+    taken.erase(taken.begin(), taken.begin() + static_cast<int>(LinkInbox::kBehind));
+    QCOMPARE(taken, (QStringList{"frame 7/3 200", "frame 20/3 1", "frame 18/3 1", "frame 0/3 10",
+                                 "news 4", "news 3"}));
+}
+
 void TestLinkInbox::aPositionAlreadyTakenIsNotReplaced()
 {
     LinkInbox inbox;
@@ -234,7 +261,8 @@ void TestLinkInbox::tenSecondsOfAThousandFramesASecondStayWellUnderAMebibyte()
             inbox.add(position(fader, static_cast<uint16_t>(ms)));
         }
     }
-    QVERIFY2(inbox.size() <= LinkInbox::kBehind + std::size_t(kept) + 30 * 21,
+    // Each touch or release queues the next position of its fader anew: 20 of them.
+    QVERIFY2(inbox.size() <= LinkInbox::kBehind + std::size_t(kept) + 30 + 20,
              qPrintable(QString::number(inbox.size())));
     // Each waiting report is its struct and a small payload block.
     QVERIFY(inbox.size() * (sizeof(Report) + 32) < 1024 * 1024 / 4);
