@@ -122,9 +122,11 @@ std::vector<std::shared_ptr<SectionConnection>> LinkRuntime::collectLinks(bool t
 }
 
 void LinkRuntime::beginBuild(bool linksOnThread,
-                             const std::shared_ptr<ISoftwareControllerConnection>& controller)
+                             const std::shared_ptr<ISoftwareControllerConnection>& controller,
+                             BuildPool pool)
 {
     m_buildOnThread = linksOnThread;
+    m_buildPoolRunsItself = pool == BuildPool::RunsItself;
     if (!linksOnThread) {
         return;
     }
@@ -132,7 +134,9 @@ void LinkRuntime::beginBuild(bool linksOnThread,
     // Made on the thread, so that its timer runs there.
     runOnLinkThread([this]() {
         m_building.pool = std::make_shared<TaskPool>();
-        m_building.pool->start();
+        if (m_buildPoolRunsItself) {
+            m_building.pool->start();
+        }
     });
     m_building.controller = std::make_shared<LinkThreadController>(controller, m_toQml, m_toLinks);
 }
@@ -167,9 +171,10 @@ void LinkRuntime::endBuild(bool surfaceBuilt)
         retire(m_running);
         m_running = std::move(m_building);
         m_runningOnThread = m_buildOnThread;
+        m_runningPoolRunsItself = m_buildPoolRunsItself;
     } else {
         retire(m_building);
-        if (m_running.pool) {
+        if (m_running.pool && m_runningPoolRunsItself) {
             m_toLinks->post([pool = m_running.pool]() { pool->start(); });
         }
     }

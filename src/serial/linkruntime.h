@@ -67,10 +67,19 @@ public:
     // stay with their faces, closed, for a build that makes nothing to start them again.
     void stop(bool releaseLinks);
 
+    // How the pool of a build with its links on the thread runs: by its own timer, or only
+    // when its tick is called (a runner that owns time drives it, as it drives the model's).
+    enum class BuildPool
+    {
+        RunsItself,
+        DrivenByHand
+    };
+
     // A surface build begins. With `linksOnThread`, a pool is made on the thread (waiting
     // for it) and a stand-in for `controller` that the links' software lines talk through.
     void beginBuild(bool linksOnThread,
-                    const std::shared_ptr<ISoftwareControllerConnection>& controller);
+                    const std::shared_ptr<ISoftwareControllerConnection>& controller,
+                    BuildPool pool = BuildPool::RunsItself);
     // The build's pool and controller stand-in; null while the build puts its links on the
     // QML thread.
     std::shared_ptr<TaskPool> buildPool() const;
@@ -122,6 +131,8 @@ private:
     LinkSide m_running;
     LinkSide m_building;
     bool m_buildOnThread = false;
+    bool m_buildPoolRunsItself = true;
+    bool m_runningPoolRunsItself = true;
     bool m_runningOnThread = false;
     // Set once a link has been made on the thread: its stop then never terminates it.
     bool m_hostedLinks = false;

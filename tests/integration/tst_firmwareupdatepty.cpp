@@ -16,12 +16,14 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 #include <QtTest>
+#include <algorithm>
 #include <memory>
 
 #include "base/settings.h"
 #include "serial/isectionconnection.h"
 #include "support/fakesettings.h"
 #include "support/firmwareimagebytes.h"
+#include "support/linkplacement.h"
 #include "support/logcapture.h"
 #include "support/manualclock.h"
 #include "support/ptysectionlink.h"
@@ -73,6 +75,20 @@ bool writeFile(const QString& path, const QByteArray& bytes)
 QString updater(const QString& text)
 {
     return QStringLiteral("WS UPDATER: ") + text;
+}
+
+// The progress the link's listener hears for the updater's `told` reports, the first of them
+// the announcement's 0. With the link on the surface thread, a percentage equal to the one
+// that crossed last, with no other news between them, does not cross again, as it would
+// change nothing in the section's model. The section's change to Updating crosses after the
+// announcement, so the first block's percentage crosses even when it is 0 as well.
+std::vector<RecordingStateListener::Report> progressHeard(
+    std::vector<RecordingStateListener::Report> told)
+{
+    if (linkThreadRequested() && told.size() > 1) {
+        told.erase(std::unique(told.begin() + 1, told.end()), told.end());
+    }
+    return told;
 }
 
 }  // namespace
@@ -308,12 +324,14 @@ void TestFirmwareUpdatePty::imageOf256KiBIsStoredByteForByteWithProgressUpTo100(
     // after the last.
     const std::vector<RecordingStateListener::Report>& progress =
         m_link->listener.progressReports();
-    QCOMPARE(progress.size(), std::size_t(1 + 4096));
-    std::vector<RecordingStateListener::Report> expected{{kSection, 0}};
+    std::vector<RecordingStateListener::Report> told{{kSection, 0}};
     for (qint64 block = 1; block < 4096; ++block) {
-        expected.push_back({kSection, uint8_t(block * kBlock * 100 / image.size())});
+        told.push_back({kSection, uint8_t(block * kBlock * 100 / image.size())});
     }
-    expected.push_back({kSection, 100});
+    told.push_back({kSection, 100});
+    QCOMPARE(told.size(), std::size_t(1 + 4096));
+    const std::vector<RecordingStateListener::Report> expected = progressHeard(told);
+    QCOMPARE(progress.size(), expected.size());
     QVERIFY(progress == expected);
     for (std::size_t i = 1; i < progress.size(); ++i) {
         QVERIFY(progress[i].value >= progress[i - 1].value);
@@ -583,12 +601,11 @@ void TestFirmwareUpdatePty::imageOf16MiBIsAnnouncedWholeAndSentBlockByBlock()
     qInfo("16 MiB image over the pty: %d blocks in %lld ms", kBlocks, elapsedMs);
     // Progress for every block sent (the refused one too, not its resends): percentages of
     // 16 MiB, 0 or 1 this early.
-    const std::vector<RecordingStateListener::Report>& progress =
-        m_link->listener.progressReports();
-    QCOMPARE(progress.size(), std::size_t(1 + kBlocks + 1));
-    for (std::size_t block = 0; block < progress.size(); ++block) {
-        QCOMPARE(int(progress[block].value), int(qint64(block) * kBlock * 100 / kSize));
+    std::vector<RecordingStateListener::Report> told;
+    for (qint64 block = 0; block < 1 + kBlocks + 1; ++block) {
+        told.push_back({kSection, uint8_t(block * kBlock * 100 / kSize)});
     }
+    QCOMPARE(m_link->listener.progressReports(), progressHeard(told));
 
     runAutoUpdateStep();
     checkLinkAnswersPing();

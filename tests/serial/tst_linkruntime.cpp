@@ -18,6 +18,7 @@
 #include "support/fakesettings.h"
 #include "support/logcapture.h"
 #include "support/recordingsoftwarecontroller.h"
+#include "tasks/itask.h"
 #include "tasks/taskpool.h"
 
 using namespace Velmora::Worksurface;
@@ -56,9 +57,10 @@ struct Rig
     Rig() : runtime(std::make_unique<LinkRuntime>(logger)) {}
 
     // One build with its links on the thread: `sections` links, their lines noted.
-    std::vector<std::shared_ptr<ISectionConnection>> build(int sections)
+    std::vector<std::shared_ptr<ISectionConnection>> build(
+        int sections, LinkRuntime::BuildPool pool = LinkRuntime::BuildPool::RunsItself)
     {
-        runtime->beginBuild(true, controller);
+        runtime->beginBuild(true, controller, pool);
         std::vector<std::shared_ptr<ISectionConnection>> faces;
         for (int i = 0; i < sections; ++i) {
             auto notes = std::make_shared<LineNotingItsThreads::Notes>();
@@ -92,6 +94,14 @@ struct Rig
     std::unique_ptr<LinkRuntime> runtime;
 };
 
+// Counts its runs; run on the links' thread only.
+class CountingTask : public ITask
+{
+public:
+    void run() override { ++runs; }
+    int runs = 0;
+};
+
 bool builtWithSanitizer()
 {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -120,6 +130,7 @@ private slots:
     void aLinkThreadLateBy400msIsWaitedForAndNeverTerminated();
     void aCloseLongerThanTheBoundIsWarnedAboutAndWaitedFor();
     void aBuildThatMakesNothingKeepsTheRunningPoolAndStartsItAgain();
+    void aPoolDrivenByHandRunsOnlyWhenTickedAndNoBuildStartsIt();
     void aBuildThatMakesASurfaceRetiresThePreviousPoolOnItsThread();
     void goingReleasesTheLinksOfEveryFaceStillStandingOnTheirThread();
     void aFaceThatOutlivesTheRuntimeHoldsAndPostsNothing();
@@ -269,6 +280,37 @@ void TestLinkRuntime::aBuildThatMakesNothingKeepsTheRunningPoolAndStartsItAgain(
     });
     QVERIFY(running);
     QVERIFY(!unusedRunning);
+}
+
+void TestLinkRuntime::aPoolDrivenByHandRunsOnlyWhenTickedAndNoBuildStartsIt()
+{
+    Rig rig;
+    rig.runtime->start();
+    const auto faces = rig.build(1, LinkRuntime::BuildPool::DrivenByHand);
+    const auto pool = rig.runtime->linkPool();
+    QCOMPARE(pool->thread(), &rig.runtime->thread());
+    const auto task = std::make_shared<CountingTask>();
+    bool runningOrArmed = true;
+    int runsBeforeTick = -1;
+    int runsAfterTick = -1;
+    rig.runtime->runOnLinkThread([&]() {
+        runningOrArmed = pool->isRunning() || pool->isTimerActive();
+        pool->scheduleOnce(0, task);
+        runsBeforeTick = task->runs;
+        pool->runPendingTasks();
+        runsAfterTick = task->runs;
+        runningOrArmed = runningOrArmed || pool->isRunning();
+    });
+    QVERIFY(!runningOrArmed);
+    QCOMPARE(runsBeforeTick, 0);
+    QCOMPARE(runsAfterTick, 1);
+
+    // A build that makes nothing leaves it to its hand as well.
+    rig.runtime->beginBuild(true, rig.controller);
+    rig.runtime->endBuild(false);
+    QCOMPARE(rig.runtime->linkPool(), pool);
+    rig.runtime->runOnLinkThread([&]() { runningOrArmed = pool->isRunning(); });
+    QVERIFY(!runningOrArmed);
 }
 
 void TestLinkRuntime::aBuildThatMakesASurfaceRetiresThePreviousPoolOnItsThread()

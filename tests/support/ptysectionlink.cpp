@@ -62,15 +62,14 @@ PtySectionLink::PtySectionLink(uint8_t sectionIndex, const QString& portName,
     const bool callerPoolRuns = pool && pool->isRunning();
     runtime = std::make_unique<LinkRuntime>(logger);
     runtime->start();
-    runtime->beginBuild(true, std::make_shared<QmlControllerConnection>());
+    // Driven by hand when the caller's pool is.
+    runtime->beginBuild(
+        true, std::make_shared<QmlControllerConnection>(),
+        callerPoolRuns ? LinkRuntime::BuildPool::RunsItself : LinkRuntime::BuildPool::DrivenByHand);
     pool = runtime->buildPool();
     face = runtime->makeLink(sectionIndex, root, makeLink);
     runtime->endBuild(true);
     face->setStateListener(&listener);
-    if (!callerPoolRuns) {
-        // Driven by hand, as the caller's pool would be.
-        runtime->runOnLinkThread([linkPool = pool]() { linkPool->stop(); });
-    }
 }
 
 PtySectionLink::~PtySectionLink()

@@ -182,10 +182,10 @@ SoftwareSurfaceFixture::SoftwareSurfaceFixture(ManualClock& clock, uint8_t mode,
     m_runtime = std::make_unique<LinkRuntime>(m_logger);
     m_runtime->start();
     m_linkController = std::make_shared<PlugWaitingController>(m_controller, *m_runtime);
-    m_runtime->beginBuild(true, m_linkController);
+    // The links' pool is driven by hand, like the model's, which never runs by itself here
+    // either.
+    m_runtime->beginBuild(true, m_linkController, LinkRuntime::BuildPool::DrivenByHand);
     m_linkPool = m_runtime->buildPool();
-    // Driven by hand, like the model's pool, which never runs by itself here either.
-    m_runtime->runOnLinkThread([pool = m_linkPool]() { pool->stop(); });
     ConnectionFactory connections(
         std::make_unique<SerialConnectionFactory>(m_settings, m_runtime->buildController()),
         m_linkPool, m_logger, m_runtime.get());
