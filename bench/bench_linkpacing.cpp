@@ -22,6 +22,10 @@
 // - pass_late_*_ms: how late a 50 ms task on the links' task pool (the pool that runs the
 //   link's pass, and so sends the pings) ran against its due time, its last run + 50 ms
 //   (median, 90th percentile, maximum). The pool's grid alone makes that up to 5 ms.
+// - links_cpu_s, links_wait_s: the time the thread that runs the links (the QML thread or
+//   "WorksurfaceThread") spent on a CPU over the exchange, and runnable but waiting for one
+//   (the kernel's schedstat); sim_cpu_s and sim_wait_s the same for the simulators' thread.
+//   Every round trip of the exchange wakes both, so their waits for a CPU add to it.
 #include <benchmark/benchmark.h>
 #include <QCoreApplication>
 #include <QDir>
@@ -32,9 +36,12 @@
 #include <QThread>
 #include <QTimer>
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <vector>
+
+#include <unistd.h>
 
 #include "firmwarewire.h"
 #include "qml/surfacesettings.h"
@@ -64,6 +71,54 @@ double percentile(std::vector<double> values, double p)
     std::sort(values.begin(), values.end());
     const auto index = static_cast<std::size_t>(p * static_cast<double>(values.size() - 1) + 0.5);
     return values[index];
+}
+
+// On-CPU and runnable-but-waiting time of each of the process's threads, by name, in
+// seconds, from /proc/self/task/*/schedstat (the kernel's first two fields, in ns).
+struct ThreadTimes
+{
+    double cpuS = 0.0;
+    double waitS = 0.0;
+};
+
+std::map<QByteArray, ThreadTimes> threadTimes()
+{
+    std::map<QByteArray, ThreadTimes> times;
+    const QDir tasks(QStringLiteral("/proc/self/task"));
+    for (const QString& tid : tasks.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile comm(tasks.filePath(tid + QStringLiteral("/comm")));
+        QFile schedstat(tasks.filePath(tid + QStringLiteral("/schedstat")));
+        if (!comm.open(QIODevice::ReadOnly) || !schedstat.open(QIODevice::ReadOnly)) {
+            continue;
+        }
+        const QByteArray name = comm.readAll().trimmed();
+        const QList<QByteArray> fields = schedstat.readAll().simplified().split(' ');
+        if (fields.size() < 2) {
+            continue;
+        }
+        ThreadTimes& entry = times[tid == QString::number(getpid()) ? QByteArray("main") : name];
+        entry.cpuS += fields[0].toDouble() / 1e9;
+        entry.waitS += fields[1].toDouble() / 1e9;
+    }
+    return times;
+}
+
+// What `name` spent between the two readings.
+ThreadTimes spent(const std::map<QByteArray, ThreadTimes>& before,
+                  const std::map<QByteArray, ThreadTimes>& after, const QByteArray& name)
+{
+    ThreadTimes result;
+    const auto end = after.find(name);
+    if (end == after.end()) {
+        return result;
+    }
+    result = end->second;
+    const auto start = before.find(name);
+    if (start != before.end()) {
+        result.cpuS -= start->second.cpuS;
+        result.waitS -= start->second.waitS;
+    }
+    return result;
 }
 
 // The two sections, on their own thread.
@@ -208,6 +263,7 @@ void runPacing(benchmark::State& state)
         if (busy != 0) {
             frames.start(kFrameMs);
         }
+        const std::map<QByteArray, ThreadTimes> timesBefore = threadTimes();
         QElapsedTimer clock;
         clock.start();
         service->connect();
@@ -231,6 +287,7 @@ void runPacing(benchmark::State& state)
         poll.start(20);
         loop.exec();
         const double exchangeS = clock.nsecsElapsed() / 1e9;
+        const std::map<QByteArray, ThreadTimes> timesAfter = threadTimes();
         frames.stop();
         if (probeHandle) {
             probeHandle->cancel();
@@ -256,6 +313,16 @@ void runPacing(benchmark::State& state)
         state.counters["pass_late_p50_ms"] = percentile(late, 0.5);
         state.counters["pass_late_p90_ms"] = percentile(late, 0.9);
         state.counters["pass_late_max_ms"] = percentile(late, 1.0);
+        // Thread names as the kernel keeps them, 15 characters at most.
+        const ThreadTimes links =
+            spent(timesBefore, timesAfter,
+                  onThread ? QByteArray("WorksurfaceThread").left(15) : QByteArray("main"));
+        const ThreadTimes sims =
+            spent(timesBefore, timesAfter, QByteArray("SectionSimulators").left(15));
+        state.counters["links_cpu_s"] = links.cpuS;
+        state.counters["links_wait_s"] = links.waitS;
+        state.counters["sim_cpu_s"] = sims.cpuS;
+        state.counters["sim_wait_s"] = sims.waitS;
     }
 }
 
