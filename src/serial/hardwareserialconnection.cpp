@@ -9,6 +9,12 @@
 #include "serial/iserialdatareceiver.h"
 #include "serial/serialporterrorcode.h"
 
+#ifdef Q_OS_UNIX
+#include <cerrno>
+
+#include <unistd.h>
+#endif
+
 namespace Velmora::Worksurface {
 
 namespace {
@@ -230,10 +236,39 @@ QSerialPort::SerialPortError HardwareSerialConnection::writeLocked(const QByteAr
     }
     // A short write is not retried: the section answers bad data with a serial error and
     // the link recovers from that.
-    if (m_port->write(data) == -1) {
+    const qint64 written = writeToLineNow(data);
+    if (written == data.size()) {
+        return QSerialPort::NoError;
+    }
+    if (m_port->write(data.constData() + written, data.size() - written) == -1) {
         return m_port->error();
     }
     return QSerialPort::NoError;
+}
+
+qint64 HardwareSerialConnection::writeToLineNow(const QByteArray& data)
+{
+#ifdef Q_OS_UNIX
+    // Only when nothing of the port's own is still waiting: the bytes must leave in order.
+    const int fd = m_port->handle();
+    if (fd < 0 || m_port->bytesToWrite() > 0) {
+        return 0;
+    }
+    for (;;) {
+        const ssize_t n = ::write(fd, data.constData(), static_cast<size_t>(data.size()));
+        if (n >= 0) {
+            return n;
+        }
+        if (errno != EINTR) {
+            // The line is full (EAGAIN) or gone: the port writes what is left, or reports
+            // the error from its event loop as it always has.
+            return 0;
+        }
+    }
+#else
+    Q_UNUSED(data);
+    return 0;
+#endif
 }
 
 void HardwareSerialConnection::logWriteError(QSerialPort::SerialPortError error) const

@@ -69,6 +69,12 @@ private:
     // Writes data to the port; the caller holds m_mutex. Returns the port's error when the
     // write failed (NoError otherwise), for logWriteError() once the lock is released.
     QSerialPort::SerialPortError writeLocked(const QByteArray& data);
+    // Writes what the line takes at once straight to its device and returns how many bytes
+    // that was (0 when something of the port's is still waiting, or on any error). The port
+    // itself would keep the bytes until the next pass of the event loop, write them then and
+    // wake the loop once more to stop watching the line: three passes of the links' thread
+    // for every packet of a firmware update, where the line would have taken it at once.
+    qint64 writeToLineNow(const QByteArray& data);
     // The two lines of a failed write; called without the lock, like every call that can
     // reach the application (its message handler) or the port's error handling.
     void logWriteError(QSerialPort::SerialPortError error) const;

@@ -93,6 +93,8 @@ private slots:
     void writeRawWritesPacketAtOnceOutsideBuffer();
     void writeRawWritesAutoBaudAsTwoBytes();
     void writeRawOnClosedPortWritesNothing();
+    void writesReachTheLineBeforeTheEventLoopRuns();
+    void whatTheLineCannotTakeFollowsInOrder();
 
     void receivedBytesReachDataReceiver();
     void receivedBytesWithoutReceiverAreDropped();
@@ -481,6 +483,46 @@ void TestHardwareSerialConnection::hangUpOfSectionLogsOneReadErrorAndClosesThePo
     QTest::qWait(100);
     QCOMPARE(log.lines(), QList<LogCapture::Line>{readError});
     QVERIFY(!m_connection->isOpen());
+}
+
+void TestHardwareSerialConnection::writesReachTheLineBeforeTheEventLoopRuns()
+{
+    // An update's packet waits for no pass of the event loop: it is on the line when the
+    // write returns, and so is a flushed message.
+    m_connection->open();
+    const QByteArray block(64, char(0x5a));
+    m_connection->writeRaw(BootloaderPacket(BootloaderCommand::SendData, block));
+    m_sim->readLineNow();
+    const QByteArray packet =
+        encodeBootloaderPacket(BootloaderPacket(BootloaderCommand::SendData, block));
+    QCOMPARE(m_sim->receivedBytes(), packet);
+    m_connection->sendMessage(SerialMessage(MessageType::Ping, 0));
+    m_connection->flush();
+    m_sim->readLineNow();
+    QCOMPARE(m_sim->receivedBytes(), packet + QByteArray::fromHex("03000003"));
+}
+
+void TestHardwareSerialConnection::whatTheLineCannotTakeFollowsInOrder()
+{
+    // More than a pty holds while nobody reads it: the line takes what it can at once, the
+    // port keeps the rest and writes it as the line drains, and a later write waits behind
+    // it.
+    m_connection->open();
+    QByteArray burst;
+    const SerialMessage message(7, 4, {0x01, 0x2C});
+    while (burst.size() < 256 * 1024) {
+        burst.append(encode(message));
+        m_connection->sendMessage(message);
+    }
+    m_connection->flush();
+    m_connection->writeRaw(BootloaderPacket(BootloaderCommand::Reset));
+    m_sim->readLineNow();
+    const int taken = m_sim->receivedBytes().size();
+    QVERIFY2(taken > 0 && taken < burst.size(), qPrintable(QString::number(taken)));
+    QVERIFY(m_sim->receivedBytes() == burst.left(taken));
+    const QByteArray expected = burst + QByteArray::fromHex("032525");
+    QTRY_COMPARE_WITH_TIMEOUT(m_sim->receivedBytes().size(), expected.size(), Timeout);
+    QVERIFY(m_sim->receivedBytes() == expected);
 }
 
 void TestHardwareSerialConnection::hangUpAfterTheLinkWroteLogsOneErrorAndClosesThePort()

@@ -166,6 +166,11 @@ bool PtySectionSimulator::isOpen() const
     return m_masterFd >= 0;
 }
 
+void PtySectionSimulator::readLineNow()
+{
+    onReadable();
+}
+
 QString PtySectionSimulator::errorString() const
 {
     return m_error;

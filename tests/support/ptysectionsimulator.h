@@ -104,6 +104,9 @@ public:
     QString errorString() const;
     // The slave device ("/dev/pts/N") for the plugin to open.
     QString slavePath() const;
+    // Takes in what the plugin's end has written so far, as the event loop would when the
+    // line is readable, but at once: a test sees what is on the line when a write returns.
+    void readLineNow();
 
     // The slave's line settings as the plugin's end last set them. The simulator leaves
     // the slave at 9600 baud, 2 stop bits and hardware flow control (in raw mode, so no
