@@ -17,6 +17,8 @@
 #include "framedecoder.h"
 #include "interruptwatcher.h"
 #include "portlock.h"
+#include "portscommand.h"
+#include "probecommand.h"
 #include "progressbar.h"
 #include "sectionsession.h"
 #include "serial/hardwareserialconnection.h"
@@ -26,6 +28,7 @@
 #include "surface/deviceidtable.h"
 #include "tasks/monotonicclock.h"
 #include "tasks/taskpool.h"
+#include "toolcontext.h"
 #include "tooloutput.h"
 #include "toolsettings.h"
 #include "tracecommand.h"
@@ -89,13 +92,6 @@ QString failureText(const SectionSession::FailureDetail& detail, qint64 totalBlo
     }
 }
 
-void keepFirst(int& code, int candidate)
-{
-    if (code == ExitCode::Success) {
-        code = candidate;
-    }
-}
-
 // The link's states in the words monitor prints.
 QString linkStateName(uint8_t state)
 {
@@ -140,18 +136,25 @@ int WorksurfaceTool::run(const QStringList& arguments)
     m_logger = std::make_shared<Logger>(settings(QString()));
 
     const QString& command = m_options.command;
+    // The commands in classes of their own run on a context of their own.
+    ToolContext context(m_options);
+    if (command == QLatin1String("ports")) {
+        const int code = PortsCommand(context).run();
+        context.stopLinks();
+        return code;
+    }
+    if (command == QLatin1String("probe")) {
+        const int code = ProbeCommand(context).run();
+        context.stopLinks();
+        return code;
+    }
     if (command == QLatin1String("decode")) {
         return decode();
-    }
-    if (command == QLatin1String("ports")) {
-        return m_options.scan ? scanPorts() : ports();
     }
     m_pool = std::make_shared<TaskPool>();
     m_pool->start();
     int code = ExitCode::Usage;
-    if (command == QLatin1String("probe")) {
-        code = probe();
-    } else if (command == QLatin1String("flash")) {
+    if (command == QLatin1String("flash")) {
         code = flash();
     } else if (command == QLatin1String("monitor")) {
         code = monitor();
@@ -260,190 +263,6 @@ std::vector<QString> WorksurfaceTool::awaitApplication(const std::vector<Section
     };
     waitUntil(settle, INT_MAX);
     return states;
-}
-
-// --- ports -------------------------------------------------------------------------------
-
-int WorksurfaceTool::ports()
-{
-    int code = ExitCode::Success;
-    for (const auto& entry : sections()) {
-        // Plain copies, not structured bindings: the loop's lambdas capture them.
-        const uint8_t index = entry.first;
-        const QString device = entry.second;
-        const bool exists = !device.isEmpty() && QFileInfo::exists(device);
-        // Opened only for the check, with the link's own line settings, under the device's
-        // real name (the one its lock is taken by).
-        const QString canonical = QFileInfo(device).canonicalFilePath();
-        HardwareSerialConnection connection(index, canonical.isEmpty() ? device : canonical);
-        connection.open();
-        const bool openable = connection.isOpen();
-        const QString error =
-            openable ? QString() : PortLock::describe(device, connection.errorString());
-        connection.close();
-        if (!openable) {
-            keepFirst(code, ExitCode::PortError);
-        }
-        if (m_output->isJson()) {
-            JsonLine line;
-            line.add("section", static_cast<int>(index))
-                .add("device", device)
-                .add("exists", exists)
-                .add("openable", openable);
-            if (!openable) {
-                line.add("error", error);
-            }
-            m_output->json(line);
-        } else {
-            QString text =
-                QStringLiteral("section %1  %2  %3  ")
-                    .arg(index)
-                    .arg(device, exists ? QStringLiteral("exists") : QStringLiteral("missing"));
-            text += openable ? QStringLiteral("openable")
-                             : QStringLiteral("not openable: %1").arg(error);
-            m_output->text(text);
-        }
-    }
-    return code;
-}
-
-int WorksurfaceTool::scanPorts()
-{
-    // Every serial device the machine has, with the names that find it again after a
-    // replug (/dev/serial/by-id) and what the USB side says about it.
-    QMap<QString, QString> byId;
-    const QDir idDirectory(QStringLiteral("/dev/serial/by-id"));
-    for (const QFileInfo& link : idDirectory.entryInfoList(QDir::System | QDir::Files)) {
-        byId.insert(link.canonicalFilePath(), link.absoluteFilePath());
-    }
-    const QList<QSerialPortInfo> infos = QSerialPortInfo::availablePorts();
-    for (const QSerialPortInfo& info : infos) {
-        const QString device = info.systemLocation();
-        const QString canonical = QFileInfo(device).canonicalFilePath();
-        const QString id = byId.value(canonical.isEmpty() ? device : canonical);
-        const qint64 pid = PortLock::holder(canonical.isEmpty() ? device : canonical);
-        QString driver;
-        const QString sysDriver =
-            QFileInfo(QStringLiteral("/sys/class/tty/%1/device/driver").arg(info.portName()))
-                .canonicalFilePath();
-        if (!sysDriver.isEmpty()) {
-            driver = QFileInfo(sysDriver).fileName();
-        }
-        const auto hex4 = [](quint16 value) {
-            return QStringLiteral("%1").arg(value, 4, 16, QLatin1Char('0'));
-        };
-        if (m_output->isJson()) {
-            JsonLine line;
-            line.add("device", device);
-            if (!id.isEmpty()) {
-                line.add("byId", id);
-            }
-            if (info.hasVendorIdentifier()) {
-                line.add("vendorId", hex4(info.vendorIdentifier()));
-            }
-            if (info.hasProductIdentifier()) {
-                line.add("productId", hex4(info.productIdentifier()));
-            }
-            if (!info.serialNumber().isEmpty()) {
-                line.add("serialNumber", info.serialNumber());
-            }
-            if (!info.description().isEmpty()) {
-                line.add("description", info.description());
-            }
-            if (!driver.isEmpty()) {
-                line.add("driver", driver);
-            }
-            if (pid > 0) {
-                line.add("pid", pid);
-            }
-            m_output->json(line);
-            continue;
-        }
-        QStringList fields{device};
-        if (!id.isEmpty()) {
-            fields << id;
-        }
-        if (info.hasVendorIdentifier() && info.hasProductIdentifier()) {
-            fields << QStringLiteral("usb %1:%2")
-                          .arg(hex4(info.vendorIdentifier()), hex4(info.productIdentifier()));
-        }
-        if (!info.serialNumber().isEmpty()) {
-            fields << QStringLiteral("serial %1").arg(info.serialNumber());
-        }
-        if (!info.description().isEmpty()) {
-            fields << info.description();
-        }
-        if (!driver.isEmpty()) {
-            fields << QStringLiteral("driver %1").arg(driver);
-        }
-        fields << (pid > 0 ? QStringLiteral("in use by pid %1").arg(pid) : QStringLiteral("free"));
-        m_output->text(fields.join(QStringLiteral("  ")));
-    }
-    if (infos.isEmpty()) {
-        ToolOutput::note(QStringLiteral("no serial devices found"));
-    }
-    return ExitCode::Success;
-}
-
-// --- probe -------------------------------------------------------------------------------
-
-int WorksurfaceTool::probe()
-{
-    const auto entries = sections();
-    std::vector<std::unique_ptr<SectionSession>> all;
-    std::vector<SectionSession*> open;
-    for (const auto& entry : entries) {
-        all.push_back(session(entry.first, entry.second));
-        if (all.back()->open(true)) {
-            open.push_back(all.back().get());
-        }
-    }
-    // Every section at once: N silent sections take one time-out, not N.
-    const std::vector<QString> answers = awaitApplication(open);
-
-    int code = ExitCode::Success;
-    std::size_t next = 0;
-    for (auto& s : all) {
-        QString state;
-        QString error;
-        if (next < open.size() && open[next] == s.get()) {
-            state = answers[next++];
-            if (state != QLatin1String("application")) {
-                keepFirst(code, ExitCode::NoAnswer);
-            }
-        } else {
-            state = QStringLiteral("port-error");
-            error = s->portError();
-            keepFirst(code, ExitCode::PortError);
-        }
-        s->close();
-        const uint8_t index = s->index();
-        const QString& device = s->device();
-        const bool application = state == QLatin1String("application");
-        if (m_output->isJson()) {
-            JsonLine line;
-            line.add("section", static_cast<int>(index)).add("device", device).add("state", state);
-            if (application) {
-                line.add("version", s->version()).add("temperature", s->temperature());
-            }
-            if (!error.isEmpty()) {
-                line.add("error", error);
-            }
-            m_output->json(line);
-        } else {
-            QString text = QStringLiteral("section %1  %2  %3").arg(index).arg(device, state);
-            if (application) {
-                text += QStringLiteral("  version %1  temperature %2")
-                            .arg(s->version())
-                            .arg(s->temperature());
-            }
-            if (!error.isEmpty()) {
-                text += QStringLiteral("  %1").arg(error);
-            }
-            m_output->text(text);
-        }
-    }
-    return code;
 }
 
 // --- flash -------------------------------------------------------------------------------
@@ -783,7 +602,7 @@ int WorksurfaceTool::flash()
                            JsonLine()
                                .add("version", s.version())
                                .add("expected", m_options.expectVersion));
-                    keepFirst(code, ExitCode::WrongVersion);
+                    ExitCode::keepFirst(code, ExitCode::WrongVersion);
                 }
                 break;
             case FlashJob::Outcome::Ready:
@@ -814,26 +633,26 @@ int WorksurfaceTool::flash()
                 }
                 failed(&job, index, exitForFailure(detail.reason), failureText(detail, totalBlocks),
                        detail.reason, QString(), extra);
-                keepFirst(code, exitForFailure(detail.reason));
+                ExitCode::keepFirst(code, exitForFailure(detail.reason));
                 break;
             }
             case FlashJob::Outcome::Application:
                 failed(&job, index, ExitCode::NotInBootloader,
                        QStringLiteral("running its application, not its bootloader: not flashed"),
                        -1, QString(), JsonLine());
-                keepFirst(code, ExitCode::NotInBootloader);
+                ExitCode::keepFirst(code, ExitCode::NotInBootloader);
                 break;
             case FlashJob::Outcome::Silent:
                 failed(&job, index, ExitCode::NoAnswer, QStringLiteral("no answer in time"), -1,
                        QString(), JsonLine());
-                keepFirst(code, ExitCode::NoAnswer);
+                ExitCode::keepFirst(code, ExitCode::NoAnswer);
                 break;
             case FlashJob::Outcome::StaysInBootloader:
                 failed(&job, index, ExitCode::StillInBootloader,
                        QStringLiteral("still in its bootloader after %1 updates")
                            .arg(kMaxUpdatePasses),
                        -1, QString(), JsonLine());
-                keepFirst(code, ExitCode::StillInBootloader);
+                ExitCode::keepFirst(code, ExitCode::StillInBootloader);
                 break;
             case FlashJob::Outcome::Interrupted: {
                 const QString what = job.resetSent ? QStringLiteral("interrupted: section reset")
@@ -850,14 +669,14 @@ int WorksurfaceTool::flash()
                                       .arg(what)
                                       .arg(ExitCode::Interrupted));
                 }
-                keepFirst(code, ExitCode::Interrupted);
+                ExitCode::keepFirst(code, ExitCode::Interrupted);
                 break;
             }
             case FlashJob::Outcome::PortError: {
                 const QString error = s.portError();
                 failed(&job, index, ExitCode::PortError,
                        QStringLiteral("port error: %1").arg(error), -1, error, JsonLine());
-                keepFirst(code, ExitCode::PortError);
+                ExitCode::keepFirst(code, ExitCode::PortError);
                 break;
             }
         }
@@ -968,7 +787,7 @@ int WorksurfaceTool::monitor()
             ToolOutput::note(QStringLiteral("section %1  %2  port-error  %3")
                                  .arg(index)
                                  .arg(device, s->portError()));
-            keepFirst(code, ExitCode::PortError);
+            ExitCode::keepFirst(code, ExitCode::PortError);
             continue;
         }
         names << QString::number(index);
@@ -1049,7 +868,7 @@ int WorksurfaceTool::monitor()
         s->close();
     }
     if (lost) {
-        keepFirst(code, ExitCode::PortError);
+        ExitCode::keepFirst(code, ExitCode::PortError);
     }
     ToolOutput::note(QStringLiteral("monitor ended"));
     return code;
@@ -1122,11 +941,11 @@ int WorksurfaceTool::exercise()
         if (next < open.size() && open[next] == s.get()) {
             state = answers[next++];
             if (state != QLatin1String("application")) {
-                keepFirst(code, ExitCode::NoAnswer);
+                ExitCode::keepFirst(code, ExitCode::NoAnswer);
             }
         } else {
             state = QStringLiteral("port-error  ") + s->portError();
-            keepFirst(code, ExitCode::PortError);
+            ExitCode::keepFirst(code, ExitCode::PortError);
         }
         if (state != QLatin1String("application")) {
             s->close();
@@ -1252,12 +1071,12 @@ int WorksurfaceTool::exercise()
                                      .arg(index)
                                      .arg(ExitCode::Interrupted));
             }
-            keepFirst(code, ExitCode::Interrupted);
+            ExitCode::keepFirst(code, ExitCode::Interrupted);
             break;
         }
         if (!alive) {
             ToolOutput::note(QStringLiteral("section %1 stopped answering").arg(index));
-            keepFirst(code, ExitCode::NoAnswer);
+            ExitCode::keepFirst(code, ExitCode::NoAnswer);
         }
     }
     return code;

@@ -35,14 +35,10 @@ private:
     std::unique_ptr<SectionSession> session(uint8_t index, const QString& device,
                                             const QString& firmware = QString());
 
-    int ports();
-    int probe();
     int flash();
     int monitor();
     int decode();
     int exercise();
-
-    int scanPorts();
 
     // Runs the event loop until the condition holds or the time is up; true when it holds.
     static bool waitUntil(const std::function<bool()>& condition, int timeoutMs);
