@@ -34,3 +34,8 @@ void ToolOutput::note(const QString& line)
     std::fwrite(bytes.constData(), 1, static_cast<std::size_t>(bytes.size()), stderr);
     std::fflush(stderr);
 }
+
+void ToolOutput::cannotRead(const QString& file, const QString& why)
+{
+    note(QStringLiteral("worksurface-tool: cannot read %1: %2").arg(file, why));
+}

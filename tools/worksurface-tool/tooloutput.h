@@ -26,6 +26,9 @@ public:
     // Without a line end: the progress bar redraws its line with a carriage return.
     void raw(const QByteArray& bytes);
     static void note(const QString& line);
+    // "worksurface-tool: cannot read FILE: why", the words of every command that reads a
+    // file (why: the system's reason, e.g. "No such file or directory").
+    static void cannotRead(const QString& file, const QString& why);
 
 private:
     bool m_json;

@@ -394,8 +394,7 @@ int TraceCommand::run(const QStringList& arguments)
 
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
-        ToolOutput::note(
-            QStringLiteral("worksurface-tool: cannot read %1: %2").arg(path, file.errorString()));
+        ToolOutput::cannotRead(path, file.errorString());
         return ExitCode::FileError;
     }
 

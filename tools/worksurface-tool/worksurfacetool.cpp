@@ -13,6 +13,7 @@
 
 #include "base/jsonline.h"
 #include "base/logger.h"
+#include "decodecommand.h"
 #include "exitcode.h"
 #include "framedecoder.h"
 #include "interruptwatcher.h"
@@ -149,7 +150,9 @@ int WorksurfaceTool::run(const QStringList& arguments)
         return code;
     }
     if (command == QLatin1String("decode")) {
-        return decode();
+        const int code = DecodeCommand(context).run();
+        context.stopLinks();
+        return code;
     }
     m_pool = std::make_shared<TaskPool>();
     m_pool->start();
@@ -872,46 +875,6 @@ int WorksurfaceTool::monitor()
     }
     ToolOutput::note(QStringLiteral("monitor ended"));
     return code;
-}
-
-// --- decode ------------------------------------------------------------------------------
-
-int WorksurfaceTool::decode()
-{
-    QFile file;
-    if (m_options.file.isEmpty()) {
-        file.open(stdin, QIODevice::ReadOnly);
-    } else {
-        file.setFileName(m_options.file);
-        if (!file.open(QIODevice::ReadOnly)) {
-            ToolOutput::note(QStringLiteral("worksurface-tool: cannot read %1: %2")
-                                 .arg(m_options.file, file.errorString()));
-            return ExitCode::FileError;
-        }
-    }
-    const uint8_t section = m_options.section >= 0 ? static_cast<uint8_t>(m_options.section) : 0;
-    TrafficPrinter printer(*m_output, TrafficPrinter::Position::Offset, m_options.raw);
-    printer.setFilter(m_options.types, m_options.devices, m_options.dir);
-    if (m_options.section >= 0) {
-        // A capture from a known section names only the controls that section has;
-        // without --section every control the table knows is named.
-        const ToolSettings model(m_options.mode, QString(), false);
-        printer.setScope(section, MessageCatalog::scopeFor(model, section));
-    }
-    FrameDecoder decoder([&](const FrameDecoder::Event& event) {
-        printer.print(event.offset, section, true, event);
-    });
-    // Read until the end of the stream; a pipe may deliver its bytes late, so an empty
-    // read, not atEnd(), ends it.
-    for (;;) {
-        const QByteArray chunk = file.read(65536);
-        if (chunk.isEmpty()) {
-            break;
-        }
-        decoder.feed(chunk);
-    }
-    decoder.finish();
-    return ExitCode::Success;
 }
 
 // --- exercise ----------------------------------------------------------------------------

@@ -37,7 +37,6 @@ private:
 
     int flash();
     int monitor();
-    int decode();
     int exercise();
 
     // Runs the event loop until the condition holds or the time is up; true when it holds.
