@@ -14,6 +14,7 @@
 #include "base/jsonline.h"
 #include "base/logger.h"
 #include "decodecommand.h"
+#include "exercisecommand.h"
 #include "exitcode.h"
 #include "framedecoder.h"
 #include "interruptwatcher.h"
@@ -154,6 +155,11 @@ int WorksurfaceTool::run(const QStringList& arguments)
         context.stopLinks();
         return code;
     }
+    if (command == QLatin1String("exercise")) {
+        const int code = ExerciseCommand(context).run();
+        context.stopLinks();
+        return code;
+    }
     m_pool = std::make_shared<TaskPool>();
     m_pool->start();
     int code = ExitCode::Usage;
@@ -161,8 +167,6 @@ int WorksurfaceTool::run(const QStringList& arguments)
         code = flash();
     } else if (command == QLatin1String("monitor")) {
         code = monitor();
-    } else if (command == QLatin1String("exercise")) {
-        code = exercise();
     }
     m_pool->stop();
     return code;
@@ -222,50 +226,6 @@ bool WorksurfaceTool::waitUntil(const std::function<bool()>& condition, int time
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     }
     return true;
-}
-
-std::vector<QString> WorksurfaceTool::awaitApplication(const std::vector<SectionSession*>& sessions)
-{
-    // Per section: the updater's probe comes first (a bootloader acknowledges it, an
-    // application answers that it is none), and only then does the link ping. Every
-    // section runs through this at the same time, each with its own time-out per step.
-    const qint64 timeoutNs = m_options.timeoutMs * kNsPerMs;
-    std::vector<QString> states(sessions.size());
-    std::vector<qint64> deadlines(sessions.size(), MonotonicClock::nowNs() + timeoutNs);
-    std::vector<bool> probed(sessions.size(), false);
-    const auto settle = [&] {
-        bool all = true;
-        const qint64 now = MonotonicClock::nowNs();
-        for (std::size_t i = 0; i < sessions.size(); ++i) {
-            SectionSession& s = *sessions[i];
-            if (!states[i].isEmpty()) {
-                continue;
-            }
-            if (!probed[i] && s.updaterState() != SectionUpdater::Exchanging) {
-                if (s.updaterState() == SectionUpdater::InBootloader) {
-                    states[i] = QStringLiteral("bootloader");
-                    continue;
-                }
-                probed[i] = true;
-                deadlines[i] = now + timeoutNs;
-            }
-            if (probed[i] && s.hasVersion()) {
-                states[i] = QStringLiteral("application");
-                continue;
-            }
-            if (now >= deadlines[i]) {
-                // Bytes that came without an answer: a section on another baud rate, a
-                // wrong device, a line picking up noise; not a dead line.
-                states[i] = s.bytesReceivedCount() > 0 ? QStringLiteral("garbled")
-                                                       : QStringLiteral("silent");
-                continue;
-            }
-            all = false;
-        }
-        return all;
-    };
-    waitUntil(settle, INT_MAX);
-    return states;
 }
 
 // --- flash -------------------------------------------------------------------------------
@@ -874,173 +834,5 @@ int WorksurfaceTool::monitor()
         ExitCode::keepFirst(code, ExitCode::PortError);
     }
     ToolOutput::note(QStringLiteral("monitor ended"));
-    return code;
-}
-
-// --- exercise ----------------------------------------------------------------------------
-
-int WorksurfaceTool::exercise()
-{
-    InterruptWatcher watcher;
-    TrafficPrinter printer(*m_output, TrafficPrinter::Position::Time, false);
-    const ToolSettings model(m_options.mode, QString(), false);
-    int code = ExitCode::Success;
-    // Every section is opened and probed at once (one time-out in all); the pattern then
-    // goes to one section after another, for the eye to follow.
-    std::vector<std::unique_ptr<SectionSession>> all;
-    std::vector<SectionSession*> open;
-    for (const auto& entry : sections()) {
-        all.push_back(session(entry.first, entry.second));
-        if (all.back()->open(true)) {
-            open.push_back(all.back().get());
-        }
-    }
-    const std::vector<QString> answers = awaitApplication(open);
-    std::size_t next = 0;
-    for (auto& s : all) {
-        const uint8_t index = s->index();
-        const QString device = s->device();
-        QString state;
-        if (next < open.size() && open[next] == s.get()) {
-            state = answers[next++];
-            if (state != QLatin1String("application")) {
-                ExitCode::keepFirst(code, ExitCode::NoAnswer);
-            }
-        } else {
-            state = QStringLiteral("port-error  ") + s->portError();
-            ExitCode::keepFirst(code, ExitCode::PortError);
-        }
-        if (state != QLatin1String("application")) {
-            s->close();
-            ToolOutput::note(
-                QStringLiteral("section %1  %2  %3: not exercised").arg(index).arg(device, state));
-            continue;
-        }
-        if (watcher.isInterrupted()) {
-            s->close();
-            continue;
-        }
-        const uint8_t section = index;
-        printer.setScope(index, MessageCatalog::scopeFor(model, index));
-        s->onTraffic = [this, &printer, section](qint64 nowNs, bool incoming,
-                                                 const FrameDecoder::Event& event) {
-            if (!incoming) {
-                printer.print(nowNs - m_startNs, section, incoming, event);
-            }
-        };
-
-        // The controls this section has, by the same table and counts the plugin builds
-        // them from.
-        const bool master = model.masterSectionIndex() == index;
-        std::vector<uint8_t> faders;
-        std::vector<uint8_t> leds;
-        std::vector<uint8_t> rgbLeds;
-        std::vector<uint8_t> meters;
-        for (int i = 0; i < model.stripCount(); ++i) {
-            faders.push_back(DeviceIdTable::fader(FaderType::Fader, i));
-            leds.push_back(DeviceIdTable::led(LedType::MuteButton, i));
-            leds.push_back(DeviceIdTable::led(LedType::SoloButton, i));
-            rgbLeds.push_back(DeviceIdTable::rgbLed(RgbLedType::UnderscreenRotaryButton, i));
-        }
-        if (master) {
-            faders.push_back(DeviceIdTable::fader(FaderType::MasterFader, 0));
-            for (LedType type :
-                 {LedType::MasterMuteButton, LedType::LayerDownButton, LedType::LayerUpButton,
-                  LedType::NextSnapsthotButton, LedType::PreviousSnapshotButton,
-                  LedType::OverviewButton, LedType::SpillsetButton}) {
-                leds.push_back(DeviceIdTable::led(type, 0));
-            }
-            for (int k = 0; k < model.sideRotaryCount(); ++k) {
-                rgbLeds.push_back(DeviceIdTable::rgbLed(RgbLedType::SideRotaryButton, k));
-            }
-            for (RgbLedType type :
-                 {RgbLedType::NameLogo, RgbLedType::MainLogo, RgbLedType::HeadphoneLogo,
-                  RgbLedType::SnapshotLogo, RgbLedType::DashboardLogo, RgbLedType::OverviewLogo}) {
-                rgbLeds.push_back(DeviceIdTable::rgbLed(type, 0));
-            }
-            meters.push_back(DeviceIdTable::meter(MeterType::MasterLeft));
-            meters.push_back(DeviceIdTable::meter(MeterType::MasterRight));
-        }
-
-        ISerialMessageSender& sender = s->sender();
-        bool alive = true;
-        // One step: queue it, let the link send all of it, then wait for the eye.
-        const auto step = [&](const std::function<void()>& queue) {
-            if (!alive || watcher.isInterrupted()) {
-                return;
-            }
-            queue();
-            // A link whose device went away empties its queue into nothing.
-            alive = waitUntil([&] { return s->queuedMessages() == 0 || watcher.isInterrupted(); },
-                              m_options.timeoutMs) &&
-                    s->serialIsOpen();
-            waitUntil([&] { return watcher.isInterrupted(); }, m_options.stepMs);
-        };
-        for (uint16_t position : {uint16_t{0}, uint16_t{511}, uint16_t{0}}) {
-            step([&] {
-                for (uint8_t id : faders) {
-                    sender.sendFaderPosition(id, position);
-                }
-            });
-        }
-        for (std::size_t i = 0; i <= leds.size(); ++i) {
-            step([&] {
-                if (i > 0) {
-                    sender.sendLed(leds[i - 1], 0, 0, 0);
-                }
-                if (i < leds.size()) {
-                    sender.sendLed(leds[i], 255, 0, 0);
-                }
-            });
-        }
-        for (uint32_t colour : {0xFF0000u, 0x00FF00u, 0x0000FFu, 0x000000u}) {
-            step([&] {
-                for (uint8_t id : rgbLeds) {
-                    sender.sendColor(id, colour, 0, 0);
-                }
-            });
-        }
-        if (!meters.empty()) {
-            for (uint8_t level : {0, 6, 12, 18, 24, 18, 12, 6, 0}) {
-                step([&] {
-                    for (uint8_t id : meters) {
-                        sender.sendMeterLevel(id, level);
-                    }
-                });
-            }
-        }
-        if (watcher.isInterrupted()) {
-            // Stopped early: nothing stays lit. The queue may still hold part of a step;
-            // the dark frames go out at once, ahead of it.
-            for (uint8_t id : leds) {
-                s->sendDirect(SerialMessage(MessageType::Led, id, {0, 0}));
-            }
-            for (uint8_t id : rgbLeds) {
-                s->sendDirect(SerialMessage(MessageType::RgbColor, id, {0, 0, 0, 0}));
-            }
-        }
-        // Let the last writes leave the port before it closes.
-        waitUntil([] { return false; }, watcher.isInterrupted() ? kInterruptDrainMs : 200);
-        s->onTraffic = nullptr;
-        s->close();
-        if (watcher.isInterrupted()) {
-            if (m_output->isJson()) {
-                m_output->json(JsonLine()
-                                   .add("section", static_cast<int>(index))
-                                   .add("event", "interrupted")
-                                   .add("exit", int(ExitCode::Interrupted)));
-            } else {
-                ToolOutput::note(QStringLiteral("section %1 interrupted: LEDs off (exit %2)")
-                                     .arg(index)
-                                     .arg(ExitCode::Interrupted));
-            }
-            ExitCode::keepFirst(code, ExitCode::Interrupted);
-            break;
-        }
-        if (!alive) {
-            ToolOutput::note(QStringLiteral("section %1 stopped answering").arg(index));
-            ExitCode::keepFirst(code, ExitCode::NoAnswer);
-        }
-    }
     return code;
 }

@@ -37,13 +37,9 @@ private:
 
     int flash();
     int monitor();
-    int exercise();
 
     // Runs the event loop until the condition holds or the time is up; true when it holds.
     static bool waitUntil(const std::function<bool()>& condition, int timeoutMs);
-    // The probe and the ping answer of open sessions, all at once within one time-out
-    // each: "application", "bootloader", "garbled" (bytes came, but no answer) or "silent".
-    std::vector<QString> awaitApplication(const std::vector<SectionSession*>& sessions);
     // Why the image cannot be flashed (empty, not a binary image, too large), or empty.
     QString imageProblem(const QByteArray& head, qint64 size) const;
 
