@@ -18,6 +18,7 @@
 #include "exitcode.h"
 #include "framedecoder.h"
 #include "interruptwatcher.h"
+#include "monitorcommand.h"
 #include "portlock.h"
 #include "portscommand.h"
 #include "probecommand.h"
@@ -46,9 +47,6 @@ namespace {
 // How many times flash lets the updater write the image into a section that stays in its
 // bootloader after the reset (the updater's own retry), before it gives up on the section.
 constexpr int kMaxUpdatePasses = 2;
-// How often monitor's links probe again for a section that has not answered yet, and
-// reopen a device that went away.
-constexpr int kMonitorReconnectMs = 1000;
 // After Ctrl-C: how long the reset (flash) or the dark LEDs (exercise) get to leave the
 // port before it closes.
 constexpr int kInterruptDrainMs = 200;
@@ -91,29 +89,6 @@ QString failureText(const SectionSession::FailureDetail& detail, qint64 totalBlo
                 .arg(detail.offset);
         default:
             return QStringLiteral("the firmware file is missing or unreadable");
-    }
-}
-
-// The link's states in the words monitor prints.
-QString linkStateName(uint8_t state)
-{
-    switch (state) {
-        case ISectionConnection::Connected:
-            return QStringLiteral("connected");
-        case ISectionConnection::Closed:
-            return QStringLiteral("closed");
-        case ISectionConnection::Connecting:
-            return QStringLiteral("connecting");
-        case ISectionConnection::Updating:
-            return QStringLiteral("updating");
-        case ISectionConnection::Calibrating:
-            return QStringLiteral("calibrating");
-        case ISectionConnection::SerialError:
-            return QStringLiteral("serial-error");
-        case ISectionConnection::NoResponse:
-            return QStringLiteral("no-response");
-        default:
-            return QStringLiteral("state %1").arg(state);
     }
 }
 
@@ -160,13 +135,16 @@ int WorksurfaceTool::run(const QStringList& arguments)
         context.stopLinks();
         return code;
     }
+    if (command == QLatin1String("monitor")) {
+        const int code = MonitorCommand(context).run();
+        context.stopLinks();
+        return code;
+    }
     m_pool = std::make_shared<TaskPool>();
     m_pool->start();
     int code = ExitCode::Usage;
     if (command == QLatin1String("flash")) {
         code = flash();
-    } else if (command == QLatin1String("monitor")) {
-        code = monitor();
     }
     m_pool->stop();
     return code;
@@ -711,128 +689,5 @@ int WorksurfaceTool::flash()
         }
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     }
-    return code;
-}
-
-// --- monitor -----------------------------------------------------------------------------
-
-int WorksurfaceTool::monitor()
-{
-    InterruptWatcher watcher;
-    TrafficPrinter printer(*m_output, TrafficPrinter::Position::Time, m_options.raw);
-    printer.setFilter(m_options.types, m_options.devices, m_options.dir);
-    printer.setTimeMode(m_options.time);
-    const ToolSettings model(m_options.mode, QString(), false);
-    int code = ExitCode::Success;
-    std::vector<std::unique_ptr<SectionSession>> sessions;
-    // Per section: the link has been up once; the device is open.
-    std::vector<bool> up;
-    QStringList names;
-    for (const auto& entry : sections()) {
-        // Plain copies, not structured bindings: the loop's lambdas capture them.
-        const uint8_t index = entry.first;
-        const QString device = entry.second;
-        std::unique_ptr<SectionSession> s = session(index, device);
-        printer.setScope(index, MessageCatalog::scopeFor(model, index));
-        const uint8_t section = index;
-        s->onTraffic = [this, &printer, section](qint64 nowNs, bool incoming,
-                                                 const FrameDecoder::Event& event) {
-            printer.print(nowNs - m_startNs, section, incoming, event);
-        };
-        if (m_options.listenOnly) {
-            s->setListenOnly(true);
-        } else {
-            // A section powered up after the monitor started, or one whose device comes
-            // back, is found by probing again.
-            s->setReconnectIntervalMs(kMonitorReconnectMs);
-        }
-        if (!s->open(true)) {
-            ToolOutput::note(QStringLiteral("section %1  %2  port-error  %3")
-                                 .arg(index)
-                                 .arg(device, s->portError()));
-            ExitCode::keepFirst(code, ExitCode::PortError);
-            continue;
-        }
-        names << QString::number(index);
-        sessions.push_back(std::move(s));
-    }
-    if (sessions.empty()) {
-        return code;
-    }
-    ToolOutput::note(QStringLiteral("monitoring section %1; Ctrl-C ends").arg(names.join(", ")));
-
-    up.assign(sessions.size(), false);
-    std::vector<bool> open(sessions.size(), true);
-    std::vector<bool> noted(sessions.size(), false);
-    std::vector<bool> reprobing(sessions.size(), false);
-    bool lost = false;
-    for (std::size_t i = 0; i < sessions.size(); ++i) {
-        SectionSession* s = sessions[i].get();
-        // The ordinary start (the probe answered at once) shows as the first ping; every
-        // change after it, and a late section's arrival, is told.
-        s->onLinkState = [&, i, s](qint64 nowNs, uint8_t state) {
-            const bool first = !up[i];
-            if (state == ISectionConnection::Connected) {
-                up[i] = true;
-            }
-            if (first && (state == ISectionConnection::Connecting ||
-                          (state == ISectionConnection::Connected && !reprobing[i]))) {
-                return;
-            }
-            printer.event(nowNs - m_startNs, s->index(),
-                          QStringLiteral("link %1").arg(linkStateName(state)), "link",
-                          JsonLine().add("state", linkStateName(state)));
-        };
-    }
-    waitUntil(
-        [&] {
-            const qint64 now = MonotonicClock::nowNs() - m_startNs;
-            for (std::size_t i = 0; i < sessions.size(); ++i) {
-                SectionSession& s = *sessions[i];
-                if (!noted[i] && s.updaterState() == SectionUpdater::InBootloader) {
-                    noted[i] = true;
-                    ToolOutput::note(QStringLiteral("section %1 is in its bootloader: left there")
-                                         .arg(s.index()));
-                }
-                if (!reprobing[i] && !up[i] && s.reconnectAttempts() > 0) {
-                    reprobing[i] = true;
-                    printer.event(now, s.index(),
-                                  QStringLiteral("no answer to the probe yet; probing again "
-                                                 "every %1 s")
-                                      .arg(kMonitorReconnectMs / 1000),
-                                  "waiting", JsonLine());
-                }
-                const bool isOpen = s.serialIsOpen();
-                if (open[i] && !isOpen) {
-                    open[i] = false;
-                    const QString error = s.serialError();
-                    printer.event(now, s.index(),
-                                  QStringLiteral("device lost: %1%2")
-                                      .arg(error, m_options.follow && !m_options.listenOnly
-                                                      ? QStringLiteral("; waiting for it")
-                                                      : QString()),
-                                  "lost", JsonLine().add("error", error));
-                    if (!m_options.follow || m_options.listenOnly) {
-                        lost = true;
-                    }
-                } else if (!open[i] && isOpen) {
-                    open[i] = true;
-                    printer.event(now, s.index(), QStringLiteral("device back"), "back",
-                                  JsonLine());
-                }
-            }
-            return lost || watcher.isInterrupted();
-        },
-        INT_MAX);
-    for (auto& s : sessions) {
-        s->flushTraffic();
-        s->onTraffic = nullptr;
-        s->onLinkState = nullptr;
-        s->close();
-    }
-    if (lost) {
-        ExitCode::keepFirst(code, ExitCode::PortError);
-    }
-    ToolOutput::note(QStringLiteral("monitor ended"));
     return code;
 }

@@ -36,7 +36,6 @@ private:
                                             const QString& firmware = QString());
 
     int flash();
-    int monitor();
 
     // Runs the event loop until the condition holds or the time is up; true when it holds.
     static bool waitUntil(const std::function<bool()>& condition, int timeoutMs);
