@@ -140,6 +140,10 @@ public:
     void setLinkReady(bool ready) override;
 
 private:
+    // The tap between the link and the port: what goes out and comes in is seen here.
+    void tapTheLine();
+    // The updater failed (its reasons); what the line showed of it is kept.
+    void updateFailed(int reason);
     void bytesReceived(const QByteArray& data);
     // Bytes that reach the updater, not the parser: its answers are its own, the rest is
     // shown as noise.

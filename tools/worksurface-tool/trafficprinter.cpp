@@ -100,52 +100,64 @@ void TrafficPrinter::print(qint64 at, uint8_t section, bool incoming,
     if (!passes(incoming, event)) {
         return;
     }
-    const QString dir = incoming ? QStringLiteral("in") : QStringLiteral("out");
-    const QString hex = QString::fromLatin1(event.bytes.toHex());
-    const MessageCatalog::Scope scope = m_scopes.value(section, MessageCatalog::Scope());
-
     if (m_output.isJson()) {
-        JsonLine line;
-        addTime(line, at);
-        line.add("section", static_cast<int>(section)).add("dir", dir);
-        if (event.noise) {
-            line.add("noise", hex);
-            m_output.json(line);
-            return;
-        }
-        const MessageCatalog::Description d = MessageCatalog::describe(event.message, scope);
-        line.add("type", static_cast<int>(event.message.type))
-            .add("typeName", d.typeName)
-            .add("device", static_cast<int>(event.message.deviceId));
-        if (!d.control.isEmpty()) {
-            line.add("control", d.control);
-        }
-        if (d.versionReport) {
-            line.add("value",
-                     JsonLine().add("version", d.version).add("temperature", d.temperature));
-        } else if (d.hasValue) {
-            if (d.numeric) {
-                line.add("value", d.number);
-            } else {
-                line.add("value", d.valueWord);
-            }
-        }
-        if (m_raw) {
-            line.add("hex", hex);
-        }
+        printJson(at, section, incoming, event);
+    } else {
+        printText(at, section, incoming, event);
+    }
+}
+
+void TrafficPrinter::printJson(qint64 at, uint8_t section, bool incoming,
+                               const FrameDecoder::Event& event)
+{
+    const QString hex = QString::fromLatin1(event.bytes.toHex());
+    JsonLine line;
+    addTime(line, at);
+    line.add("section", static_cast<int>(section))
+        .add("dir", incoming ? QStringLiteral("in") : QStringLiteral("out"));
+    if (event.noise) {
+        line.add("noise", hex);
         m_output.json(line);
         return;
     }
+    const MessageCatalog::Description d =
+        MessageCatalog::describe(event.message, m_scopes.value(section, MessageCatalog::Scope()));
+    line.add("type", static_cast<int>(event.message.type))
+        .add("typeName", d.typeName)
+        .add("device", static_cast<int>(event.message.deviceId));
+    if (!d.control.isEmpty()) {
+        line.add("control", d.control);
+    }
+    if (d.versionReport) {
+        line.add("value", JsonLine().add("version", d.version).add("temperature", d.temperature));
+    } else if (d.hasValue) {
+        if (d.numeric) {
+            line.add("value", d.number);
+        } else {
+            line.add("value", d.valueWord);
+        }
+    }
+    if (m_raw) {
+        line.add("hex", hex);
+    }
+    m_output.json(line);
+}
 
+void TrafficPrinter::printText(qint64 at, uint8_t section, bool incoming,
+                               const FrameDecoder::Event& event)
+{
+    const QString hex = QString::fromLatin1(event.bytes.toHex());
     QStringList fields;
     fields << timeText(at);
-    fields << QStringLiteral("section %1").arg(section) << dir.leftJustified(3);
+    fields << QStringLiteral("section %1").arg(section)
+           << (incoming ? QStringLiteral("in ") : QStringLiteral("out"));
     if (event.noise) {
         fields << QStringLiteral("noise") << hex;
         m_output.text(fields.join(QStringLiteral("  ")));
         return;
     }
-    const MessageCatalog::Description d = MessageCatalog::describe(event.message, scope);
+    const MessageCatalog::Description d =
+        MessageCatalog::describe(event.message, m_scopes.value(section, MessageCatalog::Scope()));
     fields << d.typeName << QStringLiteral("device %1").arg(event.message.deviceId);
     if (!d.control.isEmpty()) {
         fields << d.control;

@@ -52,6 +52,8 @@ public:
 
 private:
     bool passes(bool incoming, const FrameDecoder::Event& event) const;
+    void printJson(qint64 at, uint8_t section, bool incoming, const FrameDecoder::Event& event);
+    void printText(qint64 at, uint8_t section, bool incoming, const FrameDecoder::Event& event);
     // The time column in text and the time keys in JSON.
     QString timeText(qint64 at);
     void addTime(Velmora::Worksurface::JsonLine& line, qint64 at);
