@@ -41,8 +41,8 @@ int DecodeCommand::run()
         printer.print(event.offset, section, true, event);
     });
     // Read until the end of the stream; a pipe may deliver its bytes late, so an empty
-    // read, not atEnd(), ends it.
-    for (;;) {
+    // read, not atEnd(), ends it. A reader of the output that went away ends it too.
+    while (!ToolOutput::isClosed()) {
         const QByteArray chunk = file.read(65536);
         if (chunk.isEmpty()) {
             break;

@@ -1,0 +1,111 @@
+// worksurface-tool flash end to end, beyond the command's every-day runs in
+// tst_worksurfacetool: a reader that goes away in the middle of a transfer. The built tool
+// runs as a child process against a pty section simulator in this process.
+
+#include <QFile>
+#include <QTemporaryDir>
+#include <QtTest>
+#include <memory>
+
+#include "support/ptysectionsimulator.h"
+#include "toolprocess.h"
+#include "updater/bootloaderpacket.h"
+
+using namespace Velmora::Worksurface;
+
+namespace {
+
+// Image bytes that differ from their neighbours and from the 0xFF padding.
+QByteArray imageOfSize(int size)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (int i = 0; i < size; ++i) {
+        bytes[i] = static_cast<char>((i * 7 + 3) % 251);
+    }
+    return bytes;
+}
+
+}  // namespace
+
+class tst_FlashCommand : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void aClosedOutputResetsTheSectionAndEndsAsCtrlCDoes();
+    void aClosedOutputEndsATextFlashAsWell();
+
+private:
+    QString writeImage(const QByteArray& image);
+
+    std::unique_ptr<QTemporaryDir> m_dir;
+    std::unique_ptr<PtySectionSimulator> m_sim;
+};
+
+void tst_FlashCommand::init()
+{
+    m_dir = std::make_unique<QTemporaryDir>();
+    QVERIFY(m_dir->isValid());
+    m_sim = std::make_unique<PtySectionSimulator>();
+    QVERIFY2(m_sim->isOpen(), qPrintable(m_sim->errorString()));
+}
+
+void tst_FlashCommand::cleanup()
+{
+    m_sim.reset();
+    m_dir.reset();
+}
+
+QString tst_FlashCommand::writeImage(const QByteArray& image)
+{
+    const QString path = m_dir->filePath(QStringLiteral("worksurface-new.bin"));
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(image) != image.size()) {
+        qFatal("cannot write the test image");
+    }
+    return path;
+}
+
+void tst_FlashCommand::aClosedOutputResetsTheSectionAndEndsAsCtrlCDoes()
+{
+    // `flash … --json | head -2`: the reader takes two progress lines and goes away while
+    // the image is still being written.
+    const QByteArray image = imageOfSize(256 * 1024);
+    const QString path = writeImage(image);
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    ToolProcess tool({"flash", path, "--json", "--section", "0", "--ports", m_sim->slavePath()},
+                     ToolProcess::Output::ClosablePipe);
+    QVERIFY(
+        tool.readUntil([](const QString& out, const QString&) { return out.count('\n') >= 2; }));
+    QVERIFY2(m_sim->image().size() < image.size(), "the transfer ended before the reader left");
+    tool.closeOutput();
+
+    const ToolProcess::Run r = tool.finish(20000);
+    // Not killed by its own output: the section is reset and the tool ends as on Ctrl-C.
+    QCOMPARE(r.exitStatus, QProcess::NormalExit);
+    QCOMPARE(r.exitCode, 9);
+    QVERIFY(waitFor([&] { return m_sim->commandCount(BootloaderCommand::Reset) == 1; }));
+    QCOMPARE(m_sim->mode(), PtySectionSimulator::Mode::Application);
+    QVERIFY(m_sim->image().size() < image.size());
+}
+
+void tst_FlashCommand::aClosedOutputEndsATextFlashAsWell()
+{
+    const QString path = writeImage(imageOfSize(256 * 1024));
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    ToolProcess tool({"flash", path, "--section", "0", "--ports", m_sim->slavePath()},
+                     ToolProcess::Output::ClosablePipe);
+    QVERIFY(tool.readUntil(
+        [](const QString& out, const QString&) { return out.contains(QLatin1String("  0 %")); }));
+    tool.closeOutput();
+    const ToolProcess::Run r = tool.finish(20000);
+    QCOMPARE(r.exitStatus, QProcess::NormalExit);
+    QCOMPARE(r.exitCode, 9);
+    QVERIFY(waitFor([&] { return m_sim->commandCount(BootloaderCommand::Reset) == 1; }));
+}
+
+QTEST_GUILESS_MAIN(tst_FlashCommand)
+#include "tst_flashcommand.moc"

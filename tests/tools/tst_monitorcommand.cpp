@@ -1,0 +1,61 @@
+// worksurface-tool monitor end to end, beyond the command's every-day runs in
+// tst_worksurfacetool: a reader of its output that goes away. The built tool runs as a
+// child process against pty section simulators in this process.
+
+#include <QFile>
+#include <QTemporaryDir>
+#include <QtTest>
+#include <memory>
+
+#include "support/ptysectionsimulator.h"
+#include "toolprocess.h"
+
+class tst_MonitorCommand : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    void aClosedOutputEndsMonitorAsCtrlCDoes();
+
+private:
+    std::unique_ptr<QTemporaryDir> m_dir;
+    std::unique_ptr<PtySectionSimulator> m_sim;
+};
+
+void tst_MonitorCommand::init()
+{
+    m_dir = std::make_unique<QTemporaryDir>();
+    QVERIFY(m_dir->isValid());
+    m_sim = std::make_unique<PtySectionSimulator>();
+    QVERIFY2(m_sim->isOpen(), qPrintable(m_sim->errorString()));
+    m_sim->setVersionReport(34, 41);
+}
+
+void tst_MonitorCommand::cleanup()
+{
+    m_sim.reset();
+    m_dir.reset();
+}
+
+void tst_MonitorCommand::aClosedOutputEndsMonitorAsCtrlCDoes()
+{
+    // `monitor | head -1`: the reader takes the first line and goes away.
+    ToolProcess tool({"monitor", "--section", "0", "--ports", m_sim->slavePath()},
+                     ToolProcess::Output::ClosablePipe);
+    QVERIFY(tool.readUntil([](const QString& out, const QString&) {
+        return out.contains(QLatin1String("version 34 temperature 41"));
+    }));
+    tool.closeOutput();
+    // The line for this finds no reader.
+    m_sim->sendFaderPosition(3, 399);
+    const ToolProcess::Run r = tool.finish();
+    QCOMPARE(r.exitStatus, QProcess::NormalExit);
+    QCOMPARE(r.exitCode, 0);
+    QVERIFY2(r.err.endsWith(QLatin1String("monitor ended\n")), qPrintable(r.err));
+}
+
+QTEST_GUILESS_MAIN(tst_MonitorCommand)
+#include "tst_monitorcommand.moc"
