@@ -1,6 +1,7 @@
 // worksurface-tool flash end to end, beyond the command's every-day runs in
-// tst_worksurfacetool: a reader that goes away in the middle of a transfer. The built tool
-// runs as a child process against a pty section simulator in this process.
+// tst_worksurfacetool: a reader that goes away in the middle of a transfer and the words
+// for a file that cannot be read. The built tool runs as a child process against a pty
+// section simulator in this process.
 
 #include <QFile>
 #include <QTemporaryDir>
@@ -37,6 +38,7 @@ private slots:
 
     void aClosedOutputResetsTheSectionAndEndsAsCtrlCDoes();
     void aClosedOutputEndsATextFlashAsWell();
+    void aMissingFileIsNamedWithTheReason();
 
 private:
     QString writeImage(const QByteArray& image);
@@ -105,6 +107,21 @@ void tst_FlashCommand::aClosedOutputEndsATextFlashAsWell()
     QCOMPARE(r.exitStatus, QProcess::NormalExit);
     QCOMPARE(r.exitCode, 9);
     QVERIFY(waitFor([&] { return m_sim->commandCount(BootloaderCommand::Reset) == 1; }));
+}
+
+void tst_FlashCommand::aMissingFileIsNamedWithTheReason()
+{
+    const QString missing = m_dir->filePath(QStringLiteral("nope.bin"));
+    const ToolProcess::Run r =
+        ToolProcess::run({"flash", missing, "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(r.exitCode, 4);
+    // The reason in the words decode and trace use.
+    QCOMPARE(r.err, QStringLiteral("worksurface-tool: cannot read %1: No such file or directory\n")
+                        .arg(missing));
+    QCOMPARE(
+        r.out,
+        QStringList({QStringLiteral("section 0  failed  cannot read %1 (exit 4)").arg(missing)}));
+    QVERIFY(m_sim->receivedBytes().isEmpty());
 }
 
 QTEST_GUILESS_MAIN(tst_FlashCommand)

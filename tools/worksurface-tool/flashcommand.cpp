@@ -62,6 +62,9 @@ int FlashCommand::refuseImage()
     // What a section's bootloader writes is the file's bytes as they are: a text image or
     // an ELF file would be written as its text or its headers.
     const QString problem = m_image.problem();
+    if (!m_image.isReadable()) {
+        FlashPrinter::unreadableNote(m_image);
+    }
     for (const SectionDevice& section : m_context.sections()) {
         if (!m_image.isReadable()) {
             m_printer.unreadable(section.index, ExitCode::FileError);
