@@ -1,9 +1,11 @@
 // worksurface-tool flash end to end, beyond the command's every-day runs in
-// tst_worksurfacetool: a reader that goes away in the middle of a transfer and the words
-// for a file that cannot be read. The built tool runs as a child process against a pty
-// section simulator in this process.
+// tst_worksurfacetool: a reader that goes away in the middle of a transfer, the words for a
+// file that cannot be read, and the image note of a flash that never got the port. The
+// built tool runs as a child process against a pty section simulator in this process.
 
+#include <QCryptographicHash>
 #include <QFile>
+#include <QSerialPort>
 #include <QTemporaryDir>
 #include <QtTest>
 #include <memory>
@@ -39,6 +41,7 @@ private slots:
     void aClosedOutputResetsTheSectionAndEndsAsCtrlCDoes();
     void aClosedOutputEndsATextFlashAsWell();
     void aMissingFileIsNamedWithTheReason();
+    void theImageIsNotedOnlyOnceAPortIsTheFlashs();
 
 private:
     QString writeImage(const QByteArray& image);
@@ -122,6 +125,36 @@ void tst_FlashCommand::aMissingFileIsNamedWithTheReason()
         r.out,
         QStringList({QStringLiteral("section 0  failed  cannot read %1 (exit 4)").arg(missing)}));
     QVERIFY(m_sim->receivedBytes().isEmpty());
+}
+
+void tst_FlashCommand::theImageIsNotedOnlyOnceAPortIsTheFlashs()
+{
+    const QByteArray image = imageOfSize(100);
+    const QString path = writeImage(image);
+    m_sim->setMode(PtySectionSimulator::Mode::Bootloader);
+    QSerialPort holder(m_sim->slavePath());
+    QVERIFY(holder.open(QIODevice::ReadWrite));
+    const ToolProcess::Run held =
+        ToolProcess::run({"flash", path, "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(held.exitCode, 2);
+    // Nothing was written: nothing is said about the image.
+    QVERIFY2(!held.err.contains(QLatin1String("sha256")), qPrintable(held.err));
+    QCOMPARE(held.out,
+             QStringList({QStringLiteral("section 0  failed  port error: in use by pid %1 "
+                                         "(exit 2)")
+                              .arg(QCoreApplication::applicationPid())}));
+    holder.close();
+
+    // The port free, the note comes before anything is written.
+    m_sim->setVersionReport(35, 40);
+    const ToolProcess::Run free =
+        ToolProcess::run({"flash", path, "--section", "0", "--ports", m_sim->slavePath()});
+    QCOMPARE(free.exitCode, 0);
+    QCOMPARE(
+        free.err,
+        QStringLiteral("image %1  100 bytes  sha256 %2\n")
+            .arg(path, QString::fromLatin1(
+                           QCryptographicHash::hash(image, QCryptographicHash::Sha256).toHex())));
 }
 
 QTEST_GUILESS_MAIN(tst_FlashCommand)

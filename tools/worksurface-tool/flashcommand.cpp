@@ -1,6 +1,7 @@
 #include "flashcommand.h"
 
 #include <QCoreApplication>
+#include <algorithm>
 
 #include "exitcode.h"
 #include "flashjob.h"
@@ -40,8 +41,14 @@ int FlashCommand::run()
     if (!m_image.isReadable() || !m_image.problem().isEmpty()) {
         return refuseImage();
     }
-    FlashPrinter::imageNote(m_image);
     openJobs();
+    // Said once a port is the flash's, before any of the image is written: a flash that got
+    // no port writes nothing.
+    if (std::any_of(m_jobs.begin(), m_jobs.end(), [](const auto& job) {
+            return job->outcome() != FlashJob::Outcome::PortError;
+        })) {
+        FlashPrinter::imageNote(m_image);
+    }
     for (auto& job : m_jobs) {
         if (job->outcome() == FlashJob::Outcome::PortError) {
             finish(*job);
