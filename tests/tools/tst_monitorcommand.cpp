@@ -3,8 +3,10 @@
 // child process against pty section simulators in this process.
 
 #include <QFile>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QtTest>
+#include <csignal>
 #include <memory>
 
 #include "support/ptysectionsimulator.h"
@@ -19,6 +21,7 @@ private slots:
     void cleanup();
 
     void aClosedOutputEndsMonitorAsCtrlCDoes();
+    void followAsJsonSaysItWaitsForALostDevice();
 
 private:
     std::unique_ptr<QTemporaryDir> m_dir;
@@ -55,6 +58,29 @@ void tst_MonitorCommand::aClosedOutputEndsMonitorAsCtrlCDoes()
     QCOMPARE(r.exitStatus, QProcess::NormalExit);
     QCOMPARE(r.exitCode, 0);
     QVERIFY2(r.err.endsWith(QLatin1String("monitor ended\n")), qPrintable(r.err));
+}
+
+void tst_MonitorCommand::followAsJsonSaysItWaitsForALostDevice()
+{
+    ToolProcess tool(
+        {"monitor", "--follow", "--json", "--section", "0", "--ports", m_sim->slavePath()});
+    QVERIFY(tool.readUntil([](const QString& out, const QString&) {
+        return out.contains(QLatin1String("\"temperature\":41"));
+    }));
+    const QString device = m_sim->slavePath();
+    m_sim->hangUp();
+    // The loss, then what text says as "; waiting for it".
+    const QRegularExpression events(
+        QStringLiteral(
+            R"(\{"t":\d+\.\d{3},"section":0,"event":"lost","error":"Device gone: %1"\}\n)"
+            R"(\{"t":\d+\.\d{3},"section":0,"event":"waiting"\}\n)")
+            .arg(QRegularExpression::escape(device)));
+    QVERIFY2(
+        tool.readUntil([&](const QString& out, const QString&) { return out.contains(events); }),
+        qPrintable(tool.out()));
+    QCOMPARE(tool.process().state(), QProcess::Running);
+    ::kill(static_cast<pid_t>(tool.pid()), SIGINT);
+    QCOMPARE(tool.finish().exitCode, 0);
 }
 
 QTEST_GUILESS_MAIN(tst_MonitorCommand)

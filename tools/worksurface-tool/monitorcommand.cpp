@@ -164,7 +164,10 @@ void MonitorCommand::lookAt(Watched& w, qint64 atNs)
             QStringLiteral("device lost: %1%2")
                 .arg(error, waitsForLostDevices() ? QStringLiteral("; waiting for it") : QString()),
             "lost", JsonLine().add("error", error));
-        if (!waitsForLostDevices()) {
+        if (waitsForLostDevices()) {
+            // Text says it on the lost line; JSON in an event of its own.
+            m_printer.event(atNs, s.index(), QString(), "waiting", JsonLine());
+        } else {
             m_lost = true;
         }
     } else if (!w.open && isOpen) {

@@ -182,5 +182,8 @@ void TrafficPrinter::event(qint64 at, uint8_t section, const QString& text, cons
         m_output.json(line);
         return;
     }
-    ToolOutput::note(QStringLiteral("%1  section %2  %3").arg(timeText(at)).arg(section).arg(text));
+    if (!text.isEmpty()) {
+        ToolOutput::note(
+            QStringLiteral("%1  section %2  %3").arg(timeText(at)).arg(section).arg(text));
+    }
 }

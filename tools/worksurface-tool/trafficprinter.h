@@ -46,7 +46,8 @@ public:
                const Velmora::Worksurface::SerialMessage& message);
     // A link event: text on standard error ("section 0  link connected"), JSON on standard
     // output ({"t":…,"section":0,"event":"link","state":"connected"}). `fields` adds keys
-    // after "event"; `text` is what follows the section in text.
+    // after "event"; `text` is what follows the section in text. An event without text is
+    // JSON's own: the text of the event before it said it already.
     void event(qint64 at, uint8_t section, const QString& text, const char* name,
                const Velmora::Worksurface::JsonLine& fields);
 
