@@ -22,6 +22,7 @@ private slots:
 
     void aClosedOutputEndsMonitorAsCtrlCDoes();
     void followAsJsonSaysItWaitsForALostDevice();
+    void followFindsTheDeviceTheGivenNameLeadsToNow();
 
 private:
     std::unique_ptr<QTemporaryDir> m_dir;
@@ -79,6 +80,40 @@ void tst_MonitorCommand::followAsJsonSaysItWaitsForALostDevice()
         tool.readUntil([&](const QString& out, const QString&) { return out.contains(events); }),
         qPrintable(tool.out()));
     QCOMPARE(tool.process().state(), QProcess::Running);
+    ::kill(static_cast<pid_t>(tool.pid()), SIGINT);
+    QCOMPARE(tool.finish().exitCode, 0);
+}
+
+void tst_MonitorCommand::followFindsTheDeviceTheGivenNameLeadsToNow()
+{
+    // The section is named as /dev/serial/by-id names an adapter: a link to its node. The
+    // adapter comes back under another node, and its name leads there.
+    PtySectionSimulator back;
+    QVERIFY2(back.isOpen(), qPrintable(back.errorString()));
+    back.setVersionReport(35, 42);
+    const QString name = m_dir->filePath(QStringLiteral("usb-section0"));
+    QVERIFY(QFile::link(m_sim->slavePath(), name));
+    ToolProcess tool({"monitor", "--follow", "--section", "0", "--ports", name});
+    QVERIFY(tool.readUntil([](const QString& out, const QString&) {
+        return out.contains(QLatin1String("version 34 temperature 41"));
+    }));
+    m_sim->hangUp();
+    QVERIFY2(tool.readUntil([](const QString&, const QString& err) {
+        return err.contains(QLatin1String("; waiting for it"));
+    }),
+             qPrintable(tool.err()));
+    // Another section on the node the name led to before: not the one monitored.
+    PtySectionSimulator stranger;
+    QVERIFY2(stranger.isOpen(), qPrintable(stranger.errorString()));
+    QVERIFY(QFile::remove(name));
+    QVERIFY(QFile::link(back.slavePath(), name));
+
+    QVERIFY2(tool.readUntil([](const QString& out, const QString& err) {
+        return err.contains(QLatin1String("section 0  device back")) &&
+               out.contains(QLatin1String("version 35 temperature 42"));
+    }),
+             qPrintable(tool.out() + tool.err()));
+    QVERIFY(stranger.receivedBytes().isEmpty());
     ::kill(static_cast<pid_t>(tool.pid()), SIGINT);
     QCOMPARE(tool.finish().exitCode, 0);
 }

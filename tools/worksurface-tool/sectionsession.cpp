@@ -1,11 +1,9 @@
 #include "sectionsession.h"
 
-#include <QFileInfo>
-
 #include "base/isettings.h"
 #include "base/logger.h"
+#include "namedserialconnection.h"
 #include "portlock.h"
-#include "serial/hardwareserialconnection.h"
 #include "serial/rootserialmessagehandler.h"
 #include "serial/serialmessagequeue.h"
 #include "surface/messagecatalog.h"
@@ -54,10 +52,9 @@ bool SectionSession::open(bool probeOnly)
     m_root->addHandler(std::shared_ptr<ISerialMessageHandler>(std::shared_ptr<void>(), this));
     m_queue = std::make_shared<SerialMessageQueue>();
     // One device has many names (a symlink, /dev/serial/by-id, /dev/pts/N); the port is
-    // opened, and so locked, under its real one, so two names cannot both open it.
-    const QString canonical = QFileInfo(m_device).canonicalFilePath();
-    m_serial = std::make_shared<HardwareSerialConnection>(
-        m_index, canonical.isEmpty() ? m_device : canonical);
+    // opened, and so locked, under its real one, so two names cannot both open it. The name
+    // is followed: a reopen finds the device it leads to then.
+    m_serial = std::make_shared<NamedSerialConnection>(m_index, m_device);
     tapTheLine();
 
     auto updater = std::make_unique<SectionUpdater>(m_pool, m_settings, m_logger);

@@ -12,7 +12,6 @@
 #include "serial/iserialmessagehandler.h"
 
 namespace Velmora::Worksurface {
-class HardwareSerialConnection;
 class ISettings;
 class ISerialMessageSender;
 class Logger;
@@ -22,6 +21,7 @@ class SerialMessageQueue;
 class TaskPool;
 }  // namespace Velmora::Worksurface
 
+class NamedSerialConnection;
 class TappedSerialConnection;
 class ToolSectionConnection;
 
@@ -157,7 +157,7 @@ private:
     std::shared_ptr<Velmora::Worksurface::Logger> m_logger;
     std::shared_ptr<Velmora::Worksurface::RootSerialMessageHandler> m_root;
     std::shared_ptr<Velmora::Worksurface::SerialMessageQueue> m_queue;
-    std::shared_ptr<Velmora::Worksurface::HardwareSerialConnection> m_serial;
+    std::shared_ptr<NamedSerialConnection> m_serial;
     std::shared_ptr<TappedSerialConnection> m_tap;
     Velmora::Worksurface::SectionUpdater* m_updater = nullptr;  // owned by m_connection
     std::shared_ptr<ToolSectionConnection> m_connection;
