@@ -23,6 +23,8 @@ private slots:
     void aClosedOutputEndsMonitorAsCtrlCDoes();
     void followAsJsonSaysItWaitsForALostDevice();
     void followFindsTheDeviceTheGivenNameLeadsToNow();
+    void aLostDeviceIsNamedAsGivenAndAsFound_data();
+    void aLostDeviceIsNamedAsGivenAndAsFound();
 
 private:
     std::unique_ptr<QTemporaryDir> m_dir;
@@ -116,6 +118,42 @@ void tst_MonitorCommand::followFindsTheDeviceTheGivenNameLeadsToNow()
     QVERIFY(stranger.receivedBytes().isEmpty());
     ::kill(static_cast<pid_t>(tool.pid()), SIGINT);
     QCOMPARE(tool.finish().exitCode, 0);
+}
+
+void tst_MonitorCommand::aLostDeviceIsNamedAsGivenAndAsFound_data()
+{
+    QTest::addColumn<bool>("json");
+    QTest::newRow("text") << false;
+    QTest::newRow("json") << true;
+}
+
+void tst_MonitorCommand::aLostDeviceIsNamedAsGivenAndAsFound()
+{
+    QFETCH(bool, json);
+    const QString name = m_dir->filePath(QStringLiteral("usb-section0"));
+    QVERIFY(QFile::link(m_sim->slavePath(), name));
+    QStringList arguments{"monitor", "--section", "0", "--ports", name};
+    if (json) {
+        arguments << QStringLiteral("--json");
+    }
+    ToolProcess tool(arguments);
+    QVERIFY(tool.readUntil([](const QString& out, const QString&) {
+        return out.contains(QLatin1String("temperature")) && out.contains(QLatin1String("41"));
+    }));
+    const QString device = m_sim->slavePath();
+    m_sim->hangUp();
+    const ToolProcess::Run r = tool.finish();
+    QCOMPARE(r.exitCode, 2);
+    // The name the user gave, and the device it led to.
+    const QString error = QStringLiteral("Device gone: %1 (%2)").arg(name, device);
+    if (json) {
+        QVERIFY2(
+            r.out.join('\n').contains(QStringLiteral(R"("event":"lost","error":"%1"})").arg(error)),
+            qPrintable(r.out.join('\n')));
+    } else {
+        QVERIFY2(r.err.contains(QStringLiteral("  section 0  device lost: %1\n").arg(error)),
+                 qPrintable(r.err));
+    }
 }
 
 QTEST_GUILESS_MAIN(tst_MonitorCommand)

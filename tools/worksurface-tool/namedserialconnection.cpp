@@ -100,7 +100,12 @@ QString NamedSerialConnection::portName() const
 
 QString NamedSerialConnection::portError() const
 {
-    return m_port->portError();
+    // The port names the device it opened; the user knows the line by the name given.
+    QString error = m_port->portError();
+    if (m_device != m_name) {
+        error.replace(m_device, QStringLiteral("%1 (%2)").arg(m_name, m_device));
+    }
+    return error;
 }
 
 void NamedSerialConnection::reopen()

@@ -38,6 +38,9 @@ public:
     void flush() override;
     // The name given.
     QString portName() const override;
+    // Why the device failed or went away ("Device gone: …"), naming the name given and,
+    // where it differs, the device it led to: "Device gone: /dev/serial/by-id/usb-…
+    // (/dev/ttyUSB0)".
     QString portError() const override;
     void reopen() override;
 
