@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <algorithm>
 #include <vector>
 
 #include "exitcode.h"
@@ -334,11 +335,17 @@ int readTimeBounds(const QCommandLineParser& parser, const TraceOptions& options
 void printSummary(const Trace& trace, const Filter& filter, ToolOutput& output)
 {
     TraceSummary summary;
+    // The end of the trace in the time asked for, whatever the section or type.
+    double end = -1e300;
     for (const Entry& entry : trace.entries) {
+        if (entry.t >= filter.since && entry.t <= filter.until) {
+            end = std::max(end, entry.t);
+        }
         if (passes(entry, filter)) {
             summary.add(entry.t, entry.section, entry.object);
         }
     }
+    summary.end(end);
     summary.print(output);
 }
 

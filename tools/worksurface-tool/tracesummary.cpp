@@ -38,12 +38,35 @@ void TraceSummary::add(double t, int section, const QJsonObject& o)
     }
     (incoming ? s.framesIn : s.framesOut)[o.value(QLatin1String("typeName")).toString()] += 1;
     if (incoming) {
-        if (s.haveFrame && t - s.lastFrame > s.longestGap) {
-            s.longestGap = t - s.lastFrame;
-            s.gapFrom = s.lastFrame;
-        }
-        s.haveFrame = true;
-        s.lastFrame = t;
+        frameReceived(t, s);
+    }
+}
+
+void TraceSummary::frameReceived(double t, Section& s)
+{
+    endGap(t, s, true);
+    s.haveFrame = true;
+    s.inGap = true;
+    s.gapStart = t;
+}
+
+void TraceSummary::endGap(double t, Section& s, bool byFrame)
+{
+    if (!s.inGap) {
+        return;
+    }
+    s.inGap = false;
+    const double gap = t - s.gapStart;
+    if (gap > s.longestGap && (byFrame || gap > 0)) {
+        s.longestGap = gap;
+        s.gapFrom = s.gapStart;
+    }
+}
+
+void TraceSummary::end(double t)
+{
+    for (auto& [index, s] : m_sections) {
+        endGap(t, s, false);
     }
 }
 
@@ -52,6 +75,11 @@ void TraceSummary::addEvent(double t, Section& s, const QJsonObject& o)
     const QString event = o.value(QLatin1String("event")).toString();
     if (event == QLatin1String("restart")) {
         s.restarts << t;
+        // The silence that made the link restart ends here; the section's silence after the
+        // restart is counted from it.
+        endGap(t, s, false);
+        s.inGap = s.haveFrame;
+        s.gapStart = t;
     } else if (event == QLatin1String("state")) {
         s.states << qMakePair(t, o.value(QLatin1String("state")).toString());
     }
