@@ -146,16 +146,15 @@ void TrafficPrinter::printJson(qint64 at, uint8_t section, bool incoming,
 void TrafficPrinter::printText(qint64 at, uint8_t section, bool incoming,
                                const FrameDecoder::Event& event)
 {
+    if (event.noise) {
+        printNoise(at, section, incoming, event.bytes);
+        return;
+    }
     const QString hex = QString::fromLatin1(event.bytes.toHex());
     QStringList fields;
     fields << timeText(at);
     fields << QStringLiteral("section %1").arg(section)
            << (incoming ? QStringLiteral("in ") : QStringLiteral("out"));
-    if (event.noise) {
-        fields << QStringLiteral("noise") << hex;
-        m_output.text(fields.join(QStringLiteral("  ")));
-        return;
-    }
     const MessageCatalog::Description d =
         MessageCatalog::describe(event.message, m_scopes.value(section, MessageCatalog::Scope()));
     fields << d.typeName << QStringLiteral("device %1").arg(event.message.deviceId);
@@ -169,6 +168,20 @@ void TrafficPrinter::printText(qint64 at, uint8_t section, bool incoming,
         fields << QStringLiteral("[%1]").arg(hex);
     }
     m_output.text(fields.join(QStringLiteral("  ")));
+}
+
+void TrafficPrinter::printNoise(qint64 at, uint8_t section, bool incoming, const QByteArray& bytes)
+{
+    // Wrapped as a hex dump: kNoiseBytesPerLine a line, each line placed at its first byte
+    // (its offset in a capture; in live traffic the run's time, as its bytes came at once).
+    for (int from = 0; from < bytes.size(); from += kNoiseBytesPerLine) {
+        const qint64 lineAt = m_position == Position::Offset ? at + from : at;
+        m_output.text(QStringLiteral("%1  section %2  %3  noise  %4")
+                          .arg(timeText(lineAt))
+                          .arg(section)
+                          .arg(incoming ? QStringLiteral("in ") : QStringLiteral("out"))
+                          .arg(QString::fromLatin1(bytes.mid(from, kNoiseBytesPerLine).toHex())));
+    }
 }
 
 void TrafficPrinter::event(qint64 at, uint8_t section, const QString& text, const char* name,
