@@ -20,4 +20,13 @@ enum : int
     StoppedAnswering = 11,  // flash: the bootloader stopped answering in the middle of an
                             // update (the section waits in its bootloader: flash again)
 };
+
+// With several sections the first failure's code is the tool's: code takes candidate only
+// while it is still Success.
+inline void keepFirst(int& code, int candidate)
+{
+    if (code == Success) {
+        code = candidate;
+    }
+}
 }  // namespace ExitCode

@@ -3,18 +3,26 @@
 #include <fcntl.h>
 #include <unistd.h>
 #include <QSocketNotifier>
+#include <atomic>
 #include <csignal>
 
 namespace {
 
 // The signal handler may only write to a pipe; the notifier reads it on the event loop.
 int g_pipe[2] = {-1, -1};
+// Standard output was found closed, perhaps before any watcher was made.
+std::atomic<bool> g_outputClosed{false};
 
-void onSignal(int)
+void wakeWatcher()
 {
     const char byte = 1;
     const ssize_t written = ::write(g_pipe[1], &byte, 1);
     (void)written;
+}
+
+void onSignal(int)
+{
+    wakeWatcher();
 }
 
 }  // namespace
@@ -36,12 +44,23 @@ InterruptWatcher::InterruptWatcher(QObject* parent) : QObject(parent)
     action.sa_flags = SA_RESTART;
     ::sigaction(SIGINT, &action, nullptr);
     ::sigaction(SIGTERM, &action, nullptr);
+    if (g_outputClosed) {
+        wakeWatcher();
+    }
 }
 
 InterruptWatcher::~InterruptWatcher()
 {
     ::signal(SIGINT, SIG_DFL);
     ::signal(SIGTERM, SIG_DFL);
+}
+
+void InterruptWatcher::outputClosed()
+{
+    g_outputClosed = true;
+    if (g_pipe[1] >= 0) {
+        wakeWatcher();
+    }
 }
 
 void InterruptWatcher::onReadable()

@@ -1,4 +1,5 @@
 #include <QCoreApplication>
+#include <csignal>
 #include <cstdio>
 
 #include "worksurfacetool.h"
@@ -22,6 +23,10 @@ void messageHandler(QtMsgType type, const QMessageLogContext& context, const QSt
 
 int main(int argc, char* argv[])
 {
+    // A reader of standard output that goes away (`| head`) must not kill a flash in the
+    // middle of a transfer: the write fails with EPIPE instead, and ToolOutput ends the
+    // command as Ctrl-C does.
+    std::signal(SIGPIPE, SIG_IGN);
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("worksurface-tool"));
     QCoreApplication::setApplicationVersion(QStringLiteral(TARVIX_TOOL_VERSION));

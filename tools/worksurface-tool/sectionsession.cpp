@@ -1,11 +1,9 @@
 #include "sectionsession.h"
 
-#include <QFileInfo>
-
 #include "base/isettings.h"
 #include "base/logger.h"
+#include "namedserialconnection.h"
 #include "portlock.h"
-#include "serial/hardwareserialconnection.h"
 #include "serial/rootserialmessagehandler.h"
 #include "serial/serialmessagequeue.h"
 #include "surface/messagecatalog.h"
@@ -54,10 +52,32 @@ bool SectionSession::open(bool probeOnly)
     m_root->addHandler(std::shared_ptr<ISerialMessageHandler>(std::shared_ptr<void>(), this));
     m_queue = std::make_shared<SerialMessageQueue>();
     // One device has many names (a symlink, /dev/serial/by-id, /dev/pts/N); the port is
-    // opened, and so locked, under its real one, so two names cannot both open it.
-    const QString canonical = QFileInfo(m_device).canonicalFilePath();
-    m_serial = std::make_shared<HardwareSerialConnection>(
-        m_index, canonical.isEmpty() ? m_device : canonical);
+    // opened, and so locked, under its real one, so two names cannot both open it. The name
+    // is followed: a reopen finds the device it leads to then.
+    m_serial = std::make_shared<NamedSerialConnection>(m_index, m_device);
+    tapTheLine();
+
+    auto updater = std::make_unique<SectionUpdater>(m_pool, m_settings, m_logger);
+    updater->setSectionIndex(m_index);
+    updater->setProbeOnly(probeOnly);
+    m_updater = updater.get();
+    m_connection = std::make_shared<ToolSectionConnection>(m_index, m_root, m_queue, m_tap, m_pool,
+                                                           std::move(updater), m_logger);
+    m_tap->setDataReceiver(m_connection.get());
+    m_connection->setStateListener(this);
+    m_connection->onFailed = [this](int reason) { updateFailed(reason); };
+    if (m_reconnectMs > 0) {
+        m_settings->setReconnectInterval(m_reconnectMs);
+        m_connection->setReconnectSettings(m_settings);
+    }
+
+    m_lastActivityNs = MonotonicClock::nowNs();
+    m_connection->open();
+    return m_serial->isOpen();
+}
+
+void SectionSession::tapTheLine()
+{
     m_tap = std::make_shared<TappedSerialConnection>(m_serial);
     m_tap->onBytesReceived = [this](const QByteArray& data) { bytesReceived(data); };
     m_tap->onMessageSent = [this](const SerialMessage& message) {
@@ -83,44 +103,29 @@ bool SectionSession::open(bool probeOnly)
         }
     };
     m_tap->setListenOnly(m_listenOnly);
+}
 
-    auto updater = std::make_unique<SectionUpdater>(m_pool, m_settings, m_logger);
-    updater->setSectionIndex(m_index);
-    updater->setProbeOnly(probeOnly);
-    m_updater = updater.get();
-    m_connection = std::make_shared<ToolSectionConnection>(m_index, m_root, m_queue, m_tap, m_pool,
-                                                           std::move(updater), m_logger);
-    m_tap->setDataReceiver(m_connection.get());
-    m_connection->setStateListener(this);
-    m_connection->onFailed = [this](int reason) {
-        // Told before the updater sends its reset: the last packet is still the one that
-        // failed.
-        FailureDetail detail;
-        detail.reason = reason;
-        const bool statusError = reason == ISectionUpdaterListener::BootloaderErrorStatus;
-        // A bootloader that stopped answering was last sent a command, perhaps followed by
-        // the updater's own acknowledgement of a status reply.
-        const bool byCommand = statusError || reason == ISectionUpdaterListener::StoppedAnswering;
-        const uint8_t command = byCommand ? m_lastDataCommand : m_lastPacketCommand;
-        detail.command = bootloaderCommandName(command);
-        detail.status = statusError ? m_lastStatus : -1;
-        const qint64 block =
-            (command == BootloaderCommand::SendData) ? qMax<qint64>(0, m_blocks - 1) : m_blocks;
-        detail.offset = block * SectionUpdater::kBlockSize;
-        detail.blocksSent = m_blocks;
-        if (m_failures.empty()) {
-            m_failureDetail = detail;
-        }
-        m_failures.push_back(reason);
-    };
-    if (m_reconnectMs > 0) {
-        m_settings->setReconnectInterval(m_reconnectMs);
-        m_connection->setReconnectSettings(m_settings);
+void SectionSession::updateFailed(int reason)
+{
+    // Told before the updater sends its reset: the last packet is still the one that
+    // failed.
+    FailureDetail detail;
+    detail.reason = reason;
+    const bool statusError = reason == ISectionUpdaterListener::BootloaderErrorStatus;
+    // A bootloader that stopped answering was last sent a command, perhaps followed by the
+    // updater's own acknowledgement of a status reply.
+    const bool byCommand = statusError || reason == ISectionUpdaterListener::StoppedAnswering;
+    const uint8_t command = byCommand ? m_lastDataCommand : m_lastPacketCommand;
+    detail.command = bootloaderCommandName(command);
+    detail.status = statusError ? m_lastStatus : -1;
+    const qint64 block =
+        (command == BootloaderCommand::SendData) ? qMax<qint64>(0, m_blocks - 1) : m_blocks;
+    detail.offset = block * SectionUpdater::kBlockSize;
+    detail.blocksSent = m_blocks;
+    if (m_failures.empty()) {
+        m_failureDetail = detail;
     }
-
-    m_lastActivityNs = MonotonicClock::nowNs();
-    m_connection->open();
-    return m_serial->isOpen();
+    m_failures.push_back(reason);
 }
 
 void SectionSession::close()

@@ -12,7 +12,6 @@
 #include "serial/iserialmessagehandler.h"
 
 namespace Velmora::Worksurface {
-class HardwareSerialConnection;
 class ISettings;
 class ISerialMessageSender;
 class Logger;
@@ -22,6 +21,7 @@ class SerialMessageQueue;
 class TaskPool;
 }  // namespace Velmora::Worksurface
 
+class NamedSerialConnection;
 class TappedSerialConnection;
 class ToolSectionConnection;
 
@@ -140,6 +140,10 @@ public:
     void setLinkReady(bool ready) override;
 
 private:
+    // The tap between the link and the port: what goes out and comes in is seen here.
+    void tapTheLine();
+    // The updater failed (its reasons); what the line showed of it is kept.
+    void updateFailed(int reason);
     void bytesReceived(const QByteArray& data);
     // Bytes that reach the updater, not the parser: its answers are its own, the rest is
     // shown as noise.
@@ -153,7 +157,7 @@ private:
     std::shared_ptr<Velmora::Worksurface::Logger> m_logger;
     std::shared_ptr<Velmora::Worksurface::RootSerialMessageHandler> m_root;
     std::shared_ptr<Velmora::Worksurface::SerialMessageQueue> m_queue;
-    std::shared_ptr<Velmora::Worksurface::HardwareSerialConnection> m_serial;
+    std::shared_ptr<NamedSerialConnection> m_serial;
     std::shared_ptr<TappedSerialConnection> m_tap;
     Velmora::Worksurface::SectionUpdater* m_updater = nullptr;  // owned by m_connection
     std::shared_ptr<ToolSectionConnection> m_connection;

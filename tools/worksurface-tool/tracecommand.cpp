@@ -3,20 +3,17 @@
 #include <QCommandLineParser>
 #include <QDateTime>
 #include <QFile>
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QMap>
 #include <algorithm>
-#include <map>
 #include <vector>
 
-#include "base/jsonline.h"
 #include "exitcode.h"
 #include "framedecoder.h"
 #include "surface/messagecatalog.h"
 #include "surface/tracefile.h"
 #include "tooloutput.h"
+#include "tracesummary.h"
 #include "trafficprinter.h"
 
 using Velmora::Worksurface::MessageCatalog;
@@ -210,174 +207,41 @@ void printText(const Entry& entry, TrafficPrinter& printer, ToolOutput& output)
     printer.print(atNs, section, incoming, event);
 }
 
-struct SectionSummary
+// The trace command's options.
+struct TraceOptions
 {
-    std::map<QString, int> framesIn;  // by type name
-    std::map<QString, int> framesOut;
-    int noiseBytes = 0;
-    int badChecksums = 0;
-    bool haveFrame = false;
-    double lastFrame = 0;
-    double longestGap = -1;
-    double gapFrom = 0;
-    QList<double> restarts;
-    QList<QPair<double, QString>> states;
+    const QCommandLineOption help{QStringList{"h", "help"}};
+    const QCommandLineOption section{QStringList{"s", "section"}, QString(), "N"};
+    const QCommandLineOption type{"type", QString(), "T"};
+    const QCommandLineOption since{"since", QString(), "WHEN"};
+    const QCommandLineOption until{"until", QString(), "WHEN"};
+    const QCommandLineOption json{"json"};
+    const QCommandLineOption raw{"raw"};
+    const QCommandLineOption summary{"summary"};
+    const QCommandLineOption verbose{"verbose"};
 };
 
-int summary(const std::vector<Entry>& entries, const Filter& filter, ToolOutput& output)
+// A trace file as read: its header and every entry up to the first bad line.
+struct Trace
 {
-    std::map<int, SectionSummary> sections;
-    for (const Entry& entry : entries) {
-        if (!passes(entry, filter)) {
-            continue;
-        }
-        SectionSummary& s = sections[entry.section];
-        const QJsonObject& o = entry.object;
-        const QString event = o.value(QLatin1String("event")).toString();
-        if (!event.isEmpty()) {
-            if (event == QLatin1String("restart")) {
-                s.restarts << entry.t;
-            } else if (event == QLatin1String("state")) {
-                s.states << qMakePair(entry.t, o.value(QLatin1String("state")).toString());
-            }
-            continue;
-        }
-        const bool incoming = o.value(QLatin1String("dir")).toString() == QLatin1String("in");
-        if (o.contains(QLatin1String("noise"))) {
-            s.noiseBytes += o.value(QLatin1String("noise")).toString().size() / 2;
-            continue;
-        }
-        if (o.contains(QLatin1String("bootloader"))) {
-            (incoming ? s.framesIn : s.framesOut)[QStringLiteral("bootloader")] += 1;
-            continue;
-        }
-        if (o.value(QLatin1String("badChecksum")).toBool()) {
-            ++s.badChecksums;
-            continue;
-        }
-        (incoming ? s.framesIn : s.framesOut)[o.value(QLatin1String("typeName")).toString()] += 1;
-        if (incoming) {
-            if (s.haveFrame && entry.t - s.lastFrame > s.longestGap) {
-                s.longestGap = entry.t - s.lastFrame;
-                s.gapFrom = s.lastFrame;
-            }
-            s.haveFrame = true;
-            s.lastFrame = entry.t;
-        }
-    }
+    QString path;
+    QByteArray headerText;
+    QJsonObject header;
+    std::vector<Entry> entries;
+    int badLine = 0;  // the first line that is no entry, 0 when there is none
+};
 
-    for (const auto& [index, s] : sections) {
-        if (output.isJson()) {
-            JsonLine in;
-            for (const auto& [name, count] : s.framesIn) {
-                in.add(name.toUtf8().constData(), count);
-            }
-            JsonLine out;
-            for (const auto& [name, count] : s.framesOut) {
-                out.add(name.toUtf8().constData(), count);
-            }
-            QByteArray restarts = "[";
-            for (int i = 0; i < s.restarts.size(); ++i) {
-                restarts += (i ? "," : "") + QByteArray::number(s.restarts[i], 'f', 6);
-            }
-            restarts += ']';
-            QByteArray states = "[";
-            for (int i = 0; i < s.states.size(); ++i) {
-                states += (i ? "," : "") + JsonLine()
-                                               .addFixed("t", s.states[i].first, 6)
-                                               .add("state", s.states[i].second)
-                                               .toJson();
-            }
-            states += ']';
-            JsonLine line;
-            line.add("section", index)
-                .add("in", in)
-                .add("out", out)
-                .add("noiseBytes", s.noiseBytes)
-                .add("badChecksums", s.badChecksums);
-            if (s.longestGap >= 0) {
-                line.addFixed("longestGap", s.longestGap, 6)
-                    .addFixed("longestGapFrom", s.gapFrom, 6);
-            }
-            line.addJson("restarts", restarts).addJson("states", states);
-            output.json(line);
-            continue;
-        }
-        output.text(QStringLiteral("section %1").arg(index));
-        for (const auto& [name, count] : s.framesIn) {
-            output.text(QStringLiteral("  in   %1  %2").arg(name).arg(count));
-        }
-        for (const auto& [name, count] : s.framesOut) {
-            output.text(QStringLiteral("  out  %1  %2").arg(name).arg(count));
-        }
-        output.text(QStringLiteral("  noise bytes  %1").arg(s.noiseBytes));
-        output.text(QStringLiteral("  bad checksums  %1").arg(s.badChecksums));
-        if (s.longestGap >= 0) {
-            output.text(QStringLiteral("  longest gap without a received frame  %1 s from %2")
-                            .arg(s.longestGap, 0, 'f', 3)
-                            .arg(timeText(s.gapFrom).trimmed()));
-        } else {
-            output.text(QStringLiteral("  longest gap without a received frame  -"));
-        }
-        QStringList restartTimes;
-        for (double t : s.restarts) {
-            restartTimes << timeText(t).trimmed();
-        }
-        output.text(QStringLiteral("  restarts  %1%2")
-                        .arg(s.restarts.size())
-                        .arg(restartTimes.isEmpty() ? QString()
-                                                    : QStringLiteral(" at ") +
-                                                          restartTimes.join(QStringLiteral(", "))));
-        output.text(QStringLiteral("  state changes  %1").arg(s.states.size()));
-        for (const auto& state : s.states) {
-            output.text(QStringLiteral("    %1  %2").arg(timeText(state.first), state.second));
-        }
-    }
-    return ExitCode::Success;
-}
-
-}  // namespace
-
-int TraceCommand::run(const QStringList& arguments)
+// --section and --type; the exit code of a usage error, or -1.
+int readFilter(const QCommandLineParser& parser, const TraceOptions& options, Filter& filter)
 {
-    QCommandLineParser parser;
-    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
-    const QCommandLineOption helpOption(QStringList{"h", "help"});
-    const QCommandLineOption sectionOption(QStringList{"s", "section"}, QString(), "N");
-    const QCommandLineOption typeOption("type", QString(), "T");
-    const QCommandLineOption sinceOption("since", QString(), "WHEN");
-    const QCommandLineOption untilOption("until", QString(), "WHEN");
-    const QCommandLineOption jsonOption("json");
-    const QCommandLineOption rawOption("raw");
-    const QCommandLineOption summaryOption("summary");
-    const QCommandLineOption verboseOption("verbose");
-    for (const auto& option : {helpOption, sectionOption, typeOption, sinceOption, untilOption,
-                               jsonOption, rawOption, summaryOption, verboseOption}) {
-        parser.addOption(option);
-    }
-    if (!parser.parse(arguments)) {
-        return usage(parser.errorText());
-    }
-    if (parser.isSet(helpOption)) {
-        ToolOutput(false).raw(QByteArray(kHelp));
-        return ExitCode::Success;
-    }
-    QStringList positional = parser.positionalArguments();
-    positional.removeFirst();  // the command
-    if (positional.size() != 1) {
-        return usage(QStringLiteral("trace needs one FILE"));
-    }
-    const QString path = positional.first();
-
-    Filter filter;
-    if (parser.isSet(sectionOption)) {
+    if (parser.isSet(options.section)) {
         bool ok = false;
-        filter.section = parser.value(sectionOption).toInt(&ok);
+        filter.section = parser.value(options.section).toInt(&ok);
         if (!ok || filter.section < 0) {
-            return usage(QStringLiteral("bad --section: %1").arg(parser.value(sectionOption)));
+            return usage(QStringLiteral("bad --section: %1").arg(parser.value(options.section)));
         }
     }
-    for (const QString& type : parser.values(typeOption)) {
+    for (const QString& type : parser.values(options.type)) {
         filter.anyType = false;
         if (type == QLatin1String("noise")) {
             filter.noise = true;
@@ -391,43 +255,41 @@ int TraceCommand::run(const QStringList& arguments)
             filter.types << number;
         }
     }
+    return -1;
+}
 
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        ToolOutput::note(
-            QStringLiteral("worksurface-tool: cannot read %1: %2").arg(path, file.errorString()));
+// The header first: a file from a newer plugin is refused rather than misread. The exit
+// code of a file that is no trace, or -1.
+int readHeader(QFile& file, Trace& trace)
+{
+    trace.headerText = file.readLine();
+    if (trace.headerText.trimmed().isEmpty()) {
+        ToolOutput::note(QStringLiteral("worksurface-tool: %1 is empty").arg(trace.path));
         return ExitCode::FileError;
     }
-
-    // The header first: a file from a newer plugin is refused rather than misread.
-    const QByteArray headerText = file.readLine();
-    if (headerText.trimmed().isEmpty()) {
-        ToolOutput::note(QStringLiteral("worksurface-tool: %1 is empty").arg(path));
-        return ExitCode::FileError;
-    }
-    const QJsonObject header = QJsonDocument::fromJson(headerText).object();
-    if (header.value(QLatin1String("format")).toString() !=
+    trace.header = QJsonDocument::fromJson(trace.headerText).object();
+    if (trace.header.value(QLatin1String("format")).toString() !=
             QLatin1String("tarvix-worksurface-trace") ||
-        !header.value(QLatin1String("version")).isDouble()) {
+        !trace.header.value(QLatin1String("version")).isDouble()) {
         ToolOutput::note(
-            QStringLiteral("worksurface-tool: %1 line 1: not a trace file header").arg(path));
+            QStringLiteral("worksurface-tool: %1 line 1: not a trace file header").arg(trace.path));
         return ExitCode::FileError;
     }
-    const int version = header.value(QLatin1String("version")).toInt();
+    const int version = trace.header.value(QLatin1String("version")).toInt();
     if (version > TraceFile::kFormatVersion) {
         ToolOutput::note(QStringLiteral("worksurface-tool: %1 is trace format version %2; this "
                                         "tool reads version %3 and older")
-                             .arg(path)
+                             .arg(trace.path)
                              .arg(version)
                              .arg(TraceFile::kFormatVersion));
         return ExitCode::FileError;
     }
-    const QDateTime t0 =
-        QDateTime::fromString(header.value(QLatin1String("t0")).toString(), Qt::ISODateWithMs);
+    return -1;
+}
 
-    // Every entry up to the first bad line; that line is named once they are printed.
-    std::vector<Entry> entries;
-    int badLine = 0;
+// Every entry up to the first bad line; that line is named once they are printed.
+void readEntries(QFile& file, Trace& trace)
+{
     for (int number = 2; !file.atEnd(); ++number) {
         const QByteArray text = file.readLine();
         if (text.trimmed().isEmpty() && file.atEnd()) {
@@ -439,8 +301,8 @@ int TraceCommand::run(const QStringList& arguments)
         if (error.error != QJsonParseError::NoError || !document.isObject() ||
             !object.value(QLatin1String("t")).isDouble() ||
             !object.value(QLatin1String("section")).isDouble()) {
-            badLine = number;
-            break;
+            trace.badLine = number;
+            return;
         }
         Entry entry;
         entry.line = number;
@@ -448,46 +310,127 @@ int TraceCommand::run(const QStringList& arguments)
         entry.object = object;
         entry.t = object.value(QLatin1String("t")).toDouble();
         entry.section = object.value(QLatin1String("section")).toInt();
-        entries.push_back(std::move(entry));
+        trace.entries.push_back(std::move(entry));
     }
+}
 
-    const double end = entries.empty() ? 0.0 : entries.back().t;
-    for (const auto& [option, bound] : {std::make_pair(&sinceOption, &filter.since),
-                                        std::make_pair(&untilOption, &filter.until)}) {
+// --since and --until, in the trace's time; the exit code of a usage error, or -1.
+int readTimeBounds(const QCommandLineParser& parser, const TraceOptions& options,
+                   const Trace& trace, Filter& filter)
+{
+    const double end = trace.entries.empty() ? 0.0 : trace.entries.back().t;
+    const QDateTime t0 = QDateTime::fromString(trace.header.value(QLatin1String("t0")).toString(),
+                                               Qt::ISODateWithMs);
+    for (const auto& [option, bound] : {std::make_pair(&options.since, &filter.since),
+                                        std::make_pair(&options.until, &filter.until)}) {
         if (parser.isSet(*option) && !parseWhen(parser.value(*option), end, t0, *bound)) {
             return usage(QStringLiteral("bad --%1: %2 (seconds before the end, or a wall-clock "
                                         "time)")
                              .arg(option->names().first(), parser.value(*option)));
         }
     }
+    return -1;
+}
 
-    ToolOutput output(parser.isSet(jsonOption));
-    if (parser.isSet(summaryOption)) {
-        summary(entries, filter, output);
-    } else if (output.isJson()) {
-        output.raw(headerText.endsWith('\n') ? headerText : headerText + '\n');
-        for (const Entry& entry : entries) {
+void printSummary(const Trace& trace, const Filter& filter, ToolOutput& output)
+{
+    TraceSummary summary;
+    // The end of the trace in the time asked for, whatever the section or type.
+    double end = -1e300;
+    for (const Entry& entry : trace.entries) {
+        if (entry.t >= filter.since && entry.t <= filter.until) {
+            end = std::max(end, entry.t);
+        }
+        if (passes(entry, filter)) {
+            summary.add(entry.t, entry.section, entry.object);
+        }
+    }
+    summary.end(end);
+    summary.print(output);
+}
+
+void printLines(const Trace& trace, const Filter& filter, ToolOutput& output, bool raw)
+{
+    if (output.isJson()) {
+        // A trace file again: the header and the filtered lines as they are.
+        const QByteArray& header = trace.headerText;
+        output.raw(header.endsWith('\n') ? header : header + '\n');
+        for (const Entry& entry : trace.entries) {
             if (passes(entry, filter)) {
                 output.raw(entry.text + '\n');
             }
         }
-    } else {
-        ToolOutput::note(QStringLiteral("trace of %1 %2 surface, t = 0 at %3")
-                             .arg(header.value(QLatin1String("model")).toString(),
-                                  header.value(QLatin1String("surfaceType")).toString(),
-                                  header.value(QLatin1String("t0")).toString()));
-        TrafficPrinter printer(output, TrafficPrinter::Position::Time, parser.isSet(rawOption));
-        for (const Entry& entry : entries) {
-            if (passes(entry, filter)) {
-                printText(entry, printer, output);
-            }
+        return;
+    }
+    const QJsonObject& header = trace.header;
+    ToolOutput::note(QStringLiteral("trace of %1 %2 surface, t = 0 at %3")
+                         .arg(header.value(QLatin1String("model")).toString(),
+                              header.value(QLatin1String("surfaceType")).toString(),
+                              header.value(QLatin1String("t0")).toString()));
+    TrafficPrinter printer(output, TrafficPrinter::Position::Time, raw);
+    for (const Entry& entry : trace.entries) {
+        if (passes(entry, filter)) {
+            printText(entry, printer, output);
         }
     }
-    if (badLine > 0) {
+}
+
+}  // namespace
+
+int TraceCommand::run(const QStringList& arguments)
+{
+    QCommandLineParser parser;
+    parser.setSingleDashWordOptionMode(QCommandLineParser::ParseAsLongOptions);
+    const TraceOptions options;
+    for (const auto* option :
+         {&options.help, &options.section, &options.type, &options.since, &options.until,
+          &options.json, &options.raw, &options.summary, &options.verbose}) {
+        parser.addOption(*option);
+    }
+    if (!parser.parse(arguments)) {
+        return usage(parser.errorText());
+    }
+    if (parser.isSet(options.help)) {
+        ToolOutput(false).raw(QByteArray(kHelp));
+        return ExitCode::Success;
+    }
+    QStringList positional = parser.positionalArguments();
+    positional.removeFirst();  // the command
+    if (positional.size() != 1) {
+        return usage(QStringLiteral("trace needs one FILE"));
+    }
+    Filter filter;
+    int code = readFilter(parser, options, filter);
+    if (code >= 0) {
+        return code;
+    }
+    Trace trace;
+    trace.path = positional.first();
+    QFile file(trace.path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        ToolOutput::cannotRead(trace.path, file.errorString());
+        return ExitCode::FileError;
+    }
+    code = readHeader(file, trace);
+    if (code >= 0) {
+        return code;
+    }
+    readEntries(file, trace);
+    code = readTimeBounds(parser, options, trace, filter);
+    if (code >= 0) {
+        return code;
+    }
+    ToolOutput output(parser.isSet(options.json));
+    if (parser.isSet(options.summary)) {
+        printSummary(trace, filter, output);
+    } else {
+        printLines(trace, filter, output, parser.isSet(options.raw));
+    }
+    if (trace.badLine > 0) {
         ToolOutput::note(QStringLiteral("worksurface-tool: %1 line %2: not a trace entry "
                                         "(cut short or malformed)")
-                             .arg(path)
-                             .arg(badLine));
+                             .arg(trace.path)
+                             .arg(trace.badLine));
         return ExitCode::FileError;
     }
     return ExitCode::Success;

@@ -100,52 +100,63 @@ void TrafficPrinter::print(qint64 at, uint8_t section, bool incoming,
     if (!passes(incoming, event)) {
         return;
     }
-    const QString dir = incoming ? QStringLiteral("in") : QStringLiteral("out");
-    const QString hex = QString::fromLatin1(event.bytes.toHex());
-    const MessageCatalog::Scope scope = m_scopes.value(section, MessageCatalog::Scope());
-
     if (m_output.isJson()) {
-        JsonLine line;
-        addTime(line, at);
-        line.add("section", static_cast<int>(section)).add("dir", dir);
-        if (event.noise) {
-            line.add("noise", hex);
-            m_output.json(line);
-            return;
-        }
-        const MessageCatalog::Description d = MessageCatalog::describe(event.message, scope);
-        line.add("type", static_cast<int>(event.message.type))
-            .add("typeName", d.typeName)
-            .add("device", static_cast<int>(event.message.deviceId));
-        if (!d.control.isEmpty()) {
-            line.add("control", d.control);
-        }
-        if (d.versionReport) {
-            line.add("value",
-                     JsonLine().add("version", d.version).add("temperature", d.temperature));
-        } else if (d.hasValue) {
-            if (d.numeric) {
-                line.add("value", d.number);
-            } else {
-                line.add("value", d.valueWord);
-            }
-        }
-        if (m_raw) {
-            line.add("hex", hex);
-        }
+        printJson(at, section, incoming, event);
+    } else {
+        printText(at, section, incoming, event);
+    }
+}
+
+void TrafficPrinter::printJson(qint64 at, uint8_t section, bool incoming,
+                               const FrameDecoder::Event& event)
+{
+    const QString hex = QString::fromLatin1(event.bytes.toHex());
+    JsonLine line;
+    addTime(line, at);
+    line.add("section", static_cast<int>(section))
+        .add("dir", incoming ? QStringLiteral("in") : QStringLiteral("out"));
+    if (event.noise) {
+        line.add("noise", hex);
         m_output.json(line);
         return;
     }
+    const MessageCatalog::Description d =
+        MessageCatalog::describe(event.message, m_scopes.value(section, MessageCatalog::Scope()));
+    line.add("type", static_cast<int>(event.message.type))
+        .add("typeName", d.typeName)
+        .add("device", static_cast<int>(event.message.deviceId));
+    if (!d.control.isEmpty()) {
+        line.add("control", d.control);
+    }
+    if (d.versionReport) {
+        line.add("value", JsonLine().add("version", d.version).add("temperature", d.temperature));
+    } else if (d.hasValue) {
+        if (d.numeric) {
+            line.add("value", d.number);
+        } else {
+            line.add("value", d.valueWord);
+        }
+    }
+    if (m_raw) {
+        line.add("hex", hex);
+    }
+    m_output.json(line);
+}
 
-    QStringList fields;
-    fields << timeText(at);
-    fields << QStringLiteral("section %1").arg(section) << dir.leftJustified(3);
+void TrafficPrinter::printText(qint64 at, uint8_t section, bool incoming,
+                               const FrameDecoder::Event& event)
+{
     if (event.noise) {
-        fields << QStringLiteral("noise") << hex;
-        m_output.text(fields.join(QStringLiteral("  ")));
+        printNoise(at, section, incoming, event.bytes);
         return;
     }
-    const MessageCatalog::Description d = MessageCatalog::describe(event.message, scope);
+    const QString hex = QString::fromLatin1(event.bytes.toHex());
+    QStringList fields;
+    fields << timeText(at);
+    fields << QStringLiteral("section %1").arg(section)
+           << (incoming ? QStringLiteral("in ") : QStringLiteral("out"));
+    const MessageCatalog::Description d =
+        MessageCatalog::describe(event.message, m_scopes.value(section, MessageCatalog::Scope()));
     fields << d.typeName << QStringLiteral("device %1").arg(event.message.deviceId);
     if (!d.control.isEmpty()) {
         fields << d.control;
@@ -159,6 +170,20 @@ void TrafficPrinter::print(qint64 at, uint8_t section, bool incoming,
     m_output.text(fields.join(QStringLiteral("  ")));
 }
 
+void TrafficPrinter::printNoise(qint64 at, uint8_t section, bool incoming, const QByteArray& bytes)
+{
+    // Wrapped as a hex dump: kNoiseBytesPerLine a line, each line placed at its first byte
+    // (its offset in a capture; in live traffic the run's time, as its bytes came at once).
+    for (int from = 0; from < bytes.size(); from += kNoiseBytesPerLine) {
+        const qint64 lineAt = m_position == Position::Offset ? at + from : at;
+        m_output.text(QStringLiteral("%1  section %2  %3  noise  %4")
+                          .arg(timeText(lineAt))
+                          .arg(section)
+                          .arg(incoming ? QStringLiteral("in ") : QStringLiteral("out"))
+                          .arg(QString::fromLatin1(bytes.mid(from, kNoiseBytesPerLine).toHex())));
+    }
+}
+
 void TrafficPrinter::event(qint64 at, uint8_t section, const QString& text, const char* name,
                            const JsonLine& fields)
 {
@@ -170,5 +195,8 @@ void TrafficPrinter::event(qint64 at, uint8_t section, const QString& text, cons
         m_output.json(line);
         return;
     }
-    ToolOutput::note(QStringLiteral("%1  section %2  %3").arg(timeText(at)).arg(section).arg(text));
+    if (!text.isEmpty()) {
+        ToolOutput::note(
+            QStringLiteral("%1  section %2  %3").arg(timeText(at)).arg(section).arg(text));
+    }
 }

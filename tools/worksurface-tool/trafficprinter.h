@@ -30,6 +30,10 @@ public:
         Offset,  // byte offset in the stream (decode)
     };
 
+    // Bytes of noise a text line shows; a longer run goes on as many lines as it takes, as
+    // a hex dump does. JSON keeps a run in one object.
+    static constexpr int kNoiseBytesPerLine = 16;
+
     TrafficPrinter(ToolOutput& output, Position position, bool raw);
 
     // Which controls a section has, for naming them (default: every control).
@@ -46,12 +50,16 @@ public:
                const Velmora::Worksurface::SerialMessage& message);
     // A link event: text on standard error ("section 0  link connected"), JSON on standard
     // output ({"t":…,"section":0,"event":"link","state":"connected"}). `fields` adds keys
-    // after "event"; `text` is what follows the section in text.
+    // after "event"; `text` is what follows the section in text. An event without text is
+    // JSON's own: the text of the event before it said it already.
     void event(qint64 at, uint8_t section, const QString& text, const char* name,
                const Velmora::Worksurface::JsonLine& fields);
 
 private:
     bool passes(bool incoming, const FrameDecoder::Event& event) const;
+    void printJson(qint64 at, uint8_t section, bool incoming, const FrameDecoder::Event& event);
+    void printText(qint64 at, uint8_t section, bool incoming, const FrameDecoder::Event& event);
+    void printNoise(qint64 at, uint8_t section, bool incoming, const QByteArray& bytes);
     // The time column in text and the time keys in JSON.
     QString timeText(qint64 at);
     void addTime(Velmora::Worksurface::JsonLine& line, qint64 at);
