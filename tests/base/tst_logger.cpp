@@ -43,21 +43,6 @@ void writeEveryLevelInEveryArea(const std::shared_ptr<Settings>& settings)
     }
 }
 
-// "<category> <level>: <text>" for each captured line.
-QStringList describe(const LogCapture& log)
-{
-    QStringList result;
-    const QList<LogCapture::Line> lines = log.lines();
-    const QStringList categories = log.categories();
-    for (int i = 0; i < lines.size(); ++i) {
-        result << QStringLiteral("%1 %2: %3")
-                      .arg(categories.at(i),
-                           QString::fromLatin1(LogCapture::levelName(lines.at(i).level)),
-                           lines.at(i).text);
-    }
-    return result;
-}
-
 QStringList describeEveryLevelInEveryArea(const QString& exceptArea, const QString& exceptLevel)
 {
     QStringList result;
@@ -261,8 +246,8 @@ void TestLogger::inCategoryKeepsTheDebugSwitch()
     settings->setDebugEnabled(false);
     updater->debug("two");
     service.info("three");
-    QCOMPARE(describe(log), QStringList({"tarvix.worksurface.updater debug: one",
-                                         "tarvix.worksurface.service info: three"}));
+    QCOMPARE(log.described(), QStringList({"tarvix.worksurface.updater debug: one",
+                                           "tarvix.worksurface.service info: three"}));
 }
 
 void TestLogger::ruleTurningOneCategoryOffRemovesExactlyItsLines_data()
@@ -280,7 +265,7 @@ void TestLogger::ruleTurningOneCategoryOffRemovesExactlyItsLines()
 
     LogCapture log;
     writeEveryLevelInEveryArea(std::make_shared<Settings>());
-    QCOMPARE(describe(log), describeEveryLevelInEveryArea(area, QString()));
+    QCOMPARE(log.described(), describeEveryLevelInEveryArea(area, QString()));
 }
 
 void TestLogger::ruleTurningOneLevelOfOneCategoryOffRemovesOnlyThoseLines()
@@ -290,7 +275,7 @@ void TestLogger::ruleTurningOneLevelOfOneCategoryOffRemovesOnlyThoseLines()
 
     LogCapture log;
     writeEveryLevelInEveryArea(std::make_shared<Settings>());
-    QCOMPARE(describe(log), describeEveryLevelInEveryArea("tarvix.worksurface.updater", "debug"));
+    QCOMPARE(log.described(), describeEveryLevelInEveryArea("tarvix.worksurface.updater", "debug"));
 }
 
 void TestLogger::debugDisabledSilencesDebugLinesInEveryCategory()
@@ -309,7 +294,7 @@ void TestLogger::debugDisabledSilencesDebugLinesInEveryCategory()
             expected << QStringLiteral("%1 %2: %1 %2").arg(name, QString::fromLatin1(level));
         }
     }
-    QCOMPARE(describe(log), expected);
+    QCOMPARE(log.described(), expected);
 }
 
 void TestLogger::applicationMessageHandlerSeesEachLinesCategoryName()

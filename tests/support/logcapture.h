@@ -34,6 +34,9 @@ public:
     QStringList categories() const;
     // The texts of the lines written in one category, in order.
     QStringList textsIn(const QString& category) const;
+    // Every line as "<category> <level>: <text>", in order, so that a test compares where
+    // each line went along with what it says.
+    QStringList described() const;
     bool contains(QtMsgType level, const QString& text) const;
     int count(QtMsgType level, const QString& text) const;
     void clear();
