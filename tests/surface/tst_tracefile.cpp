@@ -1,5 +1,7 @@
 // Trace files: what a saved trace holds, line by line, and how saving fails and prunes.
+#include <fcntl.h>
 #include <unistd.h>
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -8,6 +10,8 @@
 #include <QJsonObject>
 #include <QTemporaryDir>
 #include <QtTest/QtTest>
+#include <cerrno>
+#include <cstring>
 #include <memory>
 
 #include "base/logger.h"
@@ -51,6 +55,27 @@ QList<QByteArray> linesOf(const QString& path)
         lines.removeLast();
     }
     return lines;
+}
+
+// Everything in a folder, hidden files included (a save's temporary file among them).
+QStringList everythingIn(const QString& folder)
+{
+    return QDir(folder).entryList(
+        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+}
+
+// What the file system answers to making a file beside path, or empty when it can be
+// made (and it is removed again).
+QString refusalToMakeAFileBeside(const QString& path)
+{
+    const QByteArray name = QFile::encodeName(path + QStringLiteral(".probe"));
+    const int fd = ::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+    if (fd >= 0) {
+        ::close(fd);
+        ::unlink(name.constData());
+        return QString();
+    }
+    return QString::fromLocal8Bit(::strerror(errno));
 }
 
 }  // namespace
@@ -179,20 +204,22 @@ void TestTraceFile::savingToAMissingFolderAReadOnlyPlaceOrAFolderFailsWithItsRea
     QCOMPARE(TraceFile::save(m_dir->path(), header, {link}),
              QStringLiteral("%1 is a folder").arg(m_dir->path()));
 
-    const QString locked = m_dir->filePath(QStringLiteral("locked"));
-    QVERIFY(QDir().mkdir(locked));
-    QVERIFY(QFile::setPermissions(locked, QFileDevice::ReadOwner | QFileDevice::ExeOwner));
-    const QString inLocked = locked + QStringLiteral("/t.jsonl");
-    const QString why = TraceFile::save(inLocked, header, {link});
-    QFile::setPermissions(locked,
-                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    if (::geteuid() != 0) {
-        QVERIFY(!why.isEmpty());
-        QVERIFY(QDir(locked).entryList(QDir::Files | QDir::Hidden).isEmpty());
-    }
-    // A place nobody writes to, root included.
-    QVERIFY(!TraceFile::save(QStringLiteral("/proc/worksurface-trace.jsonl"), header, {link})
-                 .isEmpty());
+    // A folder that is a plain file.
+    const QString plain = m_dir->filePath(QStringLiteral("plain"));
+    QFile plainFile(plain);
+    QVERIFY(plainFile.open(QIODevice::WriteOnly));
+    plainFile.close();
+    QCOMPARE(TraceFile::save(plain + QStringLiteral("/t.jsonl"), header, {link}),
+             QStringLiteral("the folder %1 does not exist").arg(plain));
+    QCOMPARE(QFileInfo(plain).size(), qint64(0));
+
+    // A place nobody may write to, root included: the file system's own reason.
+    const QString readOnly = QStringLiteral("/proc/worksurface-trace.jsonl");
+    const QString refusal = refusalToMakeAFileBeside(readOnly);
+    QVERIFY(!refusal.isEmpty());
+    QCOMPARE(TraceFile::save(readOnly, header, {link}), refusal);
+    QVERIFY(!QFileInfo::exists(readOnly));
+    QCOMPARE(everythingIn(m_dir->path()), QStringList{QStringLiteral("plain")});
 }
 
 void TestTraceFile::automaticTraceIsNamedBySectionAndUtcTime()
@@ -276,9 +303,9 @@ void TestTraceFile::backgroundSaveChecksThePathAtOnceAndWritesTheRingsAsTheyWere
     const auto header = TraceFile::header(*m_settings, {link});
     QCOMPARE(TraceFile::saveInBackground(m_dir->path(), header, {link}, logger),
              QStringLiteral("%1 is a folder").arg(m_dir->path()));
-    QVERIFY(!TraceFile::saveInBackground(QStringLiteral("/proc/worksurface-trace.jsonl"), header,
-                                         {link}, logger)
-                 .isEmpty());
+    const QString readOnly = QStringLiteral("/proc/worksurface-trace.jsonl");
+    QCOMPARE(TraceFile::saveInBackground(readOnly, header, {link}, logger),
+             refusalToMakeAFileBeside(readOnly));
 
     const QString path = m_dir->filePath(QStringLiteral("b.jsonl"));
     QString written;
