@@ -282,14 +282,28 @@ QString TraceFile::write(const QString& path, const Header& header,
         text += '\n';
     }
 
+    // Written straight through, not through Qt's write buffer, so that a write the file
+    // system cuts short (a full disk, a quota, a file-size limit) fails here, with its
+    // reason, before anything is committed: a buffered trace would meet it only in the
+    // flush at commit(), which Qt 5.15's QSaveFile does not check, committing the file cut
+    // short. A write may take part of the bytes; the next one then gives the reason.
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
         return file.errorString();
     }
-    if (file.write(text) != text.size() || !file.commit()) {
-        const QString why = file.errorString();
-        file.cancelWriting();
-        return why.isEmpty() ? QStringLiteral("could not write") : why;
+    qint64 done = 0;
+    while (done < text.size()) {
+        const qint64 n = file.write(text.constData() + done, text.size() - done);
+        if (n <= 0) {
+            const QString why = file.errorString();
+            // Dropped with its temporary file: an earlier file at the path stays as it was.
+            file.cancelWriting();
+            return why;
+        }
+        done += n;
+    }
+    if (!file.commit()) {
+        return file.errorString();
     }
     return QString();
 }

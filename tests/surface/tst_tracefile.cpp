@@ -18,6 +18,7 @@
 #include "serial/flightrecorder.h"
 #include "support/fakesectionconnection.h"
 #include "support/fakesettings.h"
+#include "support/filesizelimit.h"
 #include "support/logcapture.h"
 #include "support/manualclock.h"
 #include "surface/tracefile.h"
@@ -78,6 +79,14 @@ QString refusalToMakeAFileBeside(const QString& path)
     return QString::fromLocal8Bit(::strerror(errno));
 }
 
+// A full ring of fader moves: about 110 bytes a line, far more than Qt buffers per write.
+void fillWithFaderMoves(FlightRecorder& ring)
+{
+    for (int i = 0; i < ring.capacity(); ++i) {
+        ring.record(i * 1000000LL, Kind::FrameIn, QByteArray::fromHex("0507030190a0"));
+    }
+}
+
 }  // namespace
 
 class TestTraceFile : public QObject
@@ -90,6 +99,8 @@ private slots:
     void headerNamesFormatModelTypePortsCapacityAndT0();
     void sectionsAreMergedInTimeOrder();
     void savingToAMissingFolderAReadOnlyPlaceOrAFolderFailsWithItsReason();
+    void traceCutShortByTheFileSizeLimitIsWarnedAndLeavesNoFile_data();
+    void traceCutShortByTheFileSizeLimitIsWarnedAndLeavesNoFile();
     void automaticTraceIsNamedBySectionAndUtcTime();
     void automaticTracesArePrunedToTheNewestTwenty();
     void environmentVariableNamesTheAutomaticFolder();
@@ -220,6 +231,68 @@ void TestTraceFile::savingToAMissingFolderAReadOnlyPlaceOrAFolderFailsWithItsRea
     QCOMPARE(TraceFile::save(readOnly, header, {link}), refusal);
     QVERIFY(!QFileInfo::exists(readOnly));
     QCOMPARE(everythingIn(m_dir->path()), QStringList{QStringLiteral("plain")});
+}
+
+void TestTraceFile::traceCutShortByTheFileSizeLimitIsWarnedAndLeavesNoFile_data()
+{
+    QTest::addColumn<int>("entries");
+    QTest::addColumn<QByteArray>("earlier");
+    // One line: small enough for Qt's write buffer, where the limit would be met only in the
+    // flush at commit().
+    QTest::newRow("short trace") << 1 << QByteArray();
+    // About 110 KB: more than Qt buffers, cut short by the limit in a write.
+    QTest::newRow("long trace") << 1000 << QByteArray();
+    // An earlier trace at the same path stays as it was.
+    QTest::newRow("over an earlier trace") << 1000 << QByteArray("earlier trace\n");
+}
+
+void TestTraceFile::traceCutShortByTheFileSizeLimitIsWarnedAndLeavesNoFile()
+{
+    QFETCH(int, entries);
+    QFETCH(QByteArray, earlier);
+    LogCapture log;
+    auto logger = std::make_shared<Logger>(m_settings);
+    auto link = std::make_shared<RecordingLink>(0, entries, QString());
+    fillWithFaderMoves(*link->ring);
+    const auto header = TraceFile::header(*m_settings, {link});
+    const QString path = m_dir->filePath(QStringLiteral("t.jsonl"));
+    if (!earlier.isEmpty()) {
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        QCOMPARE(file.write(earlier), qint64(earlier.size()));
+    }
+
+    bool written = false;
+    {
+        // Fewer bytes than the header line alone.
+        FileSizeLimit limit(100);
+        QVERIFY(limit.inForce());
+        QCOMPARE(TraceFile::saveInBackground(path, header, {link}, logger,
+                                             [&written](const QString&) { written = true; }),
+                 QString());
+        TraceFile::waitForBackgroundSaves();
+    }
+    QVERIFY(!written);
+    QCOMPARE(log.lines(),
+             (QList<LogCapture::Line>{
+                 {QtWarningMsg,
+                  QStringLiteral("Cannot save the trace to %1: File too large").arg(path)}}));
+    // Nothing of the trace is left: no partial file, no temporary one.
+    if (earlier.isEmpty()) {
+        QCOMPARE(everythingIn(m_dir->path()), QStringList());
+    } else {
+        QCOMPARE(everythingIn(m_dir->path()), QStringList{QStringLiteral("t.jsonl")});
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QCOMPARE(file.readAll(), earlier);
+    }
+
+    // The same trace is written in full once the limit is gone.
+    log.clear();
+    QCOMPARE(TraceFile::saveInBackground(path, header, {link}, logger), QString());
+    TraceFile::waitForBackgroundSaves();
+    QCOMPARE(linesOf(path).size(), 1 + entries);
+    QCOMPARE(log.lines(), QList<LogCapture::Line>());
 }
 
 void TestTraceFile::automaticTraceIsNamedBySectionAndUtcTime()
