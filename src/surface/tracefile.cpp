@@ -348,7 +348,8 @@ private:
 QString TraceFile::saveInBackground(const QString& path, const Header& header,
                                     const std::vector<std::shared_ptr<ISectionConnection>>& links,
                                     std::shared_ptr<Logger> logger,
-                                    std::function<void(const QString&)> written)
+                                    std::function<void(const QString&)> written,
+                                    std::function<void(const QString&)> failed)
 {
     QString why = checkPath(path);
     if (!why.isEmpty()) {
@@ -365,10 +366,12 @@ QString TraceFile::saveInBackground(const QString& path, const Header& header,
     }
     // The rings are copied now, as they are at the moment of the call.
     auto records = std::make_shared<std::vector<FlightRecorder::Record>>(snapshot(links));
-    writerPool().start(new TraceWriter([path, header, records, logger, written]() {
+    writerPool().start(new TraceWriter([path, header, records, logger, written, failed]() {
         const QString failure = write(path, header, std::move(*records));
         if (!failure.isEmpty()) {
-            if (logger) {
+            if (failed) {
+                failed(failure);
+            } else if (logger) {
                 logger->warning(
                     QStringLiteral("Cannot save the trace to %1: %2").arg(path, failure));
             }
@@ -415,16 +418,20 @@ QString TraceFile::saveAutomatic(const QString& directory, const ISettings& sett
     for (int n = 2; QFileInfo::exists(path); ++n) {
         path = dir.filePath(QStringLiteral("%1-%2.jsonl").arg(base).arg(n));
     }
+    auto warn = [logger, section, path](const QString& why) {
+        logger->warning(QStringLiteral("Cannot save the trace of section %1 to %2: %3")
+                            .arg(section, path, why));
+    };
     const QString why = saveInBackground(
         path, header(settings, {link}), {link}, logger,
         [logger, directory, section](const QString& written) {
             logger->info(
                 QStringLiteral("Saved the trace of section %1 to %2").arg(section, written));
             prune(directory);
-        });
+        },
+        warn);
     if (!why.isEmpty()) {
-        logger->warning(QStringLiteral("Cannot save the trace of section %1 to %2: %3")
-                            .arg(section, path, why));
+        warn(why);
         return QString();
     }
     return path;

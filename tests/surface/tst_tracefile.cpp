@@ -101,6 +101,9 @@ private slots:
     void savingToAMissingFolderAReadOnlyPlaceOrAFolderFailsWithItsReason();
     void traceCutShortByTheFileSizeLimitIsWarnedAndLeavesNoFile_data();
     void traceCutShortByTheFileSizeLimitIsWarnedAndLeavesNoFile();
+    void automaticTraceCutShortByTheFileSizeLimitIsWarnedForItsSection();
+    void automaticTraceToAFolderThatCannotBeMadeIsWarnedAndWritesNothing_data();
+    void automaticTraceToAFolderThatCannotBeMadeIsWarnedAndWritesNothing();
     void automaticTraceIsNamedBySectionAndUtcTime();
     void automaticTracesArePrunedToTheNewestTwenty();
     void environmentVariableNamesTheAutomaticFolder();
@@ -293,6 +296,63 @@ void TestTraceFile::traceCutShortByTheFileSizeLimitIsWarnedAndLeavesNoFile()
     TraceFile::waitForBackgroundSaves();
     QCOMPARE(linesOf(path).size(), 1 + entries);
     QCOMPARE(log.lines(), QList<LogCapture::Line>());
+}
+
+void TestTraceFile::automaticTraceCutShortByTheFileSizeLimitIsWarnedForItsSection()
+{
+    LogCapture log;
+    auto logger = std::make_shared<Logger>(m_settings);
+    auto link = std::make_shared<RecordingLink>(2, 1000, QString());
+    fillWithFaderMoves(*link->ring);
+    const QString folder = m_dir->filePath(QStringLiteral("traces"));
+    QString path;
+    {
+        FileSizeLimit limit(4096);
+        QVERIFY(limit.inForce());
+        path = TraceFile::saveAutomatic(folder, *m_settings, link, logger);
+        TraceFile::waitForBackgroundSaves();
+    }
+    QVERIFY(!path.isEmpty());
+    QCOMPARE(log.lines(),
+             (QList<LogCapture::Line>{
+                 {QtWarningMsg,
+                  QStringLiteral("Cannot save the trace of section 2 to %1: File too large")
+                      .arg(path)}}));
+    QCOMPARE(everythingIn(folder), QStringList());
+}
+
+void TestTraceFile::automaticTraceToAFolderThatCannotBeMadeIsWarnedAndWritesNothing_data()
+{
+    QTest::addColumn<QString>("folder");
+    // Relative to the test's own folder, where "plain" is a plain file.
+    QTest::newRow("below a plain file") << QStringLiteral("plain/traces");
+    // Nobody may make a folder there, root included.
+    QTest::newRow("read-only place") << QStringLiteral("/proc/worksurface-traces");
+}
+
+void TestTraceFile::automaticTraceToAFolderThatCannotBeMadeIsWarnedAndWritesNothing()
+{
+    QFETCH(QString, folder);
+    folder = QDir(m_dir->path()).absoluteFilePath(folder);
+    QFile plain(m_dir->filePath(QStringLiteral("plain")));
+    QVERIFY(plain.open(QIODevice::WriteOnly));
+    plain.close();
+    LogCapture log;
+    auto logger = std::make_shared<Logger>(m_settings);
+    auto link = std::make_shared<RecordingLink>(1, 8, QString());
+    link->ring->recordEvent(1000, Event::State, 6);
+
+    QCOMPARE(TraceFile::saveAutomatic(folder, *m_settings, link, logger), QString());
+    TraceFile::waitForBackgroundSaves();
+    QCOMPARE(log.lines(),
+             (QList<LogCapture::Line>{
+                 {QtWarningMsg,
+                  QStringLiteral("Cannot save the trace of section 1: cannot make the folder %1")
+                      .arg(folder)}}));
+    QVERIFY(!QFileInfo::exists(folder));
+    QCOMPARE(everythingIn(m_dir->path()), QStringList{QStringLiteral("plain")});
+    QVERIFY(QFileInfo(plain.fileName()).isFile());
+    QCOMPARE(QFileInfo(plain.fileName()).size(), qint64(0));
 }
 
 void TestTraceFile::automaticTraceIsNamedBySectionAndUtcTime()
