@@ -1,7 +1,8 @@
 // What the flight recorder costs a link: received frames through the section connection
 // (parser, recorder, root handler) with recording at the default 4,096 entries and with it
-// off (capacity 0), reported as ns per frame; the recorder's own cost per frame; the
-// memory a section's ring takes; and the time Surface.saveTrace takes for three full rings.
+// off (capacity 0), reported as ns per frame; the recorder's own cost per frame, alone and
+// with a thread snapshotting the ring beside it (median and 99th percentile); the memory a
+// section's ring takes; and the time Surface.saveTrace takes for three full rings.
 
 #include <benchmark/benchmark.h>
 
@@ -9,7 +10,12 @@
 #include <QDir>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "base/logger.h"
@@ -115,6 +121,63 @@ void BM_RecorderRecordFrame(benchmark::State& state)
     state.counters["ring_bytes"] = static_cast<double>(recorder.memoryBytes());
 }
 BENCHMARK(BM_RecorderRecordFrame)->Arg(FlightRecorder::kDefaultCapacity)->Arg(0);
+
+// Records timed one by one for their median and 99th percentile.
+constexpr int64_t kTimedRecords = 1 << 20;
+
+// One frame into a full default ring, each record timed on its own, without (range(0) = 0)
+// and with (1) a thread that snapshots the ring over and over beside it, as a trace saved
+// from QML while the links run on the surface thread does, only without pause: what a link
+// waits for while the ring is copied. Counters: "median_ns" and "p99_ns" per record, each
+// time including one read of the steady clock; "snapshots" taken meanwhile.
+void BM_RecorderRecordBesideSnapshots(benchmark::State& state)
+{
+    FlightRecorder recorder;
+    const QByteArray frame = encode(SerialMessage(MessageType::FaderPosition, 3, {1, 0x90}));
+    int64_t now = 0;
+    for (int i = 0; i < recorder.capacity(); ++i) {
+        recorder.record(now += 500000, FlightRecorder::Kind::FrameIn, frame);
+    }
+    std::atomic<bool> stop{false};
+    std::atomic<int64_t> snapshots{0};
+    std::thread snapshotter;
+    if (state.range(0) != 0) {
+        snapshotter = std::thread([&]() {
+            while (!stop.load(std::memory_order_relaxed)) {
+                const auto records = recorder.snapshot();
+                benchmark::DoNotOptimize(records.data());
+                snapshots.fetch_add(1, std::memory_order_relaxed);
+            }
+        });
+        // The first snapshot is under way before the timing starts.
+        while (snapshots.load() == 0) {
+            std::this_thread::yield();
+        }
+    }
+    std::vector<int64_t> samples;
+    samples.reserve(static_cast<std::size_t>(kTimedRecords));
+    for (auto _ : state) {
+        const auto start = std::chrono::steady_clock::now();
+        recorder.record(now += 500000, FlightRecorder::Kind::FrameIn, frame);
+        const auto end = std::chrono::steady_clock::now();
+        if (samples.size() < samples.capacity()) {
+            samples.push_back(
+                std::chrono::duration_cast<std::chrono::nanoseconds>(end - start).count());
+        }
+    }
+    stop = true;
+    if (snapshotter.joinable()) {
+        snapshotter.join();
+    }
+    std::sort(samples.begin(), samples.end());
+    if (!samples.empty()) {
+        state.counters["median_ns"] = static_cast<double>(samples[samples.size() / 2]);
+        state.counters["p99_ns"] = static_cast<double>(samples[samples.size() * 99 / 100]);
+    }
+    state.counters["snapshots"] = static_cast<double>(snapshots.load());
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(BM_RecorderRecordBesideSnapshots)->Arg(0)->Arg(1)->Iterations(kTimedRecords);
 
 class RingLink : public ISectionConnection
 {

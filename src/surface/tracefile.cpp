@@ -282,14 +282,28 @@ QString TraceFile::write(const QString& path, const Header& header,
         text += '\n';
     }
 
+    // Written straight through, not through Qt's write buffer, so that a write the file
+    // system cuts short (a full disk, a quota, a file-size limit) fails here, with its
+    // reason, before anything is committed: a buffered trace would meet it only in the
+    // flush at commit(), which Qt 5.15's QSaveFile does not check, committing the file cut
+    // short. A write may take part of the bytes; the next one then gives the reason.
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Unbuffered)) {
         return file.errorString();
     }
-    if (file.write(text) != text.size() || !file.commit()) {
-        const QString why = file.errorString();
-        file.cancelWriting();
-        return why.isEmpty() ? QStringLiteral("could not write") : why;
+    qint64 done = 0;
+    while (done < text.size()) {
+        const qint64 n = file.write(text.constData() + done, text.size() - done);
+        if (n <= 0) {
+            const QString why = file.errorString();
+            // Dropped with its temporary file: an earlier file at the path stays as it was.
+            file.cancelWriting();
+            return why;
+        }
+        done += n;
+    }
+    if (!file.commit()) {
+        return file.errorString();
     }
     return QString();
 }
@@ -334,7 +348,8 @@ private:
 QString TraceFile::saveInBackground(const QString& path, const Header& header,
                                     const std::vector<std::shared_ptr<ISectionConnection>>& links,
                                     std::shared_ptr<Logger> logger,
-                                    std::function<void(const QString&)> written)
+                                    std::function<void(const QString&)> written,
+                                    std::function<void(const QString&)> failed)
 {
     QString why = checkPath(path);
     if (!why.isEmpty()) {
@@ -351,10 +366,12 @@ QString TraceFile::saveInBackground(const QString& path, const Header& header,
     }
     // The rings are copied now, as they are at the moment of the call.
     auto records = std::make_shared<std::vector<FlightRecorder::Record>>(snapshot(links));
-    writerPool().start(new TraceWriter([path, header, records, logger, written]() {
+    writerPool().start(new TraceWriter([path, header, records, logger, written, failed]() {
         const QString failure = write(path, header, std::move(*records));
         if (!failure.isEmpty()) {
-            if (logger) {
+            if (failed) {
+                failed(failure);
+            } else if (logger) {
                 logger->warning(
                     QStringLiteral("Cannot save the trace to %1: %2").arg(path, failure));
             }
@@ -401,16 +418,20 @@ QString TraceFile::saveAutomatic(const QString& directory, const ISettings& sett
     for (int n = 2; QFileInfo::exists(path); ++n) {
         path = dir.filePath(QStringLiteral("%1-%2.jsonl").arg(base).arg(n));
     }
+    auto warn = [logger, section, path](const QString& why) {
+        logger->warning(QStringLiteral("Cannot save the trace of section %1 to %2: %3")
+                            .arg(section, path, why));
+    };
     const QString why = saveInBackground(
         path, header(settings, {link}), {link}, logger,
         [logger, directory, section](const QString& written) {
             logger->info(
                 QStringLiteral("Saved the trace of section %1 to %2").arg(section, written));
             prune(directory);
-        });
+        },
+        warn);
     if (!why.isEmpty()) {
-        logger->warning(QStringLiteral("Cannot save the trace of section %1 to %2: %3")
-                            .arg(section, path, why));
+        warn(why);
         return QString();
     }
     return path;

@@ -50,14 +50,16 @@ public:
                         const std::vector<std::shared_ptr<ISectionConnection>>& links);
     // The same without making the caller wait for the writing: checks that the file can be
     // written and snapshots the rings now (an empty string, or why it cannot be written),
-    // then formats and writes the file on the trace writer thread. A failure there is
-    // logged as "Cannot save the trace to <path>: <reason>"; `written` is called there once
-    // the file is complete. Three full rings take far longer to format than a link may be
-    // held up, so the QML calls and the failing links save this way.
+    // then formats and writes the file on the trace writer thread. There, `written` is
+    // called with the path once the file is complete, or `failed` with the reason when it
+    // could not be written (without `failed`, the failure is logged as "Cannot save the
+    // trace to <path>: <reason>"). Three full rings take far longer to format than a link
+    // may be held up, so the QML calls and the failing links save this way.
     static QString saveInBackground(const QString& path, const Header& header,
                                     const std::vector<std::shared_ptr<ISectionConnection>>& links,
                                     std::shared_ptr<Logger> logger,
-                                    std::function<void(const QString&)> written = {});
+                                    std::function<void(const QString&)> written = {},
+                                    std::function<void(const QString&)> failed = {});
     // Returns once every trace asked for so far is written (tests, teardown).
     static void waitForBackgroundSaves();
 
@@ -66,8 +68,11 @@ public:
     static QString automaticDirectory(const ISettings& settings);
     // Saves one link's trace into the folder (made if missing) as
     // worksurface-trace-s<i>-<UTC time>.jsonl in the background, then keeps only the newest
-    // 20 traces there. Returns the file being written, or empty when it cannot be written
-    // (logged as a warning).
+    // 20 traces there. Returns the file being written, or empty when it cannot be written.
+    // Logs "Saved the trace of section <i> to <path>" once it is written, or a warning:
+    // "Cannot save the trace of section <i> to <path>: <reason>", whether the reason is met
+    // now or on the writer thread, or "Cannot save the trace of section <i>: cannot make
+    // the folder <folder>".
     static QString saveAutomatic(const QString& directory, const ISettings& settings,
                                  const std::shared_ptr<ISectionConnection>& link,
                                  const std::shared_ptr<Logger>& logger);

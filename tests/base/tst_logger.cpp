@@ -2,6 +2,8 @@
 #if QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
 #include <QTextCodec>
 #endif
+#include <QProcess>
+#include <QTemporaryDir>
 #include <QtTest/QtTest>
 #include <functional>
 #include <memory>
@@ -43,21 +45,6 @@ void writeEveryLevelInEveryArea(const std::shared_ptr<Settings>& settings)
     }
 }
 
-// "<category> <level>: <text>" for each captured line.
-QStringList describe(const LogCapture& log)
-{
-    QStringList result;
-    const QList<LogCapture::Line> lines = log.lines();
-    const QStringList categories = log.categories();
-    for (int i = 0; i < lines.size(); ++i) {
-        result << QStringLiteral("%1 %2: %3")
-                      .arg(categories.at(i),
-                           QString::fromLatin1(LogCapture::levelName(lines.at(i).level)),
-                           lines.at(i).text);
-    }
-    return result;
-}
-
 QStringList describeEveryLevelInEveryArea(const QString& exceptArea, const QString& exceptLevel)
 {
     QStringList result;
@@ -84,6 +71,46 @@ public:
     FilterRules(const FilterRules&) = delete;
     FilterRules& operator=(const FilterRules&) = delete;
 };
+
+// Set in the environment of the child process the routing test starts: the program then
+// writes one line of each level in every area through Qt's own message handler and exits,
+// instead of running the tests. "debug-off": with the debug switch off.
+constexpr const char* kChildVariable = "TARVIX_LOGGER_TEST_CHILD";
+
+int writeEveryAreaAsAChild()
+{
+    auto settings = std::make_shared<Settings>();
+    settings->setDebugEnabled(qgetenv(kChildVariable) != "debug-off");
+    for (const Area& area : kAreas) {
+        const Logger logger(settings, area.category());
+        const QString name = QString::fromLatin1(area.name);
+        logger.debug(name + " debug");
+        logger.info(name + " info");
+        logger.warning(name + " warning");
+    }
+    return 0;
+}
+
+// The lines the child writes: "<area> <level>" for each level and area that passes, as
+// Qt's default message pattern prints them ("<category>: <text>"), or with the pattern
+// "%{category} %{type}: %{message}".
+QStringList childLines(const std::function<bool(const QString&, const QString&)>& passes,
+                       bool namedPattern)
+{
+    QStringList result;
+    for (const Area& area : kAreas) {
+        const QString name = QString::fromLatin1(area.name);
+        for (const char* level : {"debug", "info", "warning"}) {
+            const QString levelName = QString::fromLatin1(level);
+            if (!passes(name, levelName)) {
+                continue;
+            }
+            result << (namedPattern ? QStringLiteral("%1 %2: %1 %2") : QStringLiteral("%1: %1 %2"))
+                          .arg(name, levelName);
+        }
+    }
+    return result;
+}
 
 QStringList g_handledCategories;
 
@@ -119,6 +146,8 @@ private slots:
     void ruleTurningOneLevelOfOneCategoryOffRemovesOnlyThoseLines();
     void debugDisabledSilencesDebugLinesInEveryCategory();
     void applicationMessageHandlerSeesEachLinesCategoryName();
+    void rulesInTheEnvironmentDecideWhichLinesAChildProcessPrints_data();
+    void rulesInTheEnvironmentDecideWhichLinesAChildProcessPrints();
 };
 
 void TestLogger::eachOperationWritesOneLineOfItsLevel_data()
@@ -261,8 +290,8 @@ void TestLogger::inCategoryKeepsTheDebugSwitch()
     settings->setDebugEnabled(false);
     updater->debug("two");
     service.info("three");
-    QCOMPARE(describe(log), QStringList({"tarvix.worksurface.updater debug: one",
-                                         "tarvix.worksurface.service info: three"}));
+    QCOMPARE(log.described(), QStringList({"tarvix.worksurface.updater debug: one",
+                                           "tarvix.worksurface.service info: three"}));
 }
 
 void TestLogger::ruleTurningOneCategoryOffRemovesExactlyItsLines_data()
@@ -280,7 +309,7 @@ void TestLogger::ruleTurningOneCategoryOffRemovesExactlyItsLines()
 
     LogCapture log;
     writeEveryLevelInEveryArea(std::make_shared<Settings>());
-    QCOMPARE(describe(log), describeEveryLevelInEveryArea(area, QString()));
+    QCOMPARE(log.described(), describeEveryLevelInEveryArea(area, QString()));
 }
 
 void TestLogger::ruleTurningOneLevelOfOneCategoryOffRemovesOnlyThoseLines()
@@ -290,7 +319,7 @@ void TestLogger::ruleTurningOneLevelOfOneCategoryOffRemovesOnlyThoseLines()
 
     LogCapture log;
     writeEveryLevelInEveryArea(std::make_shared<Settings>());
-    QCOMPARE(describe(log), describeEveryLevelInEveryArea("tarvix.worksurface.updater", "debug"));
+    QCOMPARE(log.described(), describeEveryLevelInEveryArea("tarvix.worksurface.updater", "debug"));
 }
 
 void TestLogger::debugDisabledSilencesDebugLinesInEveryCategory()
@@ -309,7 +338,7 @@ void TestLogger::debugDisabledSilencesDebugLinesInEveryCategory()
             expected << QStringLiteral("%1 %2: %1 %2").arg(name, QString::fromLatin1(level));
         }
     }
-    QCOMPARE(describe(log), expected);
+    QCOMPARE(log.described(), expected);
 }
 
 void TestLogger::applicationMessageHandlerSeesEachLinesCategoryName()
@@ -331,5 +360,96 @@ void TestLogger::applicationMessageHandlerSeesEachLinesCategoryName()
     QCOMPARE(g_handledCategories, expected);
 }
 
-QTEST_GUILESS_MAIN(TestLogger)
+void TestLogger::rulesInTheEnvironmentDecideWhichLinesAChildProcessPrints_data()
+{
+    QTest::addColumn<QByteArray>("rules");
+    QTest::addColumn<QByteArray>("pattern");
+    QTest::addColumn<QByteArray>("mode");
+    QTest::addColumn<QStringList>("expected");
+    const auto all = [](const QString&, const QString&) { return true; };
+    const auto linkOnly = [](const QString& area, const QString&) {
+        return area == QLatin1String("tarvix.worksurface.link");
+    };
+    const auto noUpdaterDebug = [](const QString& area, const QString& level) {
+        return area != QLatin1String("tarvix.worksurface.updater") ||
+               level != QLatin1String("debug");
+    };
+    const auto noDebug = [](const QString&, const QString& level) {
+        return level != QLatin1String("debug");
+    };
+    const QByteArray on("debug-on");
+    QTest::newRow("no rules") << QByteArray() << QByteArray() << on << childLines(all, false);
+    // The rules of docs/logging.md, as a console's start script sets them.
+    QTest::newRow("everything") << QByteArray("tarvix.worksurface.*=true") << QByteArray() << on
+                                << childLines(all, false);
+    QTest::newRow("only the link")
+        << QByteArray("tarvix.worksurface.*=false\ntarvix.worksurface.link=true") << QByteArray()
+        << on << childLines(linkOnly, false);
+    QTest::newRow("rules separated by a semicolon")
+        << QByteArray("tarvix.worksurface.*=false;tarvix.worksurface.link=true") << QByteArray()
+        << on << childLines(linkOnly, false);
+    QTest::newRow("updater without its debug lines")
+        << QByteArray("tarvix.worksurface.updater.debug=false") << QByteArray() << on
+        << childLines(noUpdaterDebug, false);
+    QTest::newRow("in the field") << QByteArray("tarvix.worksurface.*.debug=false")
+                                  << QByteArray("%{category} %{type}: %{message}") << on
+                                  << childLines(noDebug, true);
+    // A rule that asks for debug lines does not override the plugin's own switch.
+    QTest::newRow("debug switch off")
+        << QByteArray("tarvix.worksurface.*.debug=true") << QByteArray() << QByteArray("debug-off")
+        << childLines(noDebug, false);
+}
+
+void TestLogger::rulesInTheEnvironmentDecideWhichLinesAChildProcessPrints()
+{
+#ifdef TARVIX_EMULATED_RUN
+    QSKIP("Child processes do not run under user-mode emulation");
+#endif
+    QFETCH(QByteArray, rules);
+    QFETCH(QByteArray, pattern);
+    QFETCH(QByteArray, mode);
+    QFETCH(QStringList, expected);
+    // No qtlogging.ini of the user's or the machine's takes part.
+    QTemporaryDir config;
+    QVERIFY(config.isValid());
+
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const char* name : {"QT_LOGGING_RULES", "QT_LOGGING_CONF", "QT_MESSAGE_PATTERN"}) {
+        environment.remove(QString::fromLatin1(name));
+    }
+    if (!rules.isEmpty()) {
+        environment.insert(QStringLiteral("QT_LOGGING_RULES"), QString::fromLatin1(rules));
+    }
+    if (!pattern.isEmpty()) {
+        environment.insert(QStringLiteral("QT_MESSAGE_PATTERN"), QString::fromLatin1(pattern));
+    }
+    // Qt's handler writes to standard error, not to a system log, although it is a pipe.
+    environment.insert(QStringLiteral("QT_FORCE_STDERR_LOGGING"), QStringLiteral("1"));
+    environment.insert(QStringLiteral("XDG_CONFIG_HOME"), config.path());
+    environment.insert(QStringLiteral("XDG_CONFIG_DIRS"), config.path());
+    environment.insert(QString::fromLatin1(kChildVariable), QString::fromLatin1(mode));
+
+    QProcess child;
+    child.setProcessEnvironment(environment);
+    child.start(QCoreApplication::applicationFilePath(), QStringList());
+    QVERIFY2(child.waitForFinished(30000), qPrintable(child.errorString()));
+    QCOMPARE(child.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(child.exitCode(), 0);
+    QCOMPARE(child.readAllStandardOutput(), QByteArray());
+    const QStringList printed =
+        QString::fromLocal8Bit(child.readAllStandardError()).split(QLatin1Char('\n'));
+    QCOMPARE(printed, expected + QStringList{QString()});
+}
+
+// The test program doubles as the child process of the routing test.
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    if (qEnvironmentVariableIsSet(kChildVariable)) {
+        return writeEveryAreaAsAChild();
+    }
+    TestLogger test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
 #include "tst_logger.moc"

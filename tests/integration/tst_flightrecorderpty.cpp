@@ -93,6 +93,7 @@ private slots:
 
     void savedTraceHoldsTheFramesNoiseHangUpAndReconnectInOrder();
     void aHealthyLinkWritesNoAutomaticTrace();
+    void anAutomaticTraceThatCannotBeSavedLeavesTheLinksRunning();
     void saveTraceWithoutASurfaceOrToABadPlaceFailsWithOneWarning();
     void capacityZeroSavesAHeaderOnly();
 
@@ -305,6 +306,60 @@ void TestFlightRecorderPty::aHealthyLinkWritesNoAutomaticTrace()
     TraceFile::waitForBackgroundSaves();
     QVERIFY(traceFiles().isEmpty());
     QVERIFY(!QFileInfo::exists(m_traceDir));
+}
+
+void TestFlightRecorderPty::anAutomaticTraceThatCannotBeSavedLeavesTheLinksRunning()
+{
+    // The trace folder would be made below a plain file: nobody can, root included.
+    const QString plain = m_dir->filePath(QStringLiteral("plain"));
+    QFile plainFile(plain);
+    QVERIFY(plainFile.open(QIODevice::WriteOnly));
+    plainFile.close();
+    const QString folder = plain + QStringLiteral("/traces");
+    PtySectionSimulator* sim = plugIn();
+    QVERIFY(sim);
+    m_service->settings()->setTraceDirectory(folder);
+    LogCapture log;
+    startSurface();
+    QTRY_COMPARE_WITH_TIMEOUT(m_service->section(0)->linkState(), int(SectionInfoModel::Connected),
+                              kTimeout);
+
+    sim->hangUp();
+    QFile::remove(m_devicePath);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (pass(), m_service->section(0)->linkState() == SectionInfoModel::Connecting), kTimeout);
+    runFor(500);
+    TraceFile::waitForBackgroundSaves();
+    const QStringList warned = {
+        QStringLiteral("tarvix.worksurface.link warning: Cannot save the trace of section 0: "
+                       "cannot make the folder %1")
+            .arg(folder)};
+    auto traceLines = [&log]() {
+        return log.described().filter(
+            QRegularExpression(QStringLiteral(": (Cannot save|Saved) the trace ")));
+    };
+    QCOMPARE(traceLines(), warned);
+    // The other section never noticed.
+    QCOMPARE(m_service->section(1)->linkState(), int(SectionInfoModel::Connected));
+
+    // A new adapter: the link comes back by itself and stays up, its pings answered, for
+    // ten seconds.
+    QVERIFY(plugIn());
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (pass(), m_service->section(0)->linkState() == SectionInfoModel::Connected), kTimeout);
+    for (int i = 0; i < 200; ++i) {
+        pass();
+        if (i % 40 == 0) {
+            QTest::qWait(1);
+        }
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(m_service->section(0)->linkState(), int(SectionInfoModel::Connected),
+                              kTimeout);
+    QCOMPARE(m_service->section(1)->linkState(), int(SectionInfoModel::Connected));
+    TraceFile::waitForBackgroundSaves();
+    QCOMPARE(traceLines(), warned);
+    QVERIFY(QFileInfo(plain).isFile());
+    QCOMPARE(QFileInfo(plain).size(), qint64(0));
 }
 
 void TestFlightRecorderPty::saveTraceWithoutASurfaceOrToABadPlaceFailsWithOneWarning()

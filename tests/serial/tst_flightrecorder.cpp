@@ -1,6 +1,12 @@
 #include <QByteArray>
+#include <QDeadlineTimer>
 #include <QtTest/QtTest>
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "serial/flightrecorder.h"
@@ -25,6 +31,27 @@ QByteArray frameNumber(int n)
     }
     return frame + sum;
 }
+
+// Lets threads start together: each one arrives and waits until all have.
+class StartLine
+{
+public:
+    explicit StartLine(int threads) : m_waiting(threads) {}
+    void arriveAndWait()
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (--m_waiting == 0) {
+            m_allThere.notify_all();
+            return;
+        }
+        m_allThere.wait(lock, [this]() { return m_waiting == 0; });
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_allThere;
+    int m_waiting;
+};
 
 }  // namespace
 
@@ -205,23 +232,80 @@ void TestFlightRecorder::memoryPerSectionAtTheDefaultCapacityStaysUnder256KiB()
 void TestFlightRecorder::snapshotWhileAnotherThreadRecordsSeesWholeEntries()
 {
     // The links may run on the surface thread while QML saves: every entry a snapshot sees
-    // is one whole frame, never half of one and half of the next.
-    FlightRecorder recorder(64);
-    std::thread writer([&recorder]() {
-        for (int i = 0; i < 20000; ++i) {
-            recorder.record(i, Kind::FrameIn, frameNumber(i & 0xffff));
+    // is one whole frame, never half of one and half of the next, and the entries of one
+    // snapshot are consecutive, oldest first. Entry n is recorded at n microseconds with the
+    // low 16 bits of n in its bytes, so time and bytes tell whether they belong together.
+    constexpr int kCapacity = 64;
+    constexpr int kSnapshots = 200;
+    // The snapshots go on until one has seen at least this many entries recorded (the ring
+    // wrapped many times over) and more were recorded after it; the recording goes on
+    // until the snapshots are done, so every snapshot is taken while the other thread
+    // records.
+    constexpr int64_t kMinFrames = 20000;
+    FlightRecorder recorder(kCapacity);
+    StartLine start(2);
+    std::atomic<bool> snapshotsDone{false};
+    int64_t recorded = 0;
+    std::thread writer([&]() {
+        start.arriveAndWait();
+        while (recorded < kMinFrames || !snapshotsDone.load()) {
+            recorder.record(recorded * kUs, Kind::FrameIn,
+                            frameNumber(static_cast<int>(recorded & 0xffff)));
+            ++recorded;
         }
     });
-    bool whole = true;
-    for (int round = 0; round < 200 && whole; ++round) {
-        for (const auto& record : recorder.snapshot()) {
-            const int n = (static_cast<uint8_t>(record.bytes[3]) << 8) |
-                          static_cast<uint8_t>(record.bytes[4]);
-            whole = whole && record.bytes == frameNumber(n) && record.tUs == n / 1000;
+
+    // Per snapshot: how many entries it held and the last one's number (-1: none).
+    std::vector<std::pair<std::size_t, int64_t>> seen;
+    QString broken;
+    start.arriveAndWait();
+    // Done once the latest snapshot is well into the recording and the other thread has
+    // recorded more since.
+    auto enough = [&seen, &recorder]() {
+        return seen.size() >= std::size_t(kSnapshots) && seen.back().second >= kMinFrames &&
+               recorder.written() > static_cast<uint64_t>(seen.back().second + 1);
+    };
+    QDeadlineTimer deadline(30000);
+    while (!enough() && !deadline.hasExpired()) {
+        const auto records = recorder.snapshot();
+        for (std::size_t i = 0; i < records.size() && broken.isEmpty(); ++i) {
+            const int64_t n = records[i].tUs;
+            if (records[i].bytes != frameNumber(static_cast<int>(n & 0xffff))) {
+                broken = QStringLiteral("entry %1 holds %2")
+                             .arg(n)
+                             .arg(QString::fromLatin1(records[i].bytes.toHex()));
+            } else if (i > 0 && n != records[i - 1].tUs + 1) {
+                broken = QStringLiteral("entry %1 follows %2").arg(n).arg(records[i - 1].tUs);
+            }
         }
+        seen.emplace_back(records.size(), records.empty() ? -1 : records.back().tUs);
     }
+    const bool finished = enough();
+    snapshotsDone = true;
     writer.join();
-    QVERIFY(whole);
+    QVERIFY2(broken.isEmpty(), qPrintable(broken));
+    QVERIFY2(finished, "the snapshots did not see the recording get under way within 30 s");
+
+    // The two threads overlapped: a snapshot caught the ring part way, after the first
+    // entry and before the last.
+    const int64_t last = recorded - 1;
+    const bool partWay = std::any_of(seen.begin(), seen.end(), [last](const auto& snapshot) {
+        return snapshot.first > 0 && snapshot.second < last;
+    });
+    QVERIFY2(partWay, qPrintable(QStringLiteral("%1 snapshots, none between empty and entry %2")
+                                     .arg(seen.size())
+                                     .arg(last)));
+
+    // And once the recording stopped, the ring holds exactly the newest 64 entries.
+    const auto final = recorder.snapshot();
+    QCOMPARE(final.size(), std::size_t(kCapacity));
+    for (int i = 0; i < kCapacity; ++i) {
+        const int64_t n = recorded - kCapacity + i;
+        QCOMPARE(final[static_cast<std::size_t>(i)].tUs, n);
+        QCOMPARE(final[static_cast<std::size_t>(i)].bytes,
+                 frameNumber(static_cast<int>(n & 0xffff)));
+    }
+    QCOMPARE(recorder.written(), uint64_t(recorded));
 }
 
 QTEST_GUILESS_MAIN(TestFlightRecorder)

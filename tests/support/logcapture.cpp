@@ -126,6 +126,18 @@ QStringList LogCapture::textsIn(const QString& category) const
     return result;
 }
 
+QStringList LogCapture::described() const
+{
+    std::lock_guard<std::mutex> lock(g_mutex);
+    QStringList result;
+    for (int i = 0; i < m_lines.size(); ++i) {
+        result << QStringLiteral("%1 %2: %3")
+                      .arg(m_categories.at(i), QString::fromLatin1(levelName(m_lines.at(i).level)),
+                           m_lines.at(i).text);
+    }
+    return result;
+}
+
 int LogCapture::count(QtMsgType level, const QString& text) const
 {
     int n = 0;

@@ -39,6 +39,9 @@ public:
     // The thread each line was written on, in the order of lines(): a link's lines come from
     // the thread it runs on.
     QList<QThread*> threads() const;
+    // Every line as "<category> <level>: <text>", in order, so that a test compares where
+    // each line went along with what it says.
+    QStringList described() const;
     bool contains(QtMsgType level, const QString& text) const;
     int count(QtMsgType level, const QString& text) const;
     void clear();

@@ -1,3 +1,7 @@
+#include <QDir>
+#include <QFile>
+#include <QRegularExpression>
+#include <QTemporaryDir>
 #include <QtTest>
 #include <memory>
 
@@ -12,17 +16,31 @@
 #include "support/fakeserialconnectionfactory.h"
 #include "support/fakeserialmessagehandler.h"
 #include "support/fakesettings.h"
+#include "support/filesizelimit.h"
 #include "support/logcapture.h"
 #include "support/manualclock.h"
 #include "support/recordingstatelistener.h"
 #include "support/serialframes.h"
 #include "surface/connectionfactory.h"
+#include "surface/tracefile.h"
 #include "tasks/taskpool.h"
 #include "updater/bootloaderpacket.h"
 
 using namespace Velmora::Worksurface;
 
 namespace {
+
+const QByteArray kPingFrame = QByteArray::fromHex("03000003");
+const QByteArray kSerialErrorFrame = QByteArray::fromHex("03020005");
+const QByteArray kFaderFrame = QByteArray::fromHex("050704012c3d");
+
+// The lines a link of section 2 writes as it comes up and as the section reports a serial
+// error, before anything of its trace.
+const QStringList kUpAndSerialError = {
+    QStringLiteral("tarvix.worksurface.updater info: WS UPDATER: Received not in bootloader. "
+                   "Finished updating"),
+    QStringLiteral("tarvix.worksurface.link critical: Received serial error from the section 2."),
+};
 
 struct Bench
 {
@@ -57,7 +75,27 @@ struct Bench
         clock.advanceMs(51);
         pool->runPendingTasks();
     }
+
+    void runFor(qint64 ms)
+    {
+        for (qint64 passed = 0; passed < ms; passed += 51) {
+            pass();
+        }
+    }
+
+    // Automatic traces go to the folder (the environment must not name another).
+    void traceTo(const QString& folder)
+    {
+        qunsetenv(TraceFile::kDirectoryVariable);
+        settings->setTraceDirectory(folder);
+    }
 };
+
+QStringList tracesIn(const QString& folder)
+{
+    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot,
+                                  QDir::Name);
+}
 
 }  // namespace
 
@@ -76,6 +114,10 @@ private slots:
     void updaterReadsTheFirmwarePathFromTheSettings();
     void linkLogsThroughTheSharedLogger();
     void everySectionGetsItsOwnLine();
+    void failingLinkSavesItsTraceWithALineInTheLinkCategory();
+    void automaticTraceToAFolderThatCannotBeMadeIsWarnedAndTheLinkCarriesOn();
+    void automaticTraceCutShortByTheFileSizeLimitIsWarnedInTheLinkCategory();
+    void withoutATraceFolderAFailingLinkSavesNothing();
 };
 
 void TestConnectionFactory::asksForTheSectionsSerialLineWithTheSettings()
@@ -230,6 +272,155 @@ void TestConnectionFactory::everySectionGetsItsOwnLine()
     second->open();
     QVERIFY(bench.line(0).rawPackets().empty());
     QCOMPARE(bench.line(1).rawPackets().size(), std::size_t(1));
+}
+
+void TestConnectionFactory::failingLinkSavesItsTraceWithALineInTheLinkCategory()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString folder = dir.filePath(QStringLiteral("traces"));
+    Bench bench;
+    bench.traceTo(folder);
+    LogCapture log;
+    const auto connection = bench.create(2);
+    connection->open();
+    bench.line().pushData(QByteArray::fromHex("aa"));
+
+    bench.line().pushData(kSerialErrorFrame);
+    QCOMPARE(connection->state(), uint8_t(ISectionConnection::SerialError));
+    TraceFile::waitForBackgroundSaves();
+
+    const QStringList traces = tracesIn(folder);
+    QCOMPARE(traces.size(), 1);
+    QVERIFY2(traces.first().startsWith(QStringLiteral("worksurface-trace-s2-")),
+             qPrintable(traces.first()));
+    const QString path = QDir(folder).filePath(traces.first());
+    QCOMPARE(log.described(),
+             kUpAndSerialError + QStringList{QStringLiteral("tarvix.worksurface.link info: Saved "
+                                                            "the trace of section 2 to %1")
+                                                 .arg(path)});
+    // The link's ring as it was when the error came, after the header: the start-up, the
+    // error frame, the zero fill written in reply and the state it put the link in.
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QList<QByteArray> lines = file.readAll().split('\n');
+    const QByteArray zeroFill = QByteArray(1024, '\0').toHex();
+    const QList<QByteArray> expected = {
+        R"({"t":1000.000000,"section":2,"event":"portOpen","port":"","opened":true})",
+        R"({"t":1000.000000,"section":2,"event":"state","state":"Connecting"})",
+        R"({"t":1000.000000,"section":2,"dir":"out","bootloader":"5555"})",
+        R"({"t":1000.000000,"section":2,"dir":"in","bootloader":"aa"})",
+        R"({"t":1000.000000,"section":2,"event":"state","state":"Connected"})",
+        R"({"t":1000.000000,"section":2,"dir":"in","type":2,"typeName":"serial error","device":0,"control":"section","hex":"03020005"})",
+        R"({"t":1000.000000,"section":2,"dir":"out","type":0,"typeName":"ping","device":0,"control":"section","value":{"version":0,"temperature":0},"hex":")" +
+            zeroFill + R"("})",
+        R"({"t":1000.000000,"section":2,"event":"state","state":"SerialError"})",
+        QByteArray(),
+    };
+    QCOMPARE(lines.mid(1), expected);
+}
+
+void TestConnectionFactory::automaticTraceToAFolderThatCannotBeMadeIsWarnedAndTheLinkCarriesOn()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    // The folder would be made below a plain file: nobody can, root included.
+    const QString plain = dir.filePath(QStringLiteral("plain"));
+    QFile plainFile(plain);
+    QVERIFY(plainFile.open(QIODevice::WriteOnly));
+    plainFile.close();
+    const QString folder = plain + QStringLiteral("/traces");
+    Bench bench;
+    bench.traceTo(folder);
+    auto fader = std::make_shared<FakeSerialMessageHandler>();
+    fader->takeDevice(4);
+    bench.root->addHandler(fader);
+    LogCapture log;
+    const auto connection = bench.create(2);
+    connection->open();
+    bench.line().pushData(QByteArray::fromHex("aa"));
+
+    bench.line().pushData(kSerialErrorFrame);
+    TraceFile::waitForBackgroundSaves();
+    const QString warning =
+        QStringLiteral(
+            "tarvix.worksurface.link warning: Cannot save the trace of section 2: "
+            "cannot make the folder %1")
+            .arg(folder);
+    QCOMPARE(log.described(), kUpAndSerialError + QStringList{warning});
+
+    // The link carries on: back a second after the error, it pings the section and takes
+    // what the section sends.
+    bench.runFor(1100);
+    QCOMPARE(connection->state(), uint8_t(ISectionConnection::Connected));
+    bench.line().clearRecords();
+    bench.runFor(2100);
+    QVERIFY2(bench.line().flushes().contains(kPingFrame),
+             qPrintable(QString::number(bench.line().flushes().size())));
+    QVERIFY(bench.line().pushData(kFaderFrame));
+    QCOMPARE(fader->taken(), std::vector<SerialMessage>{
+                                 SerialMessage(MessageType::FaderPosition, 4, {0x01, 0x2c})});
+    QCOMPARE(connection->state(), uint8_t(ISectionConnection::Connected));
+
+    // The next outage tries again, and meets the same folder.
+    log.clear();
+    bench.line().pushData(kSerialErrorFrame);
+    TraceFile::waitForBackgroundSaves();
+    QCOMPARE(log.described(), (QStringList{kUpAndSerialError.last(), warning}));
+    QVERIFY(QFileInfo(plain).isFile());
+    QCOMPARE(QFileInfo(plain).size(), qint64(0));
+    QCOMPARE(tracesIn(dir.path()), QStringList{QStringLiteral("plain")});
+}
+
+void TestConnectionFactory::automaticTraceCutShortByTheFileSizeLimitIsWarnedInTheLinkCategory()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString folder = dir.filePath(QStringLiteral("traces"));
+    Bench bench;
+    bench.traceTo(folder);
+    LogCapture log;
+    const auto connection = bench.create(2);
+    connection->open();
+    bench.line().pushData(QByteArray::fromHex("aa"));
+    {
+        // Less than the trace's header line.
+        FileSizeLimit limit(100);
+        QVERIFY(limit.inForce());
+        bench.line().pushData(kSerialErrorFrame);
+        TraceFile::waitForBackgroundSaves();
+    }
+    const QStringList lines = log.described();
+    QCOMPARE(lines.size(), 3);
+    QCOMPARE(lines.mid(0, 2), kUpAndSerialError);
+    const QRegularExpression failed(
+        QStringLiteral(
+            "^tarvix\\.worksurface\\.link warning: Cannot save the trace of section 2 "
+            "to %1/worksurface-trace-s2-\\d{8}T\\d{6}\\.\\d{3}Z\\.jsonl: File too large$")
+            .arg(QRegularExpression::escape(folder)));
+    QVERIFY2(failed.match(lines.last()).hasMatch(), qPrintable(lines.last()));
+    // Made for the trace, and left empty.
+    QCOMPARE(tracesIn(folder), QStringList());
+}
+
+void TestConnectionFactory::withoutATraceFolderAFailingLinkSavesNothing()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    Bench bench;
+    bench.traceTo(QString());
+    // Where a trace would otherwise have gone: the current folder.
+    const QString previous = QDir::currentPath();
+    QVERIFY(QDir::setCurrent(dir.path()));
+    LogCapture log;
+    const auto connection = bench.create(2);
+    connection->open();
+    bench.line().pushData(QByteArray::fromHex("aa"));
+    bench.line().pushData(kSerialErrorFrame);
+    TraceFile::waitForBackgroundSaves();
+    QDir::setCurrent(previous);
+    QCOMPARE(log.described(), kUpAndSerialError);
+    QCOMPARE(tracesIn(dir.path()), QStringList());
 }
 
 QTEST_GUILESS_MAIN(TestConnectionFactory)

@@ -1,5 +1,7 @@
 // Trace files: what a saved trace holds, line by line, and how saving fails and prunes.
+#include <fcntl.h>
 #include <unistd.h>
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -8,12 +10,15 @@
 #include <QJsonObject>
 #include <QTemporaryDir>
 #include <QtTest/QtTest>
+#include <cerrno>
+#include <cstring>
 #include <memory>
 
 #include "base/logger.h"
 #include "serial/flightrecorder.h"
 #include "support/fakesectionconnection.h"
 #include "support/fakesettings.h"
+#include "support/filesizelimit.h"
 #include "support/logcapture.h"
 #include "support/manualclock.h"
 #include "surface/tracefile.h"
@@ -53,6 +58,35 @@ QList<QByteArray> linesOf(const QString& path)
     return lines;
 }
 
+// Everything in a folder, hidden files included (a save's temporary file among them).
+QStringList everythingIn(const QString& folder)
+{
+    return QDir(folder).entryList(
+        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+}
+
+// What the file system answers to making a file beside path, or empty when it can be
+// made (and it is removed again).
+QString refusalToMakeAFileBeside(const QString& path)
+{
+    const QByteArray name = QFile::encodeName(path + QStringLiteral(".probe"));
+    const int fd = ::open(name.constData(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+    if (fd >= 0) {
+        ::close(fd);
+        ::unlink(name.constData());
+        return QString();
+    }
+    return QString::fromLocal8Bit(::strerror(errno));
+}
+
+// A full ring of fader moves: about 110 bytes a line, far more than Qt buffers per write.
+void fillWithFaderMoves(FlightRecorder& ring)
+{
+    for (int i = 0; i < ring.capacity(); ++i) {
+        ring.record(i * 1000000LL, Kind::FrameIn, QByteArray::fromHex("0507030190a0"));
+    }
+}
+
 }  // namespace
 
 class TestTraceFile : public QObject
@@ -65,6 +99,11 @@ private slots:
     void headerNamesFormatModelTypePortsCapacityAndT0();
     void sectionsAreMergedInTimeOrder();
     void savingToAMissingFolderAReadOnlyPlaceOrAFolderFailsWithItsReason();
+    void traceCutShortByTheFileSizeLimitIsWarnedAndLeavesNoFile_data();
+    void traceCutShortByTheFileSizeLimitIsWarnedAndLeavesNoFile();
+    void automaticTraceCutShortByTheFileSizeLimitIsWarnedForItsSection();
+    void automaticTraceToAFolderThatCannotBeMadeIsWarnedAndWritesNothing_data();
+    void automaticTraceToAFolderThatCannotBeMadeIsWarnedAndWritesNothing();
     void automaticTraceIsNamedBySectionAndUtcTime();
     void automaticTracesArePrunedToTheNewestTwenty();
     void environmentVariableNamesTheAutomaticFolder();
@@ -179,20 +218,141 @@ void TestTraceFile::savingToAMissingFolderAReadOnlyPlaceOrAFolderFailsWithItsRea
     QCOMPARE(TraceFile::save(m_dir->path(), header, {link}),
              QStringLiteral("%1 is a folder").arg(m_dir->path()));
 
-    const QString locked = m_dir->filePath(QStringLiteral("locked"));
-    QVERIFY(QDir().mkdir(locked));
-    QVERIFY(QFile::setPermissions(locked, QFileDevice::ReadOwner | QFileDevice::ExeOwner));
-    const QString inLocked = locked + QStringLiteral("/t.jsonl");
-    const QString why = TraceFile::save(inLocked, header, {link});
-    QFile::setPermissions(locked,
-                          QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    if (::geteuid() != 0) {
-        QVERIFY(!why.isEmpty());
-        QVERIFY(QDir(locked).entryList(QDir::Files | QDir::Hidden).isEmpty());
+    // A folder that is a plain file.
+    const QString plain = m_dir->filePath(QStringLiteral("plain"));
+    QFile plainFile(plain);
+    QVERIFY(plainFile.open(QIODevice::WriteOnly));
+    plainFile.close();
+    QCOMPARE(TraceFile::save(plain + QStringLiteral("/t.jsonl"), header, {link}),
+             QStringLiteral("the folder %1 does not exist").arg(plain));
+    QCOMPARE(QFileInfo(plain).size(), qint64(0));
+
+    // A place nobody may write to, root included: the file system's own reason.
+    const QString readOnly = QStringLiteral("/proc/worksurface-trace.jsonl");
+    const QString refusal = refusalToMakeAFileBeside(readOnly);
+    QVERIFY(!refusal.isEmpty());
+    QCOMPARE(TraceFile::save(readOnly, header, {link}), refusal);
+    QVERIFY(!QFileInfo::exists(readOnly));
+    QCOMPARE(everythingIn(m_dir->path()), QStringList{QStringLiteral("plain")});
+}
+
+void TestTraceFile::traceCutShortByTheFileSizeLimitIsWarnedAndLeavesNoFile_data()
+{
+    QTest::addColumn<int>("entries");
+    QTest::addColumn<QByteArray>("earlier");
+    // One line: small enough for Qt's write buffer, where the limit would be met only in the
+    // flush at commit().
+    QTest::newRow("short trace") << 1 << QByteArray();
+    // About 110 KB: more than Qt buffers, cut short by the limit in a write.
+    QTest::newRow("long trace") << 1000 << QByteArray();
+    // An earlier trace at the same path stays as it was.
+    QTest::newRow("over an earlier trace") << 1000 << QByteArray("earlier trace\n");
+}
+
+void TestTraceFile::traceCutShortByTheFileSizeLimitIsWarnedAndLeavesNoFile()
+{
+    QFETCH(int, entries);
+    QFETCH(QByteArray, earlier);
+    LogCapture log;
+    auto logger = std::make_shared<Logger>(m_settings);
+    auto link = std::make_shared<RecordingLink>(0, entries, QString());
+    fillWithFaderMoves(*link->ring);
+    const auto header = TraceFile::header(*m_settings, {link});
+    const QString path = m_dir->filePath(QStringLiteral("t.jsonl"));
+    if (!earlier.isEmpty()) {
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        QCOMPARE(file.write(earlier), qint64(earlier.size()));
     }
-    // A place nobody writes to, root included.
-    QVERIFY(!TraceFile::save(QStringLiteral("/proc/worksurface-trace.jsonl"), header, {link})
-                 .isEmpty());
+
+    bool written = false;
+    {
+        // Fewer bytes than the header line alone.
+        FileSizeLimit limit(100);
+        QVERIFY(limit.inForce());
+        QCOMPARE(TraceFile::saveInBackground(path, header, {link}, logger,
+                                             [&written](const QString&) { written = true; }),
+                 QString());
+        TraceFile::waitForBackgroundSaves();
+    }
+    QVERIFY(!written);
+    QCOMPARE(log.lines(),
+             (QList<LogCapture::Line>{
+                 {QtWarningMsg,
+                  QStringLiteral("Cannot save the trace to %1: File too large").arg(path)}}));
+    // Nothing of the trace is left: no partial file, no temporary one.
+    if (earlier.isEmpty()) {
+        QCOMPARE(everythingIn(m_dir->path()), QStringList());
+    } else {
+        QCOMPARE(everythingIn(m_dir->path()), QStringList{QStringLiteral("t.jsonl")});
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QCOMPARE(file.readAll(), earlier);
+    }
+
+    // The same trace is written in full once the limit is gone.
+    log.clear();
+    QCOMPARE(TraceFile::saveInBackground(path, header, {link}, logger), QString());
+    TraceFile::waitForBackgroundSaves();
+    QCOMPARE(linesOf(path).size(), 1 + entries);
+    QCOMPARE(log.lines(), QList<LogCapture::Line>());
+}
+
+void TestTraceFile::automaticTraceCutShortByTheFileSizeLimitIsWarnedForItsSection()
+{
+    LogCapture log;
+    auto logger = std::make_shared<Logger>(m_settings);
+    auto link = std::make_shared<RecordingLink>(2, 1000, QString());
+    fillWithFaderMoves(*link->ring);
+    const QString folder = m_dir->filePath(QStringLiteral("traces"));
+    QString path;
+    {
+        FileSizeLimit limit(4096);
+        QVERIFY(limit.inForce());
+        path = TraceFile::saveAutomatic(folder, *m_settings, link, logger);
+        TraceFile::waitForBackgroundSaves();
+    }
+    QVERIFY(!path.isEmpty());
+    QCOMPARE(log.lines(),
+             (QList<LogCapture::Line>{
+                 {QtWarningMsg,
+                  QStringLiteral("Cannot save the trace of section 2 to %1: File too large")
+                      .arg(path)}}));
+    QCOMPARE(everythingIn(folder), QStringList());
+}
+
+void TestTraceFile::automaticTraceToAFolderThatCannotBeMadeIsWarnedAndWritesNothing_data()
+{
+    QTest::addColumn<QString>("folder");
+    // Relative to the test's own folder, where "plain" is a plain file.
+    QTest::newRow("below a plain file") << QStringLiteral("plain/traces");
+    // Nobody may make a folder there, root included.
+    QTest::newRow("read-only place") << QStringLiteral("/proc/worksurface-traces");
+}
+
+void TestTraceFile::automaticTraceToAFolderThatCannotBeMadeIsWarnedAndWritesNothing()
+{
+    QFETCH(QString, folder);
+    folder = QDir(m_dir->path()).absoluteFilePath(folder);
+    QFile plain(m_dir->filePath(QStringLiteral("plain")));
+    QVERIFY(plain.open(QIODevice::WriteOnly));
+    plain.close();
+    LogCapture log;
+    auto logger = std::make_shared<Logger>(m_settings);
+    auto link = std::make_shared<RecordingLink>(1, 8, QString());
+    link->ring->recordEvent(1000, Event::State, 6);
+
+    QCOMPARE(TraceFile::saveAutomatic(folder, *m_settings, link, logger), QString());
+    TraceFile::waitForBackgroundSaves();
+    QCOMPARE(log.lines(),
+             (QList<LogCapture::Line>{
+                 {QtWarningMsg,
+                  QStringLiteral("Cannot save the trace of section 1: cannot make the folder %1")
+                      .arg(folder)}}));
+    QVERIFY(!QFileInfo::exists(folder));
+    QCOMPARE(everythingIn(m_dir->path()), QStringList{QStringLiteral("plain")});
+    QVERIFY(QFileInfo(plain.fileName()).isFile());
+    QCOMPARE(QFileInfo(plain.fileName()).size(), qint64(0));
 }
 
 void TestTraceFile::automaticTraceIsNamedBySectionAndUtcTime()
@@ -276,9 +436,9 @@ void TestTraceFile::backgroundSaveChecksThePathAtOnceAndWritesTheRingsAsTheyWere
     const auto header = TraceFile::header(*m_settings, {link});
     QCOMPARE(TraceFile::saveInBackground(m_dir->path(), header, {link}, logger),
              QStringLiteral("%1 is a folder").arg(m_dir->path()));
-    QVERIFY(!TraceFile::saveInBackground(QStringLiteral("/proc/worksurface-trace.jsonl"), header,
-                                         {link}, logger)
-                 .isEmpty());
+    const QString readOnly = QStringLiteral("/proc/worksurface-trace.jsonl");
+    QCOMPARE(TraceFile::saveInBackground(readOnly, header, {link}, logger),
+             refusalToMakeAFileBeside(readOnly));
 
     const QString path = m_dir->filePath(QStringLiteral("b.jsonl"));
     QString written;
