@@ -31,10 +31,15 @@ const QLoggingCategory& Logger::category() const
     return *m_category;
 }
 
-void Logger::debug(const QString& text) const
+bool Logger::debugOn() const
 {
     // Link and updater chatter is only wanted while the console is being looked into.
-    if (!m_settings || !m_settings->debugEnabled()) {
+    return m_settings && m_settings->debugEnabled() && m_category->isDebugEnabled();
+}
+
+void Logger::debug(const QString& text) const
+{
+    if (!debugOn()) {
         return;
     }
     const QByteArray bytes = text.toLocal8Bit();

@@ -34,6 +34,8 @@ public:
     const QLoggingCategory& category() const;
 
     void debug(const QString& text) const;
+    // Whether debug() writes anything: a caller whose debug line takes formatting asks first.
+    bool debugOn() const;
     void critical(const QString& text) const;
     void info(const QString& text) const;
     void warning(const QString& text) const;

@@ -382,8 +382,10 @@ void SectionUpdater::handleStatus(uint8_t status)
     if (m_listener) {
         m_listener->sendBootloaderPacket(BootloaderPacket(BootloaderCommand::CommandAck));
     }
-    const QString name = bootloaderCommandName(status);
-    log(&Logger::debug, QStringLiteral("Received status message: %1.").arg(name));
+    if (m_logger && m_logger->debugOn()) {
+        log(&Logger::debug,
+            QStringLiteral("Received status message: %1.").arg(bootloaderCommandName(status)));
+    }
     if (m_state != WaitingForStatus) {
         return;
     }
@@ -392,7 +394,8 @@ void SectionUpdater::handleStatus(uint8_t status)
         return;
     }
     setState(Failed);
-    log(&Logger::critical, QStringLiteral("Update aborted. Updater received error %1").arg(name));
+    log(&Logger::critical, QStringLiteral("Update aborted. Updater received error %1")
+                               .arg(bootloaderCommandName(status)));
     notifyFailed(ISectionUpdaterListener::BootloaderErrorStatus);
     finish();
 }
@@ -500,10 +503,13 @@ void SectionUpdater::sendNextBlock()
     const qint64 size = m_firmwareFile.size();
     const auto percent = static_cast<uint8_t>(position * 100 / size);
     notifyProgress(percent);
-    log(&Logger::debug, QStringLiteral("Downloaded %1 of %2 bytes (%3%).")
-                            .arg(position)
-                            .arg(size)
-                            .arg(static_cast<unsigned>(percent)));
+    // Every 64 bytes of an image: formatted only when it is going to be written.
+    if (m_logger && m_logger->debugOn()) {
+        log(&Logger::debug, QStringLiteral("Downloaded %1 of %2 bytes (%3%).")
+                                .arg(position)
+                                .arg(size)
+                                .arg(static_cast<unsigned>(percent)));
+    }
 }
 
 // Also true when the read position has passed the size: a file cut short while it is being
@@ -516,8 +522,10 @@ bool SectionUpdater::firmwareAtEnd() const
 
 void SectionUpdater::log(void (Logger::*level)(const QString&) const, const QString& text) const
 {
-    // Without a logger (as in tests of the exchange alone) the updater is silent.
-    if (m_logger) {
+    // Without a logger (as in tests of the exchange alone) the updater is silent. Debug
+    // lines come with every block of an image; the prefix is not put on one that is not
+    // written.
+    if (m_logger && (level != &Logger::debug || m_logger->debugOn())) {
         ((*m_logger).*level)(kPrefix + text);
     }
 }
