@@ -41,6 +41,7 @@
 #include <mutex>
 #include <vector>
 
+#include <sched.h>
 #include <unistd.h>
 
 #include "firmwarewire.h"
@@ -121,6 +122,22 @@ ThreadTimes spent(const std::map<QByteArray, ThreadTimes>& before,
     return result;
 }
 
+// With BENCH_PIN set, the QML thread runs on the first CPU only and the links' and the
+// simulators' threads on the second: what the links lose when the scheduler no longer puts
+// them on the CPU that the QML thread spins.
+bool pinning()
+{
+    return qEnvironmentVariableIsSet("BENCH_PIN");
+}
+
+void pinToCpu(int cpu)
+{
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    sched_setaffinity(0, sizeof(set), &set);
+}
+
 // The two sections, on their own thread.
 struct Sections
 {
@@ -130,6 +147,9 @@ struct Sections
         context.moveToThread(&thread);
         thread.start();
         context.runAndWait([this]() {
+            if (pinning()) {
+                pinToCpu(1);
+            }
             update = std::make_unique<PtySectionSimulator>();
             pings = std::make_unique<PtySectionSimulator>();
             for (PtySectionSimulator* sim : {update.get(), pings.get()}) {
@@ -193,6 +213,11 @@ class PassProbe : public ITask
 public:
     void run() override
     {
+        if (!m_pinned && pinning() &&
+            QThread::currentThread()->objectName() == QStringLiteral("WorksurfaceThread")) {
+            m_pinned = true;
+            pinToCpu(1);
+        }
         std::lock_guard<std::mutex> lock(m_mutex);
         m_runsNs.push_back(m_clock.nsecsElapsed());
     }
@@ -212,6 +237,7 @@ public:
 
 private:
     QElapsedTimer m_clock;
+    bool m_pinned = false;
     std::mutex m_mutex;
     std::vector<qint64> m_runsNs;
 };
@@ -260,6 +286,9 @@ void runPacing(benchmark::State& state)
         service->settings()->setType(SurfaceSettings::Hardware);
         service->settings()->setMode(SurfaceSettings::K40);
         service->settings()->setLinkThread(onThread);
+        if (pinning()) {
+            pinToCpu(0);
+        }
         if (busy != 0) {
             frames.start(kFrameMs);
         }
