@@ -127,8 +127,9 @@ void TestThreadMailbox::workThatPostsWorkRunsItAfterEverythingPostedBefore()
     QThread thread;
     ThreadMailbox mailbox;
     mailbox.moveToThread(&thread);
-    thread.start();
     std::vector<QString> order;
+    // Both pieces are posted before the thread starts: started first, it could run "first"
+    // (and queue what it posts) before "second" was posted at all.
     mailbox.post([&]() {
         order.push_back(QStringLiteral("first"));
         mailbox.post([&]() {
@@ -137,6 +138,7 @@ void TestThreadMailbox::workThatPostsWorkRunsItAfterEverythingPostedBefore()
         });
     });
     mailbox.post([&]() { order.push_back(QStringLiteral("second")); });
+    thread.start();
     // Each wait is posted after the work that posted the next piece has run.
     for (int i = 0; i < 3; ++i) {
         mailbox.runAndWait([]() {});
