@@ -70,9 +70,9 @@ JsonLine& JsonLine::addFixed(const char* key, double value, int decimals)
     return *this;
 }
 
-JsonLine& JsonLine::addJson(const char* key, const QByteArray& json)
+JsonLine& JsonLine::addArray(const char* key, const QByteArrayList& values)
 {
-    addRaw(key, json);
+    addRaw(key, '[' + values.join(',') + ']');
     return *this;
 }
 

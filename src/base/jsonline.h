@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QByteArrayList>
 #include <QString>
 
 namespace Velmora::Worksurface {
@@ -19,8 +20,8 @@ public:
     // A nested object.
     JsonLine& add(const char* key, const JsonLine& object);
     JsonLine& addFixed(const char* key, double value, int decimals);
-    // A value already written as JSON (an array, say).
-    JsonLine& addJson(const char* key, const QByteArray& json);
+    // An array of values each already written as JSON.
+    JsonLine& addArray(const char* key, const QByteArrayList& values);
 
     // The keys of another line, after these.
     JsonLine& append(const JsonLine& other);

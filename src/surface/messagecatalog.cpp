@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "base/isettings.h"
+#include "base/jsonline.h"
 #include "surface/controltypes.h"
 #include "surface/deviceidtable.h"
 
@@ -340,6 +341,25 @@ MessageCatalog::Description MessageCatalog::describe(const SerialMessage& messag
             break;
     }
     return d;
+}
+
+void MessageCatalog::addTo(JsonLine& line, const SerialMessage& message, const Description& d)
+{
+    line.add("type", static_cast<int>(message.type))
+        .add("typeName", d.typeName)
+        .add("device", static_cast<int>(message.deviceId));
+    if (!d.control.isEmpty()) {
+        line.add("control", d.control);
+    }
+    if (d.versionReport) {
+        line.add("value", JsonLine().add("version", d.version).add("temperature", d.temperature));
+    } else if (d.hasValue) {
+        if (d.numeric) {
+            line.add("value", d.number);
+        } else {
+            line.add("value", d.valueWord);
+        }
+    }
 }
 
 }  // namespace Velmora::Worksurface

@@ -8,6 +8,7 @@
 namespace Velmora::Worksurface {
 
 class ISettings;
+class JsonLine;
 
 // Which controls a section has: a strip section only its strips' faders, switches and
 // rotaries; the master section also the master controls and the side rotaries. The default
@@ -56,6 +57,9 @@ public:
     // error, calibration done, bootloader report, echo) are not.
     static bool isControlReport(const SerialMessage& message, const Scope& scope = Scope());
     static Description describe(const SerialMessage& message, const Scope& scope = Scope());
+    // The documented JSON keys of a frame: type, typeName, device, then control and value where
+    // the message has them (a version report's value is {version, temperature}).
+    static void addTo(JsonLine& line, const SerialMessage& message, const Description& d);
 };
 
 }  // namespace Velmora::Worksurface

@@ -51,22 +51,7 @@ void addFrame(JsonLine& line, const FlightRecorder::Record& record)
         payload.assign(bytes + 3, bytes + size - 1);
     }
     const SerialMessage message(type, device, payload, type == MessageType::Echo);
-    const MessageCatalog::Description d = MessageCatalog::describe(message);
-    line.add("type", static_cast<int>(type))
-        .add("typeName", d.typeName)
-        .add("device", static_cast<int>(device));
-    if (!d.control.isEmpty()) {
-        line.add("control", d.control);
-    }
-    if (d.versionReport) {
-        line.add("value", JsonLine().add("version", d.version).add("temperature", d.temperature));
-    } else if (d.hasValue) {
-        if (d.numeric) {
-            line.add("value", d.number);
-        } else {
-            line.add("value", d.valueWord);
-        }
-    }
+    MessageCatalog::addTo(line, message, MessageCatalog::describe(message));
     line.add("hex", hex(record.bytes));
 }
 
@@ -159,24 +144,17 @@ TraceFile::Header TraceFile::header(const ISettings& settings,
 
 QByteArray TraceFile::headerLine(const Header& header)
 {
-    QByteArray ports = "[";
-    for (std::size_t i = 0; i < header.ports.size(); ++i) {
-        if (i > 0) {
-            ports += ',';
-        }
-        ports += JsonLine()
-                     .add("section", header.ports[i].first)
-                     .add("port", header.ports[i].second)
-                     .toJson();
+    QByteArrayList ports;
+    for (const auto& [section, port] : header.ports) {
+        ports << JsonLine().add("section", section).add("port", port).toJson();
     }
-    ports += ']';
     JsonLine line;
     line.add("format", kFormatName)
         .add("version", kFormatVersion)
         .add("plugin", TARVIX_PLUGIN_VERSION)
         .add("model", header.model)
         .add("surfaceType", header.surfaceType)
-        .addJson("ports", ports)
+        .addArray("ports", ports)
         .add("capacity", header.capacity)
         .add("t0", header.t0);
     return line.toJson();

@@ -106,19 +106,14 @@ void TraceSummary::printJson(ToolOutput& output, int index, const Section& s)
     for (const auto& [name, count] : s.framesOut) {
         out.add(name.toUtf8().constData(), count);
     }
-    QByteArray restarts = "[";
-    for (int i = 0; i < s.restarts.size(); ++i) {
-        restarts += (i ? "," : "") + QByteArray::number(s.restarts[i], 'f', 6);
+    QByteArrayList restarts;
+    for (const double at : s.restarts) {
+        restarts << QByteArray::number(at, 'f', 6);
     }
-    restarts += ']';
-    QByteArray states = "[";
-    for (int i = 0; i < s.states.size(); ++i) {
-        states += (i ? "," : "") + JsonLine()
-                                       .addFixed("t", s.states[i].first, 6)
-                                       .add("state", s.states[i].second)
-                                       .toJson();
+    QByteArrayList states;
+    for (const auto& [at, state] : s.states) {
+        states << JsonLine().addFixed("t", at, 6).add("state", state).toJson();
     }
-    states += ']';
     JsonLine line;
     line.add("section", index)
         .add("in", in)
@@ -128,7 +123,7 @@ void TraceSummary::printJson(ToolOutput& output, int index, const Section& s)
     if (s.longestGap >= 0) {
         line.addFixed("longestGap", s.longestGap, 6).addFixed("longestGapFrom", s.gapFrom, 6);
     }
-    line.addJson("restarts", restarts).addJson("states", states);
+    line.addArray("restarts", restarts).addArray("states", states);
     output.json(line);
 }
 

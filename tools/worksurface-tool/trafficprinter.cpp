@@ -122,21 +122,7 @@ void TrafficPrinter::printJson(qint64 at, uint8_t section, bool incoming,
     }
     const MessageCatalog::Description d =
         MessageCatalog::describe(event.message, m_scopes.value(section, MessageCatalog::Scope()));
-    line.add("type", static_cast<int>(event.message.type))
-        .add("typeName", d.typeName)
-        .add("device", static_cast<int>(event.message.deviceId));
-    if (!d.control.isEmpty()) {
-        line.add("control", d.control);
-    }
-    if (d.versionReport) {
-        line.add("value", JsonLine().add("version", d.version).add("temperature", d.temperature));
-    } else if (d.hasValue) {
-        if (d.numeric) {
-            line.add("value", d.number);
-        } else {
-            line.add("value", d.valueWord);
-        }
-    }
+    MessageCatalog::addTo(line, event.message, d);
     if (m_raw) {
         line.add("hex", hex);
     }
