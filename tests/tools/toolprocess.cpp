@@ -114,23 +114,35 @@ bool ToolProcess::readUntil(
 
 ToolProcess::Run ToolProcess::finish(int timeoutMs)
 {
-    Run result;
-    if (m_process->state() != QProcess::NotRunning) {
-        QSignalSpy finished(m_process.get(),
-                            QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished));
-        // The simulators answer on this event loop while the tool runs.
-        finished.wait(timeoutMs);
-    }
-    if (m_process->state() != QProcess::NotRunning) {
-        return result;
+    if (!waitForEnd(*m_process, timeoutMs)) {
+        return Run();
     }
     read();
-    result.exitCode = m_process->exitCode();
-    result.exitStatus = m_process->exitStatus();
-    result.out = m_out.split('\n');
+    return ended(*m_process, m_out, m_err);
+}
+
+bool ToolProcess::waitForEnd(QProcess& process, int timeoutMs)
+{
+    if (process.state() != QProcess::NotRunning) {
+        QSignalSpy finished(&process,
+                            QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished));
+        finished.wait(timeoutMs);
+    }
+    return process.state() == QProcess::NotRunning;
+}
+
+ToolProcess::Run ToolProcess::ended(const QProcess& process, const QString& out, const QString& err)
+{
+    Run result;
+    result.exitStatus = process.exitStatus();
+    // A process killed by a signal has no exit code (Qt reports 0 for it).
+    if (result.exitStatus == QProcess::NormalExit) {
+        result.exitCode = process.exitCode();
+    }
+    result.out = out.split('\n');
     if (!result.out.isEmpty() && result.out.last().isEmpty()) {
         result.out.removeLast();
     }
-    result.err = m_err;
+    result.err = err;
     return result;
 }

@@ -16,7 +16,7 @@ class ToolProcess
 public:
     struct Run
     {
-        int exitCode = -1;
+        int exitCode = -1;  // -1 when it ended on a signal
         QProcess::ExitStatus exitStatus = QProcess::CrashExit;
         QStringList out;  // standard output, line by line
         QString err;
@@ -49,6 +49,11 @@ public:
                    int timeoutMs = 10000);
     // Waits for the tool's end; what it wrote, all of it (readUntil()'s included).
     Run finish(int timeoutMs = 10000);
+    // Any process of the tool: waits, with the event loop running (the simulators answer on
+    // it), for its end; false if it still runs after timeoutMs.
+    static bool waitForEnd(QProcess& process, int timeoutMs);
+    // The run of a process that has ended, with all it wrote.
+    static Run ended(const QProcess& process, const QString& out, const QString& err);
     // Output::ClosablePipe: the reader goes away; the tool's next write to standard output
     // finds the pipe closed.
     void closeOutput();

@@ -11,6 +11,7 @@
 #include "support/fakesectionconnection.h"
 #include "support/fakesettings.h"
 #include "surface/tracefile.h"
+#include "toolprocess.h"
 
 using namespace Velmora::Worksurface;
 
@@ -18,12 +19,7 @@ namespace {
 
 constexpr int kRunTimeout = 30000;
 
-struct Run
-{
-    int exitCode = -1;
-    QStringList out;  // standard output, line by line
-    QString err;
-};
+using Run = ToolProcess::Run;
 
 const QByteArray kHeader =
     R"({"format":"tarvix-worksurface-trace","version":1,"plugin":"1.0","model":"K60","surfaceType":"hardware","ports":[{"section":0,"port":"/dev/ttymxc0"},{"section":1,"port":"/dev/ttymxc1"}],"capacity":4096,"t0":"2026-11-25T03:00:00.000Z"})";
@@ -94,21 +90,7 @@ void tst_TraceCommand::init()
 
 Run tst_TraceCommand::run(const QStringList& arguments)
 {
-    QProcess process;
-    process.start(QStringLiteral(TARVIX_TOOL_PATH), QStringList{"trace"} + arguments);
-    Run result;
-    if (!process.waitForFinished(kRunTimeout)) {
-        process.kill();
-        process.waitForFinished();
-        return result;
-    }
-    result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -2;
-    result.out = QString::fromLocal8Bit(process.readAllStandardOutput()).split('\n');
-    if (!result.out.isEmpty() && result.out.last().isEmpty()) {
-        result.out.removeLast();
-    }
-    result.err = QString::fromLocal8Bit(process.readAllStandardError());
-    return result;
+    return ToolProcess::run(QStringList{"trace"} + arguments, kRunTimeout);
 }
 
 QString tst_TraceCommand::write(const QByteArray& text, const QString& name)

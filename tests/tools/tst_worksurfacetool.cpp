@@ -15,7 +15,6 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QEventLoop>
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -32,6 +31,7 @@
 #include "support/ptysectionsimulator.h"
 #include "surface/controltypes.h"
 #include "surface/deviceidtable.h"
+#include "toolprocess.h"
 #include "updater/bootloaderpacket.h"
 
 using namespace Velmora::Worksurface;
@@ -41,13 +41,7 @@ namespace {
 constexpr int kRunTimeout = 60000;
 constexpr const char* kPortsVariable = "TARVIX_WORKSURFACE_SERIAL_PORTS";
 
-struct Run
-{
-    int exitCode = -1;
-    QProcess::ExitStatus exitStatus = QProcess::CrashExit;
-    QStringList out;  // standard output, line by line
-    QString err;
-};
+using Run = ToolProcess::Run;
 
 QByteArray frame(uint8_t type, uint8_t device, const QByteArray& payload = QByteArray())
 {
@@ -62,34 +56,6 @@ QByteArray imageOfSize(int size)
         bytes[i] = static_cast<char>((i * 7 + 3) % 251);
     }
     return bytes;
-}
-
-// Runs the event loop until the condition holds, checking it every 5 ms; false if it still
-// does not hold after timeoutMs. The loop sleeps only in the event dispatcher, so the
-// simulators answer every byte as soon as it arrives. (QTest::qWait and qWaitFor sleep
-// 10 ms between rounds of events, which holds up every answer of a long exchange such as a
-// flash.)
-bool waitFor(const std::function<bool()>& condition, int timeoutMs = 10000)
-{
-    if (condition()) {
-        return true;
-    }
-    QElapsedTimer timer;
-    timer.start();
-    QEventLoop loop;
-    QTimer poll;
-    poll.setTimerType(Qt::PreciseTimer);
-    poll.setInterval(5);
-    bool met = false;
-    QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
-        met = condition();
-        if (met || timer.elapsed() >= timeoutMs) {
-            loop.quit();
-        }
-    });
-    poll.start();
-    loop.exec();
-    return met || condition();
 }
 
 // The tool's time, in milliseconds since it started, of the first line of text that
@@ -262,25 +228,11 @@ QProcess* tst_WorksurfaceTool::start(const QStringList& arguments)
 
 Run tst_WorksurfaceTool::finish(QProcess& process, int timeoutMs)
 {
-    Run result;
-    if (process.state() != QProcess::NotRunning) {
-        QSignalSpy finished(&process,
-                            QOverload<int, QProcess::ExitStatus>::of(&QProcess::finished));
-        // The simulators answer on this event loop while the tool runs.
-        finished.wait(timeoutMs);
+    if (!ToolProcess::waitForEnd(process, timeoutMs)) {
+        return Run();
     }
-    if (process.state() != QProcess::NotRunning) {
-        return result;
-    }
-    result.exitCode = process.exitCode();
-    result.exitStatus = process.exitStatus();
-    const QString out = QString::fromLocal8Bit(process.readAllStandardOutput());
-    result.out = out.split('\n');
-    if (!result.out.isEmpty() && result.out.last().isEmpty()) {
-        result.out.removeLast();
-    }
-    result.err = QString::fromLocal8Bit(process.readAllStandardError());
-    return result;
+    return ToolProcess::ended(process, QString::fromLocal8Bit(process.readAllStandardOutput()),
+                              QString::fromLocal8Bit(process.readAllStandardError()));
 }
 
 Run tst_WorksurfaceTool::run(const QStringList& arguments, int timeoutMs)
