@@ -69,6 +69,16 @@ struct Bench
 
     FakeSerialConnection& line(std::size_t i = 0) { return *lines->at(i).line; }
 
+    // The master section's link opened on the first line, its probe answered by the
+    // application ("aa"): Connected.
+    std::shared_ptr<ISectionConnection> connectedMaster()
+    {
+        auto connection = create(2);
+        connection->open();
+        line().pushData(QByteArray::fromHex("aa"));
+        return connection;
+    }
+
     // One 50 ms supervision pass.
     void pass()
     {
@@ -244,9 +254,7 @@ void TestConnectionFactory::linkLogsThroughTheSharedLogger()
 {
     Bench bench;
     LogCapture log;
-    const auto connection = bench.create(2);
-    connection->open();
-    bench.line().pushData(QByteArray::fromHex("aa"));
+    const auto connection = bench.connectedMaster();
 
     bench.line().pushData(SerialFrames::frame(MessageType::Reserved1, 9));
 
@@ -282,9 +290,7 @@ void TestConnectionFactory::failingLinkSavesItsTraceWithALineInTheLinkCategory()
     Bench bench;
     bench.traceTo(folder);
     LogCapture log;
-    const auto connection = bench.create(2);
-    connection->open();
-    bench.line().pushData(QByteArray::fromHex("aa"));
+    const auto connection = bench.connectedMaster();
 
     bench.line().pushData(kSerialErrorFrame);
     QCOMPARE(connection->state(), uint8_t(ISectionConnection::SerialError));
@@ -336,9 +342,7 @@ void TestConnectionFactory::automaticTraceToAFolderThatCannotBeMadeIsWarnedAndTh
     fader->takeDevice(4);
     bench.root->addHandler(fader);
     LogCapture log;
-    const auto connection = bench.create(2);
-    connection->open();
-    bench.line().pushData(QByteArray::fromHex("aa"));
+    const auto connection = bench.connectedMaster();
 
     bench.line().pushData(kSerialErrorFrame);
     TraceFile::waitForBackgroundSaves();
@@ -380,9 +384,7 @@ void TestConnectionFactory::automaticTraceCutShortByTheFileSizeLimitIsWarnedInTh
     Bench bench;
     bench.traceTo(folder);
     LogCapture log;
-    const auto connection = bench.create(2);
-    connection->open();
-    bench.line().pushData(QByteArray::fromHex("aa"));
+    const auto connection = bench.connectedMaster();
     {
         // Less than the trace's header line.
         FileSizeLimit limit(100);
@@ -413,9 +415,7 @@ void TestConnectionFactory::withoutATraceFolderAFailingLinkSavesNothing()
     const QString previous = QDir::currentPath();
     QVERIFY(QDir::setCurrent(dir.path()));
     LogCapture log;
-    const auto connection = bench.create(2);
-    connection->open();
-    bench.line().pushData(QByteArray::fromHex("aa"));
+    const auto connection = bench.connectedMaster();
     bench.line().pushData(kSerialErrorFrame);
     TraceFile::waitForBackgroundSaves();
     QDir::setCurrent(previous);
