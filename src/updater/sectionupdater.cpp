@@ -382,7 +382,7 @@ void SectionUpdater::handleStatus(uint8_t status)
     if (m_listener) {
         m_listener->sendBootloaderPacket(BootloaderPacket(BootloaderCommand::CommandAck));
     }
-    if (m_logger && m_logger->debugOn()) {
+    if (debugOn()) {
         log(&Logger::debug,
             QStringLiteral("Received status message: %1.").arg(bootloaderCommandName(status)));
     }
@@ -494,17 +494,19 @@ void SectionUpdater::sendNextBlock()
     ++m_blocksSent;
     sendPacket(BootloaderPacket(BootloaderCommand::SendData, block));
 
-    if (firmwareAtEnd()) {
+    // The end as firmwareAtEnd() sees it, with one look at the size (the file is unbuffered:
+    // each look is a system call); it keeps the division below away from a zero size.
+    const qint64 position = m_firmwareFile.pos();
+    const qint64 size = m_firmwareFile.size();
+    if (position >= size) {
         notifyProgress(100);
         log(&Logger::debug, QStringLiteral("Firmware file loaded."));
         return;
     }
-    const qint64 position = m_firmwareFile.pos();
-    const qint64 size = m_firmwareFile.size();
     const auto percent = static_cast<uint8_t>(position * 100 / size);
     notifyProgress(percent);
     // Every 64 bytes of an image: formatted only when it is going to be written.
-    if (m_logger && m_logger->debugOn()) {
+    if (debugOn()) {
         log(&Logger::debug, QStringLiteral("Downloaded %1 of %2 bytes (%3%).")
                                 .arg(position)
                                 .arg(size)
@@ -513,11 +515,15 @@ void SectionUpdater::sendNextBlock()
 }
 
 // Also true when the read position has passed the size: a file cut short while it is being
-// sent ends the image there instead of sending padding for ever. It keeps the progress
-// division away from a zero size, too.
+// sent ends the image there instead of sending padding for ever.
 bool SectionUpdater::firmwareAtEnd() const
 {
-    return m_firmwareFile.atEnd() || m_firmwareFile.pos() >= m_firmwareFile.size();
+    return m_firmwareFile.pos() >= m_firmwareFile.size();
+}
+
+bool SectionUpdater::debugOn() const
+{
+    return m_logger && m_logger->debugOn();
 }
 
 void SectionUpdater::log(void (Logger::*level)(const QString&) const, const QString& text) const
@@ -525,7 +531,7 @@ void SectionUpdater::log(void (Logger::*level)(const QString&) const, const QStr
     // Without a logger (as in tests of the exchange alone) the updater is silent. Debug
     // lines come with every block of an image; the prefix is not put on one that is not
     // written.
-    if (m_logger && (level != &Logger::debug || m_logger->debugOn())) {
+    if (m_logger && (level != &Logger::debug || debugOn())) {
         ((*m_logger).*level)(kPrefix + text);
     }
 }

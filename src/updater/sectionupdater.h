@@ -113,6 +113,8 @@ private:
     void finish();
     void sendNextBlock();
     bool firmwareAtEnd() const;
+    // Whether debug lines are written (formatting one is left out when they are not).
+    bool debugOn() const;
     // Begins watching the bootloader's answers, when the update has a time-out.
     void watchAnswers();
     // Ends an update whose bootloader stopped answering: logs where and how long it waited
