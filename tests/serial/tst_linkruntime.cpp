@@ -311,6 +311,17 @@ void TestLinkRuntime::aPoolDrivenByHandRunsOnlyWhenTickedAndNoBuildStartsIt()
     QCOMPARE(rig.runtime->linkPool(), pool);
     rig.runtime->runOnLinkThread([&]() { runningOrArmed = pool->isRunning(); });
     QVERIFY(!runningOrArmed);
+
+    // So does one after the thread was stopped with the links kept and started again, where
+    // a pool that runs itself is started once more.
+    rig.runtime->stop(false);
+    rig.runtime->start();
+    rig.runtime->beginBuild(true, rig.controller);
+    rig.runtime->endBuild(false);
+    QCOMPARE(rig.runtime->linkPool(), pool);
+    rig.runtime->runOnLinkThread(
+        [&]() { runningOrArmed = pool->isRunning() || pool->isTimerActive(); });
+    QVERIFY(!runningOrArmed);
 }
 
 void TestLinkRuntime::aBuildThatMakesASurfaceRetiresThePreviousPoolOnItsThread()
