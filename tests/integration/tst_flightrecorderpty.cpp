@@ -380,18 +380,21 @@ void TestFlightRecorderPty::saveTraceWithoutASurfaceOrToABadPlaceFailsWithOneWar
     const QString missing = m_dir->filePath(QStringLiteral("no/such/t.jsonl"));
     QVERIFY(!m_service->saveTrace(missing));
     QVERIFY(!m_service->section(0)->saveTrace(m_dir->path()));
-    QCOMPARE(
-        log.texts(QtWarningMsg),
-        (QStringList{
-            QStringLiteral("Cannot save the trace to %1: the folder %2 does not exist")
-                .arg(missing, m_dir->filePath(QStringLiteral("no/such"))),
-            QStringLiteral("Cannot save the trace to %1: %1 is a folder").arg(m_dir->path())}));
-    QCOMPARE(log.texts().size(), 2);
-    // Nothing else disturbed: the links run on and a good path still works.
+    const QStringList warned = {
+        QStringLiteral("Cannot save the trace to %1: the folder %2 does not exist")
+            .arg(missing, m_dir->filePath(QStringLiteral("no/such"))),
+        QStringLiteral("Cannot save the trace to %1: %1 is a folder").arg(m_dir->path())};
+    // The sections' own start-up lines (port open, bootloader check) may still be arriving
+    // from the link thread, so only what was said about traces is counted: one warning each.
+    auto traceTalk = [&log]() { return log.texts().filter(QStringLiteral("trace")); };
+    QCOMPARE(log.texts(QtWarningMsg), warned);
+    QCOMPARE(traceTalk(), warned);
+    // Nothing else disturbed: the links run on and a good path still works, silently.
     QCOMPARE(m_service->section(1)->linkState(), int(SectionInfoModel::Connected));
     QVERIFY(m_service->section(1)->saveTrace(path));
     TraceFile::waitForBackgroundSaves();
-    QCOMPARE(log.texts().size(), 2);
+    QCOMPARE(log.texts(QtWarningMsg), warned);
+    QCOMPARE(traceTalk(), warned);
     QVERIFY(!entriesOf(path, 1).isEmpty());
     QVERIFY(entriesOf(path, 0).isEmpty());
 }
