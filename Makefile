@@ -13,8 +13,11 @@ SHELL := /bin/bash
 
 all: build
 
+# The presets for another Qt or another architecture need their own packages.
+DEPS_OPTIONS = $(if $(filter qt6,$(PRESET)),--qt6) $(if $(filter arm64,$(PRESET)),--arm64)
+
 deps:
-	@./scripts/install-deps
+	@./scripts/install-deps $(DEPS_OPTIONS)
 
 build: deps
 	$(CMAKE) --preset $(PRESET)
@@ -80,15 +83,20 @@ test-arm64:
 	$(CMAKE) --build --preset arm64 -j $(JOBS)
 	$(CTEST) --preset arm64 -j $(JOBS)
 
-# Debian packages from the build of PRESET (amd64 from dev or ci, arm64 from arm64):
-# build/<preset>/tarvixworksurface_<version>_<arch>.deb.
+# Debian packages from the build of PRESET, in build/<preset>/: from a Qt 5 build (dev, ci)
+# qml-module-tarvix-worksurface_<version>_amd64.deb and worksurface-tool_<version>_amd64.deb,
+# from PRESET=qt6 qml6-module-tarvix-worksurface_<version>_amd64.deb, from PRESET=arm64 the
+# Qt 5 ones for arm64.
 package: build
 	cd build/$(PRESET) && cpack -G DEB
 
-# Installs the amd64 package on this machine, runs the module and the tool from their
-# installed places, removes the package.
+# Makes the Qt 5 packages of PRESET and the Qt 6 module's package (preset qt6), checks them
+# with lintian, installs all of them on this machine, uses each module from its Qt's QML
+# directory and the tool from /usr/bin, and removes them. Needs root or sudo.
 package-test: package
-	./scripts/test-package build/$(PRESET)
+	@./scripts/install-deps --package
+	$(MAKE) package PRESET=qt6
+	./scripts/test-package build/$(PRESET) build/qt6
 
 # Every fuzzer for FUZZ_SECONDS, FUZZ_JOBS at a time; logs in build/fuzz/<name>.log, corpora
 # in build/fuzz/corpus/<name>.

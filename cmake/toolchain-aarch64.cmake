@@ -19,7 +19,3 @@ find_program(TARVIX_QEMU_AARCH64 qemu-aarch64)
 if(TARVIX_QEMU_AARCH64)
     set(CMAKE_CROSSCOMPILING_EMULATOR "${TARVIX_QEMU_AARCH64};-L;/")
 endif()
-
-# Debian's multiarch Qt keeps its QML modules here for arm64.
-set(TARVIX_QML_INSTALL_DIR /usr/lib/aarch64-linux-gnu/qt5/qml CACHE PATH
-    "Where the QML module is installed")

@@ -1,16 +1,16 @@
-# Installs the build tree into a scratch DESTDIR and checks that the bench tool lands in
-# bin/ under the install prefix and runs from there.
-#   cmake -DBUILD_DIR=<build> -DPREFIX=<install prefix> -DSCRATCH=<dir>
+# Installs the bench tool's part of the build tree into a scratch DESTDIR and checks that
+# the tool lands in the install prefix's bin/ and runs from there.
+#   cmake -DBUILD_DIR=<build> -DBIN_DIR=<the prefix's bin/, absolute> -DSCRATCH=<dir>
 #         [-DEMULATOR=<program and arguments, |-separated>] -P check-install.cmake
 # A cross build runs the installed tool through EMULATOR.
 file(REMOVE_RECURSE "${SCRATCH}")
 execute_process(COMMAND "${CMAKE_COMMAND}" -E env "DESTDIR=${SCRATCH}"
-                        "${CMAKE_COMMAND}" --install "${BUILD_DIR}"
+                        "${CMAKE_COMMAND}" --install "${BUILD_DIR}" --component tool
                 RESULT_VARIABLE result OUTPUT_VARIABLE output ERROR_VARIABLE output)
 if(NOT result EQUAL 0)
     message(FATAL_ERROR "cmake --install failed:\n${output}")
 endif()
-set(tool "${SCRATCH}${PREFIX}/bin/worksurface-tool")
+set(tool "${SCRATCH}${BIN_DIR}/worksurface-tool")
 if(NOT EXISTS "${tool}")
     message(FATAL_ERROR "not installed: ${tool}\n${output}")
 endif()
@@ -21,4 +21,4 @@ if(NOT result EQUAL 0 OR NOT version MATCHES "^worksurface-tool [0-9]")
     message(FATAL_ERROR "installed tool does not run: ${result}\n${version}")
 endif()
 file(REMOVE_RECURSE "${SCRATCH}")
-message(STATUS "installed into ${PREFIX}/bin")
+message(STATUS "installed into ${BIN_DIR}")
