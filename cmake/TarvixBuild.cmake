@@ -93,15 +93,19 @@ endfunction()
 # the folders listed before it.
 set(TARVIX_LAYERS tasks base updater serial surface bindings software qml plugin)
 
-# tarvix_add_layer(<folder> <Name> [LINKS <libraries>…])
+# tarvix_add_layer(<folder> <Name> [LINKS <libraries>…] [QML_TYPES])
 #
 # The static library tarvix_<folder> (alias Tarvix::<Name>) of the sources listed with
 # target_sources() in src/<folder>/. It links the layer right below it, and through it all
 # lower ones. Its include root shows only src/<folder>/ and the folders below, so
 # `#include "<higher folder>/…"` does not compile in it; scripts/check-layers (a ctest)
 # reports the same with file and line.
+# QML_TYPES: the layer holds classes the module registers. Against Qt 6 its moc also writes
+# the classes' metadata as JSON, gathered into one file per layer, from which src/plugin
+# generates the module's type description; the layer is listed in the global property
+# TARVIX_QML_TYPE_LAYERS.
 function(tarvix_add_layer folder name)
-    cmake_parse_arguments(ARG "" "" "LINKS" ${ARGN})
+    cmake_parse_arguments(ARG "QML_TYPES" "" "LINKS" ${ARGN})
     list(FIND TARVIX_LAYERS "${folder}" _index)
     if(_index LESS 0)
         message(FATAL_ERROR "tarvix_add_layer: ${folder} is not in TARVIX_LAYERS")
@@ -126,6 +130,11 @@ function(tarvix_add_layer folder name)
         target_link_libraries(${_target} PUBLIC tarvix_${_below_folder})
     endif()
     target_link_libraries(${_target} PUBLIC ${ARG_LINKS} PRIVATE Tarvix::CompileOptions)
+
+    if(ARG_QML_TYPES AND TARVIX_QT_MAJOR STREQUAL "6")
+        qt_extract_metatypes(${_target})
+        set_property(GLOBAL APPEND PROPERTY TARVIX_QML_TYPE_LAYERS ${_target})
+    endif()
 endfunction()
 
 # tarvix_add_test(<folder> <name> [SOURCES <extra files>…] [LINKS <libraries>…] [PLUGIN])

@@ -16,6 +16,7 @@ class ButtonHandle;
 class ButtonBinding : public BindingBase
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "ButtonBinding")
     Q_PROPERTY(ButtonType type READ type WRITE setType NOTIFY typeChanged)
 
 public:

@@ -20,6 +20,7 @@ class FaderHandle;
 class FaderBinding : public BindingBase
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "FaderBinding")
     Q_PROPERTY(FaderType type READ type WRITE setType NOTIFY typeChanged)
     Q_PROPERTY(FaderMode mode READ mode WRITE setMode NOTIFY modeChanged)
     Q_PROPERTY(ResponseCurve::ConversionMode conversionMode READ conversionMode WRITE

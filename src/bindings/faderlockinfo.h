@@ -8,6 +8,9 @@
 class FaderLockInfo : public QObject
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "FaderLockInfo")
+    Q_CLASSINFO("QML.Creatable", "false")
+    Q_CLASSINFO("QML.UncreatableReason", "Can't create FaderLockInfo from qml")
     Q_PROPERTY(bool enabled READ enabled WRITE setEnabled NOTIFY enabledChanged)
     Q_PROPERTY(float value READ value WRITE setValue NOTIFY valueChanged)
 

@@ -7,6 +7,9 @@
 class FlashInfo : public QObject
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "FlashInfo")
+    Q_CLASSINFO("QML.Creatable", "false")
+    Q_CLASSINFO("QML.UncreatableReason", "Can't create FlashInfo from qml")
     Q_PROPERTY(bool enabled READ enabled WRITE setEnabled NOTIFY enabledChanged)
     Q_PROPERTY(int interval READ interval WRITE setInterval NOTIFY intervalChanged)
 

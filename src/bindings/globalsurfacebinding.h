@@ -15,6 +15,7 @@ class GlobalSurfaceBinding : public QObject, public QQmlParserStatus
 {
     Q_OBJECT
     Q_INTERFACES(QQmlParserStatus)
+    Q_CLASSINFO("QML.Element", "GlobalSurfaceBinding")
     Q_PROPERTY(SurfaceConnection* connection READ connection WRITE setConnection)
     Q_PROPERTY(int surfaceBrightness READ surfaceBrightness WRITE setSurfaceBrightness NOTIFY
                    surfaceBrightnessChanged)

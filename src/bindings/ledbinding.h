@@ -18,6 +18,7 @@ class LedHandle;
 class LedBinding : public BindingBase
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "LedBinding")
     Q_PROPERTY(LedType type READ type WRITE setType NOTIFY typeChanged)
     Q_PROPERTY(bool on READ on WRITE setOn NOTIFY onChanged)
     Q_PROPERTY(int brightness READ brightness WRITE setBrightness NOTIFY brightnessChanged)

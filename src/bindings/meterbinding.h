@@ -17,6 +17,7 @@ class MeterHandle;
 class MeterBinding : public BindingBase
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "MeterBinding")
     Q_PROPERTY(MeterType type READ type WRITE setType NOTIFY typeChanged)
     Q_PROPERTY(int level READ level WRITE setLevel NOTIFY levelChanged)
     Q_PROPERTY(int peak READ peak WRITE setPeak NOTIFY peakChanged)

@@ -16,6 +16,7 @@ class PotHandle;
 class PotBinding : public BindingBase
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "PotBinding")
     Q_PROPERTY(PotType type READ type WRITE setType NOTIFY typeChanged)
     Q_PROPERTY(QColor color READ color WRITE setColor NOTIFY colorChanged)
 

@@ -16,6 +16,8 @@ class QJSEngine;
 class ResponseCurve : public QObject
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "ResponseCurve")
+    Q_CLASSINFO("QML.Singleton", "true")
 
 public:
     // Backed by int: QML may pass any number, which then behaves as Default.

@@ -18,6 +18,7 @@ class RgbLedHandle;
 class RgbLedBinding : public BindingBase
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "RgbLedBinding")
     Q_PROPERTY(RgbLedType type READ type WRITE setType NOTIFY typeChanged)
     Q_PROPERTY(QColor color READ color WRITE setColor NOTIFY colorChanged)
 

@@ -23,6 +23,7 @@ class RotaryHandle;
 class RotaryBinding : public BindingBase, public Velmora::Worksurface::IGlobalRotaryBindingTarget
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "RotaryBinding")
     Q_PROPERTY(RotaryType type READ type WRITE setType NOTIFY typeChanged)
     Q_PROPERTY(bool touched READ touched NOTIFY touchedChanged)
     Q_PROPERTY(bool pressed READ pressed NOTIFY pressedChanged)

@@ -14,6 +14,9 @@ class ISoftwareControllerConnection;
 class SurfaceConnection : public QObject
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "SurfaceConnection")
+    Q_CLASSINFO("QML.Creatable", "false")
+    Q_CLASSINFO("QML.UncreatableReason", "Can't create SurfaceConnection from qml")
 
 public:
     SurfaceConnection(

@@ -29,7 +29,10 @@
 
 void WorksurfacePlugin::registerTypes(const char* uri)
 {
-    // Version 1.0 only; the order is the module's published type order.
+    // Version 1.0 only; the order is the module's published type order. Each class states
+    // the same name, singleton-ness and uncreatable reason in its class-info (QML.Element and
+    // the like), from which a Qt 6 build writes the module's type description; a change here
+    // changes the class too (tests/plugin/tst_qmlclassinfo).
     constexpr int major = 1;
     constexpr int minor = 0;
     qmlRegisterSingletonType<WorksurfaceFunctions>(uri, major, minor, "Surface",

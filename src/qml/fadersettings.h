@@ -8,6 +8,9 @@
 class FaderSettings : public QObject
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "FaderSettings")
+    Q_CLASSINFO("QML.Creatable", "false")
+    Q_CLASSINFO("QML.UncreatableReason", "Can't create FaderSettings from qml")
     Q_PROPERTY(RestMode::Type restMode READ restMode WRITE setRestMode NOTIFY restModeChanged)
 
 public:

@@ -9,6 +9,9 @@
 class RestMode : public QObject
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "RestMode")
+    Q_CLASSINFO("QML.Creatable", "false")
+    Q_CLASSINFO("QML.UncreatableReason", "Can't create RestMode from qml")
 
 public:
     enum class Type

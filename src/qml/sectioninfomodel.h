@@ -20,6 +20,9 @@ class SectionInfoModel : public SectionLinkNotifier,
 {
     Q_OBJECT
     Q_INTERFACES(QQmlParserStatus)
+    Q_CLASSINFO("QML.Element", "SectionInfoModel")
+    Q_CLASSINFO("QML.Creatable", "false")
+    Q_CLASSINFO("QML.UncreatableReason", "Can't create SectionInfoModel from qml")
     Q_PROPERTY(bool updating READ updating NOTIFY updatingChanged)
     Q_PROPERTY(int updateProgress READ updateProgress NOTIFY updateProgressChanged)
     Q_PROPERTY(int version READ version NOTIFY versionChanged)

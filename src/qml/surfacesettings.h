@@ -14,6 +14,9 @@
 class SurfaceSettings : public SurfaceLinkSettings
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "SurfaceSettings")
+    Q_CLASSINFO("QML.Creatable", "false")
+    Q_CLASSINFO("QML.UncreatableReason", "Can't create SurfaceSettings from qml")
     Q_PROPERTY(SurfaceType type READ type WRITE setType NOTIFY typeChanged)
     Q_PROPERTY(SurfaceMode mode READ mode WRITE setMode NOTIFY modeChanged)
     Q_PROPERTY(bool debugEnabled READ debugEnabled WRITE setDebugEnabled NOTIFY debugEnabledChanged)

@@ -36,6 +36,8 @@ class WorksurfaceFunctions : public SurfaceTraceSaver,
 {
     Q_OBJECT
     Q_INTERFACES(QQmlParserStatus)
+    Q_CLASSINFO("QML.Element", "Surface")
+    Q_CLASSINFO("QML.Singleton", "true")
     Q_PROPERTY(SurfaceSettings* settings READ settings CONSTANT)
     Q_PROPERTY(int buildNumber READ buildNumber CONSTANT)
     Q_PROPERTY(int masterSectionIndex READ masterSectionIndex NOTIFY masterSectionIndexChanged)

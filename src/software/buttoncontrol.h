@@ -17,6 +17,7 @@
 class ButtonControl : public SurfaceControlBase
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "ButtonControl")
     Q_PROPERTY(ButtonBinding::ButtonType type READ type WRITE setType NOTIFY typeChanged)
     Q_PROPERTY(bool pressed READ pressed WRITE setPressed NOTIFY pressedChanged)
     Q_PROPERTY(int brightness READ brightness NOTIFY brightnessChanged)

@@ -18,6 +18,7 @@
 class FaderControl : public SurfaceControlBase
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "FaderControl")
     Q_PROPERTY(FaderBinding::FaderType type READ type WRITE setType NOTIFY typeChanged)
     Q_PROPERTY(int value READ value NOTIFY valueChanged)
     Q_PROPERTY(bool touched READ touched WRITE setTouched NOTIFY touchedChanged)

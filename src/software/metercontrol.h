@@ -16,6 +16,7 @@
 class MeterControl : public SurfaceControlBase
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "MeterControl")
     Q_PROPERTY(
         MeterBinding::MeterType meterType READ meterType WRITE setMeterType NOTIFY typeChanged)
     Q_PROPERTY(int value READ value NOTIFY valueChanged)

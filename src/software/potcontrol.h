@@ -17,6 +17,7 @@
 class PotControl : public SurfaceControlBase
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "PotControl")
     Q_PROPERTY(PotBinding::PotType type READ type WRITE setType NOTIFY typeChanged)
     Q_PROPERTY(QColor color READ color NOTIFY colorChanged)
     Q_PROPERTY(int position READ position WRITE setPosition NOTIFY positionChanged)

@@ -16,6 +16,7 @@
 class RgbLedControl : public SurfaceControlBase
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "RgbLedControl")
     Q_PROPERTY(RgbLedBinding::RgbLedType type READ type WRITE setType NOTIFY typeChanged)
     Q_PROPERTY(QColor color READ color NOTIFY colorChanged)
 

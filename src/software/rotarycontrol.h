@@ -16,6 +16,7 @@
 class RotaryControl : public SurfaceControlBase
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "RotaryControl")
     Q_PROPERTY(RotaryBinding::RotaryType type READ type WRITE setType NOTIFY typeChanged)
     Q_PROPERTY(bool touched READ touched WRITE setTouched NOTIFY touchedChanged)
     Q_PROPERTY(bool pressed READ pressed WRITE setPressed NOTIFY pressedChanged)

@@ -47,6 +47,7 @@ class SectionControl : public QObject,
                        private Velmora::Worksurface::SectionFaults::Line
 {
     Q_OBJECT
+    Q_CLASSINFO("QML.Element", "SectionControl")
     Q_PROPERTY(SurfaceConnection* connection READ connection WRITE setConnection)
     Q_PROPERTY(int sectionIndex READ sectionIndex WRITE setSectionIndex NOTIFY sectionIndexChanged)
     Q_PROPERTY(bool calibrating READ calibrating NOTIFY calibratingChanged)
