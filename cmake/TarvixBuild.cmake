@@ -182,3 +182,26 @@ function(tarvix_add_link_thread_run test)
         ENVIRONMENT "${environment};TARVIX_WORKSURFACE_LINK_THREAD=1"
         LABELS "${labels}" TIMEOUT ${timeout})
 endfunction()
+
+# tarvix_add_qmllint_test(<test> <folder>...)
+#
+# Qt 6's qmllint over every *.qml under the folders with <build>/qml on its import path, as
+# Qt Creator and qmlls see them (scripts/check-qml-imports.cmake): fails when an import, a
+# type of the module or a type its description names does not resolve, and lints the files
+# once more without <build>/qml to show that the module is then reported missing. Label
+# "qml". Qt 6 builds only: the check reads the JSON report of Qt 6's qmllint.
+function(tarvix_add_qmllint_test test)
+    if(NOT TARVIX_QT_MAJOR STREQUAL "6" OR NOT TARGET Qt6::qmllint)
+        return()
+    endif()
+    list(JOIN ARGN "|" folders)
+    string(REPLACE "/" "-" scratch "${test}")
+    add_test(NAME ${test}
+             COMMAND "${CMAKE_COMMAND}" -DQMLLINT=$<TARGET_FILE:Qt6::qmllint>
+                     -DQML_ROOT=${TARVIX_QML_ROOT}
+                     -DQT_QML_DIR=${QT6_INSTALL_PREFIX}/${QT6_INSTALL_QML}
+                     -DMODULE=Tarvix.Worksurface "-DSOURCES=${folders}"
+                     -DSCRATCH=${CMAKE_CURRENT_BINARY_DIR}/${scratch}-check
+                     -P "${PROJECT_SOURCE_DIR}/scripts/check-qml-imports.cmake")
+    set_tests_properties(${test} PROPERTIES LABELS "qml" TIMEOUT 60)
+endfunction()

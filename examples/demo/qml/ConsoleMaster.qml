@@ -72,7 +72,7 @@ Rectangle {
         active: true
         // The pot's light is the headphone logo.
         color: master.headphoneColor
-        onPotTurned: master.headphone = value
+        onPotTurned: (value) => master.headphone = value
     }
     // Levels on the console's meter scale: 135 and below shows nothing, 255 is full.
     MeterBinding {
@@ -129,7 +129,7 @@ Rectangle {
                 label: "MUTE"
                 led: Theme.mute
                 level: muteLed.on ? 1 : 0
-                onPress: if (held) master.muted = !master.muted
+                onPress: (held) => { if (held) master.muted = !master.muted }
             }
             FaderTrack {
                 anchors.horizontalCenter: parent.horizontalCenter
@@ -170,7 +170,7 @@ Rectangle {
                         touched: sideBinding.touched
                         pushed: sideBinding.pressed
                         text: master.sideValues[index]
-                        onTurned: master.bump(index, steps)
+                        onTurned: (steps) => master.bump(index, steps)
                         onClicked: colour = Theme.nextColor(colour)
                         RotaryBinding {
                             id: sideBinding
@@ -180,7 +180,7 @@ Rectangle {
                             index: side.slot
                             active: true
                             color: side.colour
-                            onRotaryRotated: master.bump(side.slot, value)
+                            onRotaryRotated: (value) => master.bump(side.slot, value)
                         }
                     }
                 }
@@ -290,7 +290,7 @@ Rectangle {
                         label: modelData.name
                         led: Theme.amber
                         level: ledBinding.on ? 1 : 0
-                        onPress: if (held) master.act(modelData.button)
+                        onPress: (held) => { if (held) master.act(modelData.button) }
                         ButtonBinding {
                             id: buttonBinding
                             connection: Surface.connection

@@ -60,7 +60,7 @@ Rectangle {
         index: strip.stripIndex
         active: true
         color: strip.ringColor
-        onRotaryRotated: strip.rotaryValue += value
+        onRotaryRotated: (value) => strip.rotaryValue += value
     }
     ButtonBinding {
         id: muteButton
@@ -119,7 +119,7 @@ Rectangle {
             touched: rotaryBinding.touched
             pushed: rotaryBinding.pressed
             text: strip.rotaryValue
-            onTurned: strip.rotaryValue += steps
+            onTurned: (steps) => strip.rotaryValue += steps
             onClicked: strip.ringColor = Theme.nextColor(strip.ringColor)
         }
         Row {
@@ -129,13 +129,13 @@ Rectangle {
                 label: "M"
                 led: Theme.mute
                 level: muteLed.on ? 1 : 0
-                onPress: if (held) strip.muted = !strip.muted
+                onPress: (held) => { if (held) strip.muted = !strip.muted }
             }
             Lamp {
                 label: "S"
                 led: Theme.solo
                 level: soloLed.on ? 1 : 0
-                onPress: if (held) strip.soloed = !strip.soloed
+                onPress: (held) => { if (held) strip.soloed = !strip.soloed }
             }
         }
         FaderTrack {

@@ -66,11 +66,11 @@ Item {
     MouseArea {
         anchors.fill: parent
         preventStealing: true
-        onPressed: {
+        onPressed: (mouse) => {
             fader.grabbed()
             fader.moved(fader.positionAt(mouse.y))
         }
-        onPositionChanged: fader.moved(fader.positionAt(mouse.y))
+        onPositionChanged: (mouse) => fader.moved(fader.positionAt(mouse.y))
         onReleased: fader.letGo()
         onCanceled: fader.letGo()
     }

@@ -35,12 +35,12 @@ Item {
         preventStealing: true
         property real startY: 0
         property bool dragged: false
-        onPressed: {
+        onPressed: (mouse) => {
             startY = mouse.y
             dragged = false
             knob.handOn(true)
         }
-        onPositionChanged: {
+        onPositionChanged: (mouse) => {
             var steps = Math.trunc((startY - mouse.y) / 6)
             if (steps !== 0) {
                 dragged = true
@@ -54,6 +54,6 @@ Item {
                 knob.clicked()
         }
         onCanceled: knob.handOn(false)
-        onWheel: knob.turned(wheel.angleDelta.y > 0 ? 1 : -1)
+        onWheel: (wheel) => knob.turned(wheel.angleDelta.y > 0 ? 1 : -1)
     }
 }

@@ -114,7 +114,7 @@ ApplicationWindow {
                 id: restMode
                 model: ["Rest: force minimum", "Rest: keep current"]
                 Layout.preferredWidth: 150
-                onActivated: Surface.faders.restMode =
+                onActivated: (index) => Surface.faders.restMode =
                              index === 0 ? RestMode.ForceMinimum : RestMode.KeepCurrent
             }
             Switch { id: bound; text: "Faders bound"; checked: true }

@@ -83,7 +83,7 @@ Rectangle {
                 led: Theme.mute
                 level: muteControl.brightness / 255
                 down: muteControl.pressed
-                onPress: muteControl.pressed = held
+                onPress: (held) => muteControl.pressed = held
             }
             FaderTrack {
                 anchors.horizontalCenter: parent.horizontalCenter
@@ -122,8 +122,8 @@ Rectangle {
                         ring: sideControl.color
                         touched: sideControl.touched
                         pushed: sideControl.pressed
-                        onTurned: sideControl.rotate(steps)
-                        onHandOn: sideControl.touched = on
+                        onTurned: (steps) => sideControl.rotate(steps)
+                        onHandOn: (on) => sideControl.touched = on
                         onClicked: {
                             sideControl.pressed = true
                             sideControl.pressed = false
@@ -149,7 +149,7 @@ Rectangle {
                         height: 40
                         ring: potControl.color
                         text: potControl.position
-                        onTurned: potControl.position = Math.max(0, Math.min(511, potControl.position + 8 * steps))
+                        onTurned: (steps) => potControl.position = Math.max(0, Math.min(511, potControl.position + 8 * steps))
                     }
                     Text {
                         text: "PHONES pos"
@@ -225,7 +225,7 @@ Rectangle {
                         led: Theme.amber
                         level: ledReader.brightness / 255
                         down: buttonControl.pressed
-                        onPress: buttonControl.pressed = held
+                        onPress: (held) => buttonControl.pressed = held
                         ButtonControl {
                             id: buttonControl
                             connection: Surface.connection

@@ -1,5 +1,4 @@
 import QtQuick 2.15
-import QtQuick.Controls 2.15
 import Tarvix.Worksurface 1.0
 
 // The worksurface itself, played by software controls: every section of the model with its

@@ -69,8 +69,8 @@ Rectangle {
             ring: rotaryControl.color
             touched: rotaryControl.touched
             pushed: rotaryControl.pressed
-            onTurned: rotaryControl.rotate(steps)
-            onHandOn: rotaryControl.touched = on
+            onTurned: (steps) => rotaryControl.rotate(steps)
+            onHandOn: (on) => rotaryControl.touched = on
             onClicked: {
                 rotaryControl.pressed = true
                 rotaryControl.pressed = false
@@ -84,14 +84,14 @@ Rectangle {
                 led: Theme.mute
                 level: muteControl.brightness / 255
                 down: muteControl.pressed
-                onPress: muteControl.pressed = held
+                onPress: (held) => muteControl.pressed = held
             }
             Lamp {
                 label: "S"
                 led: Theme.solo
                 level: soloControl.brightness / 255
                 down: soloControl.pressed
-                onPress: soloControl.pressed = held
+                onPress: (held) => soloControl.pressed = held
             }
         }
         FaderTrack {
