@@ -1,6 +1,8 @@
 # Installs the bench tool's part of the build tree into a scratch DESTDIR and checks that
-# the tool lands in the install prefix's bin/ and runs from there.
-#   cmake -DBUILD_DIR=<build> -DBIN_DIR=<the prefix's bin/, absolute> -DSCRATCH=<dir>
+# the tool lands in the install prefix's bin/ and runs from there, and its compressed manual
+# page in the prefix's man1/.
+#   cmake -DBUILD_DIR=<build> -DBIN_DIR=<the prefix's bin/, absolute>
+#         -DMAN_DIR=<the prefix's man/, absolute> -DSCRATCH=<dir>
 #         [-DEMULATOR=<program and arguments, |-separated>] -P check-install.cmake
 # A cross build runs the installed tool through EMULATOR.
 file(REMOVE_RECURSE "${SCRATCH}")
@@ -13,6 +15,10 @@ endif()
 set(tool "${SCRATCH}${BIN_DIR}/worksurface-tool")
 if(NOT EXISTS "${tool}")
     message(FATAL_ERROR "not installed: ${tool}\n${output}")
+endif()
+set(page "${SCRATCH}${MAN_DIR}/man1/worksurface-tool.1.gz")
+if(NOT EXISTS "${page}")
+    message(FATAL_ERROR "manual page not installed: ${page}\n${output}")
 endif()
 string(REPLACE "|" ";" emulator "${EMULATOR}")
 execute_process(COMMAND ${emulator} "${tool}" --version RESULT_VARIABLE result OUTPUT_VARIABLE version
