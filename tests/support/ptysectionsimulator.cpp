@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <termios.h>
+#include <time.h>
 #include <unistd.h>
 #include <QEventLoop>
 #include <QPair>
@@ -889,6 +890,30 @@ void PtySectionSimulator::answer(const QByteArray& bytes)
     sendRaw(bytes);
 }
 
+qint64 PtySectionSimulator::pacedAllowance()
+{
+    // A byte reaches the other end once the line has carried all ten of its bits: the
+    // queue's last byte is due (written + queued) byte times after pacing started.
+    const qint64 bytesPerSecond = m_pacedBaud / 10;
+    const qint64 nowNs = m_paceClock.nsecsElapsed();
+    const qint64 endNs = (m_pacedWritten + m_output.size()) * qint64(1000000000) / bytesPerSecond;
+    if (endNs - nowNs < 2 * kHalfTickNs) {
+        // All of it is due within a timer tick, as a section's short answer is: wait for
+        // its last byte here, to the microsecond, and write it whole. Sent at once, a
+        // one-byte ACK would beat the line by its 87 us, and every block of an update has
+        // three answers; left to the next tick it would be up to a millisecond late.
+        if (endNs > nowNs) {
+            const timespec pause{0, static_cast<long>(endNs - nowNs)};
+            nanosleep(&pause, nullptr);
+        }
+        return m_output.size();
+    }
+    // A longer stream goes on the 1 ms timer, half a tick ahead: bytes due before the middle
+    // of the next tick go now, so that on average they leave when the line would send
+    // them instead of up to a whole tick late.
+    return (nowNs + kHalfTickNs) * bytesPerSecond / 1000000000 - m_pacedWritten;
+}
+
 void PtySectionSimulator::pump()
 {
     if (!isOpen()) {
@@ -898,13 +923,7 @@ void PtySectionSimulator::pump()
     while (!m_output.isEmpty()) {
         qint64 allowed = m_output.size();
         if (m_pacedBaud > 0) {
-            const qint64 bytesPerSecond = m_pacedBaud / 10;
-            // Half a timer tick ahead: bytes due before the middle of the next 1 ms tick
-            // go now, so that on average they leave when the line would send them
-            // instead of up to a whole tick late.
-            const qint64 due =
-                (m_paceClock.nsecsElapsed() + kHalfTickNs) * bytesPerSecond / 1000000000 + 1;
-            allowed = qMin<qint64>(allowed, due - m_pacedWritten);
+            allowed = pacedAllowance();
             if (allowed <= 0) {
                 break;
             }

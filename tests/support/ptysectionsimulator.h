@@ -83,8 +83,9 @@ class QTimer;
 //
 // Writes from the simulator are queued and written without blocking. With
 // setPacedBaudRate() the queue is drained at the line's pace (baud / 10 bytes per second,
-// 8N1), which a benchmark uses to see the real 115200-baud timing; by default bytes go
-// out at once.
+// 8N1), which a benchmark uses to see the real 115200-baud timing: each byte reaches the
+// other end once the line has carried it (a short answer is waited for on the simulator's
+// thread, to the microsecond); by default bytes go out at once.
 class PtySectionSimulator : public QObject
 {
     Q_OBJECT
@@ -266,6 +267,8 @@ private:
     void handlePacket(uint8_t command, const QByteArray& payload);
     void answer(const QByteArray& bytes);
     void pump();
+    // How many queued bytes the paced line lets out now.
+    qint64 pacedAllowance();
     void closeFds();
     bool runEventLoopFor(int ms);
 
