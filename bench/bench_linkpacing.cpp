@@ -9,6 +9,9 @@
 // Both sections are played by PtySectionSimulators on a thread of their own, so that a busy
 // UI does not slow the "hardware" down, and both directions are paced at 115200 baud (the
 // simulator takes in what the plugin writes only when the line would have delivered it).
+// On a console each section answers from its own microcontroller; here the simulators share
+// the machine's CPUs with the links and the UI, and with BENCH_SECTIONS_RT set they run
+// under SCHED_FIFO so that, like the hardware, they never wait for a CPU.
 // Section 0 sits in its bootloader and receives a 256 KiB image; section 1 runs its
 // application and answers the link's pings. Reported:
 // - exchange_s: from connect() to section 0 leaving its bootloader (the Reset);
@@ -40,6 +43,10 @@
 #include <memory>
 #include <mutex>
 #include <vector>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 #include <sched.h>
 #include <unistd.h>
@@ -138,6 +145,25 @@ void pinToCpu(int cpu)
     sched_setaffinity(0, sizeof(set), &set);
 }
 
+// With BENCH_SECTIONS_RT set, the simulators' thread runs under SCHED_FIFO: the sections
+// then never wait for a CPU, as real sections, each on its own microcontroller, do not, and
+// what is left of the exchange's time beyond the line's is the links' own. Needs root (or
+// CAP_SYS_NICE); without it the run says so and plays the sections as usual.
+bool sectionsRealtime()
+{
+    return qEnvironmentVariableIsSet("BENCH_SECTIONS_RT");
+}
+
+void runRealtime()
+{
+    sched_param param{};
+    param.sched_priority = 10;
+    if (sched_setscheduler(0, SCHED_FIFO, &param) != 0) {
+        fprintf(stderr, "BENCH_SECTIONS_RT: cannot run the sections under SCHED_FIFO (%s)\n",
+                strerror(errno));
+    }
+}
+
 // The two sections, on their own thread.
 struct Sections
 {
@@ -149,6 +175,9 @@ struct Sections
         context.runAndWait([this]() {
             if (pinning()) {
                 pinToCpu(1);
+            }
+            if (sectionsRealtime()) {
+                runRealtime();
             }
             update = std::make_unique<PtySectionSimulator>();
             pings = std::make_unique<PtySectionSimulator>();

@@ -4,6 +4,7 @@
 #include <pty.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <termios.h>
 #include <time.h>
 #include <unistd.h>
@@ -22,6 +23,24 @@ namespace {
 
 // Pacing runs on a 1 ms precise timer; half of it, in nanoseconds.
 constexpr qint64 kHalfTickNs = 500000;
+
+// A paced line keeps time to the microsecond: the thread that plays it has its timers and
+// sleeps end when asked, not up to the kernel's default 50 us slack later (for every
+// answer of an update, a 50 us the real line does not take). Once per thread.
+void keepTimeTightly()
+{
+    static thread_local const bool tight = prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL) == 0;
+    (void)tight;
+}
+
+// Waits less than a timer tick on the simulator's thread (nothing for ns <= 0).
+void sleepFor(qint64 ns)
+{
+    if (ns > 0) {
+        const timespec pause{0, static_cast<long>(ns)};
+        nanosleep(&pause, nullptr);
+    }
+}
 
 // Frames the section accepts: length byte 3..25 (4..26 bytes).
 constexpr int MinFrameLength = 3;
@@ -623,17 +642,19 @@ void PtySectionSimulator::setPacedInputBaudRate(int baud)
 
 void PtySectionSimulator::deliverArrived()
 {
-    const qint64 nowNs = m_inputClock.isValid() ? m_inputClock.nsecsElapsed() : 0;
-    // As for the output, a chunk due within half a timer tick is taken in now and the
-    // timer is set to the nearest millisecond, so that chunks arrive on average when the
-    // line would deliver them (rounding every wait up would add half a tick to each of
-    // an exchange's round trips).
-    while (!m_arriving.isEmpty() && m_arriving.first().first <= nowNs + kHalfTickNs) {
+    keepTimeTightly();
+    // A chunk is taken in when the line has delivered its last byte: one due within a timer
+    // tick is waited for here, to the microsecond; a later one first on the timer, set to
+    // fire before it is due, and the rest then here. (Taken in at the nearest tick
+    // instead, a three-byte GetStatus would arrive 260 us early every block.)
+    while (!m_arriving.isEmpty()) {
+        const qint64 waitNs = m_arriving.first().first - m_inputClock.nsecsElapsed();
+        if (waitNs >= 2 * kHalfTickNs) {
+            m_arrivalTimer->start(static_cast<int>(waitNs / 1000000));
+            return;
+        }
+        sleepFor(waitNs);
         takeIn(m_arriving.takeFirst().second);
-    }
-    if (!m_arriving.isEmpty()) {
-        const qint64 waitNs = m_arriving.first().first - nowNs;
-        m_arrivalTimer->start(static_cast<int>(qMax<qint64>(1, (waitNs + kHalfTickNs) / 1000000)));
     }
 }
 
@@ -892,6 +913,7 @@ void PtySectionSimulator::answer(const QByteArray& bytes)
 
 qint64 PtySectionSimulator::pacedAllowance()
 {
+    keepTimeTightly();
     // A byte reaches the other end once the line has carried all ten of its bits: the
     // queue's last byte is due (written + queued) byte times after pacing started.
     const qint64 bytesPerSecond = m_pacedBaud / 10;
@@ -902,10 +924,7 @@ qint64 PtySectionSimulator::pacedAllowance()
         // its last byte here, to the microsecond, and write it whole. Sent at once, a
         // one-byte ACK would beat the line by its 87 us, and every block of an update has
         // three answers; left to the next tick it would be up to a millisecond late.
-        if (endNs > nowNs) {
-            const timespec pause{0, static_cast<long>(endNs - nowNs)};
-            nanosleep(&pause, nullptr);
-        }
+        sleepFor(endNs - nowNs);
         return m_output.size();
     }
     // A longer stream goes on the 1 ms timer, half a tick ahead: bytes due before the middle
