@@ -68,6 +68,7 @@ private slots:
     void peerMayCloseAndReopenTheLine();
     void hangUpEndsTheLineForBothEnds();
     void pacedRepliesTakeTheLinesTime();
+    void pacedInputArrivesWhenTheLineHasCarriedIt();
 
     void bootloaderExchangeStoresImageAndResetsIntoApplication();
     void bootloaderNaksPacketWithBadChecksum();
@@ -379,6 +380,27 @@ void TestPtySectionSimulator::pacedRepliesTakeTheLinesTime()
     m_sim->sendRaw(block);
     QCOMPARE(m_sim->pendingOutgoing(), 0);
     QVERIFY(peerReceives(block));
+}
+
+void TestPtySectionSimulator::pacedInputArrivesWhenTheLineHasCarriedIt()
+{
+    m_sim->setPacedInputBaudRate(115200);
+    QElapsedTimer clock;
+    qint64 arrivedNs = -1;
+    connect(m_sim.get(), &PtySectionSimulator::bytesReceived, this,
+            [&]() { arrivedNs = clock.nsecsElapsed(); });
+    // A GetStatus-sized packet is taken in no sooner than its 3 x 86.8 us (waited for on
+    // the simulator's thread), a SendData-sized one no sooner than its 67 (the timer, then
+    // the rest waited for).
+    for (const int size : {3, 67}) {
+        arrivedNs = -1;
+        clock.start();
+        m_port->write(QByteArray(size, '\x55'));
+        QVERIFY(m_port->waitForBytesWritten(Timeout));
+        QTRY_VERIFY_WITH_TIMEOUT(arrivedNs >= 0, Timeout);
+        QVERIFY2(arrivedNs >= size * 1000000000LL / 11520,
+                 qPrintable(QStringLiteral("%1 bytes after %2 ns").arg(size).arg(arrivedNs)));
+    }
 }
 
 void TestPtySectionSimulator::bootloaderExchangeStoresImageAndResetsIntoApplication()

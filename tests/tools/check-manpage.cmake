@@ -17,15 +17,20 @@ function(help_of out)
     set(${out} "${text}" PARENT_SCOPE)
 endfunction()
 
+# The first words of the lines of a block of the tool's help (between the regular
+# expressions `from` and `to`) that start with two spaces and a word matching `word`.
+function(entries_of out help from to word what)
+    string(REGEX MATCH "${from}\n(.*)\n${to}" _ "${help}")
+    string(REGEX MATCHALL "\n  ${word} " entries "\n${CMAKE_MATCH_1}")
+    list(TRANSFORM entries STRIP)
+    if(NOT entries)
+        message(FATAL_ERROR "no ${what} found in the tool's help:\n${help}")
+    endif()
+    set(${out} "${entries}" PARENT_SCOPE)
+endfunction()
+
 help_of(help)
-# The commands: the lines of the help's "Commands:" block that start with two spaces and a
-# word.
-string(REGEX MATCH "Commands:\n(.*)\n\nCommon options" _ "${help}")
-string(REGEX MATCHALL "\n  [a-z]+ " commands "\n${CMAKE_MATCH_1}")
-list(TRANSFORM commands STRIP)
-if(NOT commands)
-    message(FATAL_ERROR "no commands found in the tool's help:\n${help}")
-endif()
+entries_of(commands "${help}" "Commands:" "\nCommon options" "[a-z]+" commands)
 
 set(helps "${help}")
 foreach(command IN LISTS commands)
@@ -51,13 +56,11 @@ foreach(option IN LISTS options)
 endforeach()
 
 # Every exit code of the help's "Exit codes:" block, as a tagged paragraph of EXIT STATUS.
-string(REGEX MATCH "Exit codes:\n(.*)\nWith several" _ "${help}")
-string(REGEX MATCHALL "\n  ([0-9]+) " codes "\n${CMAKE_MATCH_1}")
-list(TRANSFORM codes STRIP)
-if(NOT codes)
-    message(FATAL_ERROR "no exit codes found in the tool's help:\n${help}")
-endif()
+entries_of(codes "${help}" "Exit codes:" "With several" "[0-9]+" "exit codes")
 string(FIND "${page}" "\n.SH EXIT STATUS\n" status_at)
+if(status_at EQUAL -1)
+    message(FATAL_ERROR "${PAGE} has no EXIT STATUS section")
+endif()
 string(SUBSTRING "${page}" ${status_at} -1 status_section)
 foreach(code IN LISTS codes)
     if(NOT status_section MATCHES "\n\\.TP\n\\.B ${code}\n")
