@@ -8,6 +8,7 @@
 #include "serial/linkthreadconnection.h"
 #include "serial/linkthreadcontroller.h"
 #include "serial/sectionconnection.h"
+#include "tasks/shortslice.h"
 #include "tasks/taskpool.h"
 #include "tasks/threadmailbox.h"
 #include "tasks/timedrive.h"
@@ -21,6 +22,11 @@ LinkRuntime::LinkRuntime(std::shared_ptr<Logger> logger)
 {
     m_thread.setObjectName(QStringLiteral("WorksurfaceThread"));
     m_toLinks->moveToThread(&m_thread);
+    // Links on this thread answer their sections from it: woken by an answer while the QML
+    // thread runs script, it gets a CPU at once instead of at the end of the QML thread's
+    // turn (a 256 KiB update with the QML thread spinning 8 ms in 16: 1.19 of the line's
+    // time with the kernel's default turn). Run on the thread as it starts.
+    QObject::connect(&m_thread, &QThread::started, [] { askForShortSlice(); });
 }
 
 LinkRuntime::~LinkRuntime()

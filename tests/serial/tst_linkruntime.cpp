@@ -5,7 +5,9 @@
 #include <QThread>
 #include <QtTest>
 #include <atomic>
+#include <cstdint>
 #include <memory>
+#include <thread>
 
 #include "base/logger.h"
 #include "serial/linkruntime.h"
@@ -19,6 +21,7 @@
 #include "support/logcapture.h"
 #include "support/recordingsoftwarecontroller.h"
 #include "tasks/itask.h"
+#include "tasks/shortslice.h"
 #include "tasks/taskpool.h"
 
 using namespace Velmora::Worksurface;
@@ -126,6 +129,7 @@ class TestLinkRuntime : public QObject
 private slots:
     void theThreadIsTheWorksurfaceThreadAndWaitsForStart();
     void aBuildOnTheThreadMakesItsPoolAndItsLinksThere();
+    void theThreadRunsInShortTurnsWhereTheKernelGrantsThem();
     void aStopClosesTheLinksOnTheirThreadAndLeavesThemWithTheirFaces();
     void aLinkThreadLateBy400msIsWaitedForAndNeverTerminated();
     void aCloseLongerThanTheBoundIsWarnedAboutAndWaitedFor();
@@ -167,6 +171,20 @@ void TestLinkRuntime::aBuildOnTheThreadMakesItsPoolAndItsLinksThere()
     bool running = false;
     rig.runtime->runOnLinkThread([&]() { running = pool->isRunning() && pool->isTimerActive(); });
     QVERIFY(running);
+}
+
+void TestLinkRuntime::theThreadRunsInShortTurnsWhereTheKernelGrantsThem()
+{
+    // What this kernel grants a thread that asks (nothing before Linux 6.12).
+    bool granted = false;
+    std::thread scratch([&granted]() { granted = askForShortSlice(); });
+    scratch.join();
+
+    Rig rig;
+    rig.runtime->start();
+    std::int64_t slice = -1;
+    rig.runtime->runOnLinkThread([&slice]() { slice = ownSliceNs(); });
+    QCOMPARE(slice == kShortSliceNs, granted);
 }
 
 void TestLinkRuntime::aStopClosesTheLinksOnTheirThreadAndLeavesThemWithTheirFaces()
