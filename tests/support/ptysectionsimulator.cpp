@@ -17,6 +17,8 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "tasks/shortslice.h"
+
 using namespace Velmora::Worksurface;
 
 namespace {
@@ -26,19 +28,37 @@ constexpr qint64 kHalfTickNs = 500000;
 
 // A paced line keeps time to the microsecond: the thread that plays it has its timers and
 // sleeps end when asked, not up to the kernel's default 50 us slack later (for every
-// answer of an update, a 50 us the real line does not take). Once per thread.
+// answer of an update, a 50 us the real line does not take), and it runs in short turns,
+// so that an answer due while another thread holds the CPU (a QML thread running script)
+// leaves when due instead of at the end of that thread's turn: a section answers from its
+// own microcontroller and never waits for the console's CPU. Once per thread.
 void keepTimeTightly()
 {
-    static thread_local const bool tight = prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL) == 0;
+    static thread_local const bool tight = [] {
+        const bool slack = prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL) == 0;
+        const bool turns = askForShortSlice();
+        return slack && turns;
+    }();
     (void)tight;
 }
 
-// Waits less than a timer tick on the simulator's thread (nothing for ns <= 0).
-void sleepFor(qint64 ns)
+// How much later than asked a sleep of under a millisecond ends: the kernel's wake-up, some
+// tens of microseconds (25 to 50 us on the 2-core build machine, more on a loaded one).
+constexpr qint64 kWakeUpNs = 60000;
+
+// Waits on the simulator's thread until `clock` reads `dueNs` (less than a timer tick away;
+// nothing if that has passed). A section's microcontroller answers within microseconds of
+// the last byte, so the sleep stops short by a wake-up and the rest is spun out on the clock:
+// slept to the end, every answer of an update would leave some 40 us late, twice per round
+// trip, 12,288 round trips for 256 KiB.
+void waitUntil(const QElapsedTimer& clock, qint64 dueNs)
 {
-    if (ns > 0) {
-        const timespec pause{0, static_cast<long>(ns)};
+    const qint64 sleepNs = dueNs - clock.nsecsElapsed() - kWakeUpNs;
+    if (sleepNs > 0) {
+        const timespec pause{0, static_cast<long>(sleepNs)};
         nanosleep(&pause, nullptr);
+    }
+    while (clock.nsecsElapsed() < dueNs) {
     }
 }
 
@@ -653,7 +673,7 @@ void PtySectionSimulator::deliverArrived()
             m_arrivalTimer->start(static_cast<int>(waitNs / 1000000));
             return;
         }
-        sleepFor(waitNs);
+        waitUntil(m_inputClock, m_arriving.first().first);
         takeIn(m_arriving.takeFirst().second);
     }
 }
@@ -924,7 +944,7 @@ qint64 PtySectionSimulator::pacedAllowance()
         // its last byte here, to the microsecond, and write it whole. Sent at once, a
         // one-byte ACK would beat the line by its 87 us, and every block of an update has
         // three answers; left to the next tick it would be up to a millisecond late.
-        sleepFor(endNs - nowNs);
+        waitUntil(m_paceClock, endNs);
         return m_output.size();
     }
     // A longer stream goes on the 1 ms timer, half a tick ahead: bytes due before the middle
