@@ -17,9 +17,9 @@ constexpr std::int64_t kShortSliceNs = 100000;
 // its other scheduling attributes are left as they are.
 bool askForShortSlice();
 
-// The calling thread's turn as the kernel reports it: the kernel's default (1.4 ms on a
-// 2-core machine) until the thread chose its own; 0 where the kernel does not say (before
-// Linux 6.12) or the thread does not run under the normal policy.
+// The calling thread's turn as the kernel reports it: the kernel's default (1.4 ms on the
+// 2-core build machine) until the thread chose its own; 0 where the kernel does not say
+// (before Linux 6.12) or the thread does not run under the normal policy.
 std::int64_t ownSliceNs();
 
 }  // namespace Velmora::Worksurface

@@ -49,8 +49,8 @@ constexpr qint64 kWakeUpNs = 60000;
 // Waits on the simulator's thread until `clock` reads `dueNs` (less than a timer tick away;
 // nothing if that has passed). A section's microcontroller answers within microseconds of
 // the last byte, so the sleep stops short by a wake-up and the rest is spun out on the clock:
-// slept to the end, every answer of an update would leave some 40 us late, twice per round
-// trip, 12,288 round trips for 256 KiB.
+// slept to the end, each paced answer and each short packet taken in would be some 40 us
+// late, five times in every block of an update.
 void waitUntil(const QElapsedTimer& clock, qint64 dueNs)
 {
     const qint64 sleepNs = dueNs - clock.nsecsElapsed() - kWakeUpNs;
