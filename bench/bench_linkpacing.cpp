@@ -10,8 +10,9 @@
 // UI does not slow the "hardware" down, and both directions are paced at 115200 baud (the
 // simulator takes in what the plugin writes only when the line would have delivered it).
 // On a console each section answers from its own microcontroller; here the simulators share
-// the machine's CPUs with the links and the UI, and with BENCH_SECTIONS_RT set they run
-// under SCHED_FIFO so that, like the hardware, they never wait for a CPU.
+// the machine's CPUs with the links and the UI, in short turns (as the links' thread runs),
+// and with BENCH_SECTIONS_RT set they run under SCHED_FIFO so that, like the hardware, they
+// never wait for a CPU.
 // Section 0 sits in its bootloader and receives a 256 KiB image; section 1 runs its
 // application and answers the link's pings. Reported:
 // - exchange_s: from connect() to section 0 leaving its bootloader (the Reset);
